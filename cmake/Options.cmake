@@ -1,0 +1,25 @@
+# Two sets of options: every target of the project takes tessel-options; the code that ships (not the tests,
+# which use GoogleTest as it is built) takes tessel-product-options on top.
+
+add_library(tessel-options INTERFACE)
+target_include_directories(tessel-options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(tessel-options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<BOOL:${TESSEL_WARNINGS_AS_ERRORS}>:-Werror>)
+if(TESSEL_SANITIZE)
+  target_compile_options(tessel-options INTERFACE
+    -fsanitize=${TESSEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tessel-options INTERFACE -fsanitize=${TESSEL_SANITIZE})
+endif()
+
+add_library(tessel-product-options INTERFACE)
+target_link_libraries(tessel-product-options INTERFACE tessel-options)
+target_compile_options(tessel-product-options INTERFACE
+  -fno-exceptions -fno-rtti -fstack-protector-strong -fvisibility=hidden)
+# The fortified calls need an optimising build and get in the way of the sanitizers' own checks.
+if(NOT TESSEL_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  target_compile_options(tessel-product-options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  target_link_options(tessel-product-options INTERFACE -Wl,-z,relro,-z,now)
+endif()

@@ -1,0 +1,80 @@
+#include "tests/support/testSupport.h"
+
+#include "daemon/serviceLog.h"
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+std::string Take(char *text)
+{
+   const std::unique_ptr<char, Freed> owned(text);
+   return text != nullptr ? std::string(text) : std::string("<null>");
+}
+
+ScratchFolder::ScratchFolder()
+{
+   std::string pattern = (std::filesystem::temp_directory_path() / "tessel-XXXXXX").string();
+   if (mkdtemp(pattern.data()) == nullptr) {
+      abort();
+   }
+   path_ = pattern;
+}
+
+ScratchFolder::~ScratchFolder()
+{
+   std::error_code ignored;
+   std::filesystem::remove_all(path_, ignored);
+}
+
+std::string ScratchFolder::Path(const std::string &name) const
+{
+   return name.empty() ? path_ : path_ + "/" + name;
+}
+
+CapturedLog::CapturedLog()
+{
+   ServiceImpl_LogOpen(folder_.Path("log").c_str());
+}
+
+CapturedLog::~CapturedLog()
+{
+   ServiceImpl_LogOpen("/dev/stdout");
+}
+
+std::string CapturedLog::Raw() const
+{
+   return ReadFile(folder_.Path("log"));
+}
+
+std::string CapturedLog::Text() const
+{
+   static const std::regex prefix(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| )");
+   return std::regex_replace(Raw(), prefix, "");
+}
+
+std::string ReadFile(const std::string &path)
+{
+   std::ifstream file(path, std::ios::binary);
+   std::ostringstream content;
+   content << file.rdbuf();
+   return content.str();
+}
+
+void WriteFile(const std::string &path, const std::string &content)
+{
+   std::ofstream(path, std::ios::binary) << content;
+}
+
+void LogToStandardError()
+{
+   ServiceImpl_LogOpen("/dev/stderr");
+}
+
+int main(int argc, char **argv)
+{
+   setenv("TZ", "UTC", 1);
+   testing::InitGoogleTest(&argc, argv);
+   return RUN_ALL_TESTS();
+}

@@ -1,0 +1,64 @@
+#ifndef TESSEL_TESTS_SUPPORT_TESTSUPPORT_H
+#define TESSEL_TESTS_SUPPORT_TESTSUPPORT_H
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+
+struct Freed {
+   void operator()(void *block) const
+   {
+      free(block);
+   }
+};
+
+/* Takes a malloc'ed string that a routine returned, and gives it as a std::string; null gives "<null>". */
+std::string Take(char *text);
+
+/* A folder of the test's own, removed with all it holds at the end of the scope. */
+class ScratchFolder {
+public:
+   ScratchFolder();
+   ~ScratchFolder();
+   ScratchFolder(const ScratchFolder &) = delete;
+   ScratchFolder &operator=(const ScratchFolder &) = delete;
+
+   /* The folder's path, or that of a name in it. */
+   [[nodiscard]] std::string Path(const std::string &name = "") const;
+
+private:
+   std::string path_;
+};
+
+/* Sends the log to a file of its own while it lives. */
+class CapturedLog {
+public:
+   CapturedLog();
+   ~CapturedLog();
+
+   /* All that was logged so far, as written. */
+   [[nodiscard]] std::string Raw() const;
+
+   /* The same without the timestamp prefixes. */
+   [[nodiscard]] std::string Text() const;
+
+private:
+   ScratchFolder folder_;
+};
+
+std::string ReadFile(const std::string &path);
+void WriteFile(const std::string &path, const std::string &content);
+
+/* The statement ends the process through Panic with a text that matches the regular expression. */
+#define EXPECT_PANIC(statement, textRegex)                                                                    \
+   EXPECT_EXIT(                                                                                               \
+      {                                                                                                       \
+         LogToStandardError();                                                                                \
+         statement;                                                                                           \
+      },                                                                                                      \
+      ::testing::ExitedWithCode(1), "\\| Panic: " textRegex)
+
+void LogToStandardError();
+
+#endif
