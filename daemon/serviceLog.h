@@ -10,8 +10,8 @@
    buffer and no lock. Log, Warning and Panic of lib/public/program.h are defined here. */
 
 /* Sends all later messages to the file at path, which is created with mode 0644 or emptied. Until the first call
-   they go to standard output. If the file cannot be opened nothing is reported, and logging is off for the rest
-   of the process. An earlier log file is not closed. */
+   they go to standard output. If the file cannot be opened nothing is reported, and logging is off for the
+   rest of the process. An earlier log file is not closed. */
 void ServiceImpl_LogOpen(const char *path);
 
 /* Writes one message: timestamp, tag (tagLength bytes), formatted text, in three write calls whose failures are

@@ -7,11 +7,11 @@
    precision. Both systems give the same digits. Safe to call from several threads at once. */
 
 struct DecimalDigits {
-   char *text;          /* The digits, or for a special value its text ("inf", "-inf", "nan", any case), ended by
-                           NUL. Points to inlineText or to a block of its own. */
-   size_t length;       /* Bytes in text, without the NUL. */
-   int exponent;        /* Place of the decimal point: the value is 0.DIGITS x 10^exponent. 9999 if special. */
-   bool negative;       /* The value has a minus sign; -0.0 included, NaN never. */
+   char *text;    /* The digits, or for a special value its text ("inf", "-inf", "nan", any case), ended by
+                     NUL. Points to inlineText or to a block of its own. */
+   size_t length; /* Bytes in text, without the NUL. */
+   int exponent;  /* Place of the decimal point: the value is 0.DIGITS x 10^exponent. 9999 if special. */
+   bool negative; /* The value has a minus sign; -0.0 included, NaN never. */
    char inlineText[344]; /* Room for the usual requests, so that they allocate nothing. */
 };
 

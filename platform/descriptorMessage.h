@@ -13,7 +13,7 @@ enum class DescriptorMessageResult {
 };
 
 /* Waits for one message. The data byte of whatever arrives, a refused message included, is stored in *byte.
-   *descriptor is written only with Received; that descriptor is closed on exec. Never retried on EINTR. */
+ *descriptor is written only with Received; that descriptor is closed on exec. Never retried on EINTR. */
 [[nodiscard]] DescriptorMessageResult DescriptorMessage_Receive(int socket, uint8_t *byte, int *descriptor);
 
 /* Sends *byte with one descriptor, which stays the caller's. False with errno set. A peer that has gone raises

@@ -27,7 +27,8 @@ struct QueueEvent {
 [[nodiscard]] bool EventQueue_Wait(int queue, QueueEvent *event);
 
 /* To be called before every close of a descriptor that may be watched: nothing is reported for it any more, even
-   if another process still holds the same open file. Does nothing for one that is not watched. Keeps errno. */
+   if another process still holds the same open file. Does nothing for one that is not watched. Keeps errno.
+ */
 void EventQueue_Forget(int descriptor);
 
 #endif

@@ -12,8 +12,10 @@
 
 /* The internal forms, for callers that want their own place in the message. bugNumber -1: none. */
 [[nodiscard]] void *UtilSafeMallocInternal(size_t size, int32_t bugNumber, const char *file, int line);
-[[nodiscard]] void *UtilSafeReallocInternal(void *block, size_t size, int32_t bugNumber, const char *file, int line);
-[[nodiscard]] void *UtilSafeCallocInternal(size_t count, size_t size, int32_t bugNumber, const char *file, int line);
+[[nodiscard]] void *UtilSafeReallocInternal(void *block, size_t size, int32_t bugNumber, const char *file,
+                                            int line);
+[[nodiscard]] void *UtilSafeCallocInternal(size_t count, size_t size, int32_t bugNumber, const char *file,
+                                           int line);
 [[nodiscard]] char *UtilSafeStrdupInternal(const char *string, int32_t bugNumber, const char *file, int line);
 [[nodiscard]] char *UtilSafeStrndupInternal(const char *string, size_t n, int32_t bugNumber, const char *file,
                                             int line);

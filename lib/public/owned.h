@@ -23,7 +23,7 @@ template <typename T> using Owned = std::unique_ptr<T, FreeKeepingErrno>;
 
 /* Owner of a descriptor inside a routine. Closes it at the end of the scope, errno kept; -1 owns nothing. */
 class OwnedDescriptor {
-public:
+ public:
    explicit OwnedDescriptor(int fd = -1) : fd_(fd)
    {
    }
@@ -66,7 +66,7 @@ public:
       errno = saved;
    }
 
-private:
+ private:
    int fd_;
 };
 

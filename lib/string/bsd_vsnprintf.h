@@ -10,9 +10,9 @@ int Fmt_Format(char **output, const char *grouping, char thousandsSep, const cha
                const char *format, va_list args);
 
 int Fmt_Vsnprintf(char **output, size_t size, const char *format, va_list args)
-   __attribute__((format(printf, 3, 0)));
+    __attribute__((format(printf, 3, 0)));
 
 int Fmt_VsnprintfCLocale(char **output, size_t size, const char *format, va_list args)
-   __attribute__((format(printf, 3, 0)));
+    __attribute__((format(printf, 3, 0)));
 
 #endif

@@ -14,7 +14,8 @@ int Str_SprintfCLocale(char *buffer, size_t maxSize, const char *format, ...) FO
 [[nodiscard]] char *Str_Asprintf(size_t *length, const char *format, ...) FORMAT_ARGUMENTS(2, 3);
 [[nodiscard]] char *Str_Vasprintf(size_t *length, const char *format, va_list args) FORMAT_ARGUMENTS(2, 0);
 [[nodiscard]] char *Str_SafeAsprintf(size_t *length, const char *format, ...) FORMAT_ARGUMENTS(2, 3);
-[[nodiscard]] char *Str_SafeVasprintf(size_t *length, const char *format, va_list args) FORMAT_ARGUMENTS(2, 0);
+[[nodiscard]] char *Str_SafeVasprintf(size_t *length, const char *format, va_list args)
+    FORMAT_ARGUMENTS(2, 0);
 
 char *Str_Strcpy(char *destination, const char *source, size_t maxSize);
 char *Str_Strncpy(char *destination, size_t destinationSize, const char *source, size_t n);

@@ -2,10 +2,26 @@
 
 #include "daemon/serviceLog.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
+#include <string_view>
+
+namespace {
+
+/* A '0' of the pattern stands for any digit, everything else for itself. */
+bool LooksLike(std::string_view text, std::string_view pattern)
+{
+   if (text.size() < pattern.size()) {
+      return false;
+   }
+   return std::equal(pattern.begin(), pattern.end(), text.begin(), [](char wanted, char found) {
+      return wanted == '0' ? found >= '0' && found <= '9' : wanted == found;
+   });
+}
+
+} // namespace
 
 std::string Take(char *text)
 {
@@ -50,8 +66,17 @@ std::string CapturedLog::Raw() const
 
 std::string CapturedLog::Text() const
 {
-   static const std::regex prefix(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| )");
-   return std::regex_replace(Raw(), prefix, "");
+   static constexpr std::string_view pattern = "0000-00-00T00:00:00.000| ";
+   const std::string raw = Raw();
+   std::string text;
+   for (size_t i = 0; i < raw.size();) {
+      if (LooksLike(std::string_view(raw).substr(i), pattern)) {
+         i += pattern.size();
+      } else {
+         text += raw[i++];
+      }
+   }
+   return text;
 }
 
 std::string ReadFile(const std::string &path)

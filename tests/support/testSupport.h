@@ -18,7 +18,7 @@ std::string Take(char *text);
 
 /* A folder of the test's own, removed with all it holds at the end of the scope. */
 class ScratchFolder {
-public:
+ public:
    ScratchFolder();
    ~ScratchFolder();
    ScratchFolder(const ScratchFolder &) = delete;
@@ -27,13 +27,13 @@ public:
    /* The folder's path, or that of a name in it. */
    [[nodiscard]] std::string Path(const std::string &name = "") const;
 
-private:
+ private:
    std::string path_;
 };
 
 /* Sends the log to a file of its own while it lives. */
 class CapturedLog {
-public:
+ public:
    CapturedLog();
    ~CapturedLog();
 
@@ -43,7 +43,7 @@ public:
    /* The same without the timestamp prefixes. */
    [[nodiscard]] std::string Text() const;
 
-private:
+ private:
    ScratchFolder folder_;
 };
 
@@ -51,13 +51,13 @@ std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content);
 
 /* The statement ends the process through Panic with a text that matches the regular expression. */
-#define EXPECT_PANIC(statement, textRegex)                                                                    \
-   EXPECT_EXIT(                                                                                               \
-      {                                                                                                       \
-         LogToStandardError();                                                                                \
-         statement;                                                                                           \
-      },                                                                                                      \
-      ::testing::ExitedWithCode(1), "\\| Panic: " textRegex)
+#define EXPECT_PANIC(statement, textRegex)                                                                   \
+   EXPECT_EXIT(                                                                                              \
+       {                                                                                                     \
+          LogToStandardError();                                                                              \
+          statement;                                                                                         \
+       },                                                                                                    \
+       ::testing::ExitedWithCode(1), "\\| Panic: " textRegex)
 
 void LogToStandardError();
 
