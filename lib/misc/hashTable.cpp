@@ -27,6 +27,10 @@ struct HashEntry {
    /* A copied key follows in the same block. */
 };
 
+struct HashBucket {
+   HashEntry *head;
+};
+
 } // namespace
 
 /* Three fields are changed while other threads read an atomic table: a bucket's head, an entry's value, the count.
@@ -38,7 +42,7 @@ struct HashTable {
    bool atomic;
    bool copyKeys;
    HashTableFreeValue freeValue;
-   HashEntry **buckets;
+   HashBucket *buckets;
    uint64_t count;
 };
 
@@ -46,7 +50,7 @@ namespace {
 
 HashEntry *HashTableHead(const HashTable *table, uint32_t bucket)
 {
-   return std::atomic_ref(table->buckets[bucket]).load(std::memory_order_acquire);
+   return std::atomic_ref(table->buckets[bucket].head).load(std::memory_order_acquire);
 }
 
 void *HashTableValue(HashEntry *entry)
@@ -157,7 +161,7 @@ void HashTableCountUp(HashTable *table)
 
 bool HashTableLink(HashTable *table, uint32_t bucket, HashEntry *head, HashEntry *entry)
 {
-   const std::atomic_ref slot(table->buckets[bucket]);
+   const std::atomic_ref slot(table->buckets[bucket].head);
    entry->next = head;
    if (!table->atomic) {
       slot.store(entry, std::memory_order_relaxed);
@@ -243,7 +247,7 @@ HashTable *HashTable_Alloc(uint32_t bucketCount, uint32_t flags, HashTableFreeVa
        .atomic = (flags & HASH_FLAG_ATOMIC) != 0,
        .copyKeys = (flags & HASH_FLAG_COPYKEY) != 0 && keyType < HASH_INT_KEY,
        .freeValue = freeValue,
-       .buckets = static_cast<HashEntry **>(Util_SafeCalloc(bucketCount, sizeof(HashEntry *))),
+       .buckets = static_cast<HashBucket *>(Util_SafeCalloc(bucketCount, sizeof(HashBucket))),
        .count = 0,
    };
    return table;
@@ -282,8 +286,8 @@ void HashTable_FreeUnsafe(HashTable *table)
 void HashTable_Clear(HashTable *table)
 {
    for (uint32_t bucket = 0; bucket < table->bucketCount; bucket++) {
-      while (HashEntry *entry = table->buckets[bucket]) {
-         table->buckets[bucket] = entry->next;
+      while (HashEntry *entry = table->buckets[bucket].head) {
+         table->buckets[bucket].head = entry->next;
          HashTableDiscardValue(table, entry->value);
          free(entry);
       }
@@ -352,7 +356,7 @@ bool HashTable_Lookup(const HashTable *table, const void *key, void **value)
 
 bool HashTable_LookupAndDelete(HashTable *table, const void *key, void **value)
 {
-   HashEntry **link = &table->buckets[HashTableBucket(table, key)];
+   HashEntry **link = &table->buckets[HashTableBucket(table, key)].head;
    while (*link != nullptr && !HashTableMatches(table->keyType, (*link)->key, key)) {
       link = &(*link)->next;
    }
