@@ -194,5 +194,6 @@ bool CodeSet_Validate(const char *buffer, size_t length, const char *encodingNam
 
 bool CodeSet_IsEncodingSupported(const char *name)
 {
-   return CodeSetInit_UsesIcu() ? CodeSetIcu_IsEncodingSupported(name) : UnicodeIANALookup(name) != ENCODING_UNKNOWN;
+   return CodeSetInit_UsesIcu() ? CodeSetIcu_IsEncodingSupported(name)
+                                : UnicodeIANALookup(name) != ENCODING_UNKNOWN;
 }

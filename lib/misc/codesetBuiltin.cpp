@@ -203,7 +203,8 @@ Owned<char> SwappedCopy(const void *input, size_t length)
 
 size_t AsciiRunLength(const unsigned char *next, const unsigned char *end)
 {
-   return static_cast<size_t>(std::find_if(next, end, [](unsigned char byte) { return byte >= 0x80; }) - next);
+   return static_cast<size_t>(std::find_if(next, end, [](unsigned char byte) { return byte >= 0x80; }) -
+                              next);
 }
 
 /* How much of the input one substitute stands for. */
@@ -304,7 +305,8 @@ bool CodeSetBuiltin_Utf8ToUtf16le(const void *input, size_t length, DynBuf *outp
       }
       uint32_t codePoint;
       const int n = CodeSetDecodeUtf8(next, end, &codePoint);
-      if (n == 0 || CodeSetIsSurrogate(codePoint) || codePoint > UNICODE_LAST_CODE_POINT || !writer.MakeRoom()) {
+      if (n == 0 || CodeSetIsSurrogate(codePoint) || codePoint > UNICODE_LAST_CODE_POINT ||
+          !writer.MakeRoom()) {
          return false;
       }
       writer.next = EncodeUtf16(codePoint, writer.next);

@@ -13,8 +13,8 @@ struct DynBuf;
 [[nodiscard]] bool CodeSetIcu_SetDataFile(const char *path);
 
 /* As CodeSet_ConvertToBuffer, CodeSet_Validate and CodeSet_IsEncodingSupported on ICU. */
-[[nodiscard]] bool CodeSetIcu_Convert(const char *sourceName, const void *input, size_t length, const char *targetName,
-                                      uint32_t mode, DynBuf *output);
+[[nodiscard]] bool CodeSetIcu_Convert(const char *sourceName, const void *input, size_t length,
+                                      const char *targetName, uint32_t mode, DynBuf *output);
 [[nodiscard]] bool CodeSetIcu_Validate(const char *buffer, size_t length, const char *encodingName);
 [[nodiscard]] bool CodeSetIcu_IsEncodingSupported(const char *name);
 

@@ -23,9 +23,9 @@ constexpr std::array<uint8_t, 256> MakeByteClasses()
       uint8_t byteClass;
    };
    constexpr Range ranges[] = {
-       {0x00, 0x7F, 0},  {0x80, 0x8F, 1}, {0x90, 0x9F, 9}, {0xA0, 0xBF, 7},  {0xC0, 0xC1, 8},
-       {0xC2, 0xDF, 2},  {0xE0, 0xE0, 10}, {0xE1, 0xEC, 3}, {0xED, 0xED, 4},  {0xEE, 0xEF, 3},
-       {0xF0, 0xF0, 11}, {0xF1, 0xF3, 6}, {0xF4, 0xF4, 5}, {0xF5, 0xFF, 8},
+       {0x00, 0x7F, 0},  {0x80, 0x8F, 1},  {0x90, 0x9F, 9}, {0xA0, 0xBF, 7}, {0xC0, 0xC1, 8},
+       {0xC2, 0xDF, 2},  {0xE0, 0xE0, 10}, {0xE1, 0xEC, 3}, {0xED, 0xED, 4}, {0xEE, 0xEF, 3},
+       {0xF0, 0xF0, 11}, {0xF1, 0xF3, 6},  {0xF4, 0xF4, 5}, {0xF5, 0xFF, 8},
    };
    std::array<uint8_t, 256> classes{};
    for (const Range &range : ranges) {
@@ -47,7 +47,8 @@ constexpr uint8_t transition[STATES][CLASS_COLUMNS] = {
 };
 
 /* The same automaton for the walk: a row for each byte, holding the next state of all nine states in six bits each, and a
-   state held as the position of its bits. A step is then one shift, not two loads that wait for each other. */
+   state held as the position of its bits. A step is then one shift, not two loads that wait for each other.
+ */
 
 constexpr unsigned int STATE_BITS = 6;
 constexpr uint64_t STATE_MASK = (1U << STATE_BITS) - 1;
@@ -177,7 +178,8 @@ bool CodeSet_Utf8ToUtf32(const char *string, uint32_t **output)
    if (count < 0 || static_cast<uint64_t>(count) >= UINT32_MAX) {
       return false;
    }
-   auto *units = static_cast<uint32_t *>(Util_SafeMalloc((static_cast<size_t>(count) + 1) * sizeof(uint32_t)));
+   auto *units =
+       static_cast<uint32_t *>(Util_SafeMalloc((static_cast<size_t>(count) + 1) * sizeof(uint32_t)));
    const char *const end = string + strlen(string);
    uint32_t *next = units;
    while (string < end) {

@@ -17,7 +17,7 @@ struct EncodingRow {
    uint32_t windowsCodePage;
    EncodingId encoding;
    bool usable;
-   int32_t preferredIndex; /* into names */
+   int32_t preferredIndex;                              /* into names */
    std::array<const char *, ENCODING_NAME_SLOTS> names; /* ends with a null pointer */
 };
 

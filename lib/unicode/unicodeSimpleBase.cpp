@@ -97,8 +97,8 @@ char *AllocStrict(const void *buffer, size_t length, EncodingId encoding)
       }
       break;
    default:
-      converted = CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8", CODESET_REFUSE,
-                                  &string, nullptr);
+      converted = CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8",
+                                  CODESET_REFUSE, &string, nullptr);
       break;
    }
    return converted ? string : nullptr;
@@ -117,7 +117,8 @@ char *Unicode_AllocWithLength(const void *buffer, ssize_t lengthInBytes, Encodin
    if (string == nullptr) {
       const Owned<char> escaped(UnicodeEscapeBuffer(buffer, static_cast<ssize_t>(length), encoding));
       Panic("%s: Couldn't convert invalid buffer [%s] from %s to Unicode.\n", "Unicode_AllocWithLength",
-            escaped != nullptr ? escaped.get() : "(couldn't escape bytes)", Unicode_EncodingEnumToName(encoding));
+            escaped != nullptr ? escaped.get() : "(couldn't escape bytes)",
+            Unicode_EncodingEnumToName(encoding));
    }
    return string;
 }
@@ -171,8 +172,8 @@ void *Unicode_GetAllocBytesWithLength(const char *string, EncodingId encoding, s
       }
       return TerminatedCopy(string, length);
    default:
-      return CodeSet_Convert("UTF-8", string, length, Unicode_EncodingEnumToName(encoding), CODESET_REFUSE, &bytes,
-                             outLength)
+      return CodeSet_Convert("UTF-8", string, length, Unicode_EncodingEnumToName(encoding), CODESET_REFUSE,
+                             &bytes, outLength)
                  ? bytes
                  : nullptr;
    }
@@ -217,7 +218,8 @@ bool Unicode_IsBufferValid(const void *buffer, ssize_t lengthInBytes, EncodingId
    case ENCODING_US_ASCII:
       return IsAscii(buffer, length);
    default:
-      return CodeSet_Validate(static_cast<const char *>(buffer), length, Unicode_EncodingEnumToName(encoding));
+      return CodeSet_Validate(static_cast<const char *>(buffer), length,
+                              Unicode_EncodingEnumToName(encoding));
    }
 }
 

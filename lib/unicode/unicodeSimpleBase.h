@@ -8,9 +8,9 @@
 #include <sys/types.h>
 
 /* Strings of the foundation library are valid, zero-terminated UTF-8; these routines make them from buffers in any
-   encoding and turn them back. Every string, buffer and array returned is malloc'ed and the caller's to free. A length of
-   -1 means up to the terminating zero unit; ENCODING_DEFAULT is the current encoding. Running out of memory ends the
-   process, as does an encoding that is none. */
+   encoding and turn them back. Every string, buffer and array returned is malloc'ed and the caller's to free.
+   A length of -1 means up to the terminating zero unit; ENCODING_DEFAULT is the current encoding. Running out
+   of memory ends the process, as does an encoding that is none. */
 
 /* A string from a buffer, or null for a null one. What the encoding has no character for is substituted where the
    conversion engine can; a buffer that cannot be converted ends the process. */
@@ -33,8 +33,8 @@
 [[nodiscard]] char *Unicode_AllocFromEscapedLiteral(const char *text, bool unescape);
 
 /* The string in another encoding, with a terminator after it that the length does not count; null if the encoding cannot
-   hold it. lengthInBytes is that of the string, or -1. A string that is not valid UTF-8 ends the process where
-   UTF-16LE is asked for, and passes unseen where UTF-8 is. */
+   hold it. lengthInBytes is that of the string, or -1. A string that is not valid UTF-8 ends the process
+   where UTF-16LE is asked for, and passes unseen where UTF-8 is. */
 [[nodiscard]] void *Unicode_GetAllocBytesWithLength(const char *string, EncodingId encoding,
                                                     ssize_t lengthInBytes, size_t *outLength);
 
@@ -49,10 +49,10 @@
 [[nodiscard]] char **Unicode_GetAllocList(const char *const *strings, ssize_t count, EncodingId encoding);
 
 /* Copies a string into a fixed buffer in the given encoding, terminated, and returns whether all of it fitted. What does
-   not fit is cut: in UTF-8 and UTF-16LE between characters, elsewhere between bytes. The number of bytes without the
-   terminator goes to *bytesWritten, if asked for. A string that the encoding cannot hold gives an empty one and
-   false; a destination too small for the terminator is left alone. Encodings other than UTF-16LE get a terminator of
-   one byte, even wide ones. */
+   not fit is cut: in UTF-8 and UTF-16LE between characters, elsewhere between bytes. The number of bytes
+   without the terminator goes to *bytesWritten, if asked for. A string that the encoding cannot hold gives an
+   empty one and false; a destination too small for the terminator is left alone. Encodings other than
+   UTF-16LE get a terminator of one byte, even wide ones. */
 bool Unicode_CopyBytes(void *destination, const char *string, size_t destinationBytes, size_t *bytesWritten,
                        EncodingId encoding);
 

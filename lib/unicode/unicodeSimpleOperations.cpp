@@ -17,6 +17,9 @@ char *Unicode_Join(const char *first, ...)
          break;
       }
       joined.reset(Str_Asprintf(nullptr, "%s%s", joined.get(), next));
+      if (joined == nullptr) {
+         Panic("Unrecoverable memory allocation failure\n");
+      }
    }
    va_end(further);
    return joined.release();

@@ -28,8 +28,8 @@ std::atomic<EncodingId> currentEncoding{ENCODING_UNKNOWN};
 
 HashTable *NameCache()
 {
-   return HashTable_AllocOnce(&nameCache, CACHE_BUCKETS, HASH_ISTRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY,
-                              nullptr);
+   return HashTable_AllocOnce(&nameCache, CACHE_BUCKETS,
+                              HASH_ISTRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
 }
 
 template <typename Matches> std::optional<RowIndex> FindRowByName(Matches matches)

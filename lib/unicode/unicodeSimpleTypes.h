@@ -27,9 +27,10 @@ constexpr EncodingId ENCODING_WINDOWS_1252 = 35;
 constexpr EncodingId ENCODING_COUNT = 324;
 
 /* The encoding that a name or alias stands for, or ENCODING_UNKNOWN. "windows-" (or "Windows-") and a number are a code
-   page; otherwise a name is matched exactly and, if that fails, by its letters and digits without regard to case. A name
-   that matches nothing is logged, every time. What a name resolved to is remembered, without regard to case, so that a
-   spelling can be answered with what another spelling found. Safe to call concurrently. */
+   page; otherwise a name is matched exactly and, if that fails, by its letters and digits without regard to
+   case. A name that matches nothing is logged, every time. What a name resolved to is remembered, without
+   regard to case, so that a spelling can be answered with what another spelling found. Safe to call
+   concurrently. */
 EncodingId UnicodeIANALookup(const char *name);
 
 /* Forgets what lookups remembered. Not to be called while lookups run. */
