@@ -1,0 +1,22 @@
+#include "platform/posix/descriptorMessageSide.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+/* The wire and the kernel fix these. */
+static_assert(SOL_SOCKET == 0xffff);
+static_assert(SCM_RIGHTS == 1);
+static_assert(sizeof(struct cmsghdr) == 12);
+static_assert(CMSG_LEN(sizeof(int)) == 16 && CMSG_SPACE(sizeof(int)) == 16);
+
+const int DESCRIPTOR_MESSAGE_RECEIVE_FLAGS = 0;
+
+bool DescriptorMessageIsHangUp([[maybe_unused]] int error)
+{
+   return false;
+}
+
+void DescriptorMessageCloseOnExec(int descriptor)
+{
+   fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+}
