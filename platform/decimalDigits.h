@@ -3,27 +3,30 @@
 
 #include <cstddef>
 
-/* Correctly rounded (to nearest, ties to even on the exact binary value) decimal digits of a double, at any
-   precision. Both systems give the same digits. Safe to call from several threads at once. */
+/* Correctly rounded (to nearest, a tie on the exact binary value to even) decimal digits of a finite double. Both
+   systems give the same digits. Safe to call from several threads at once; may take a lock, may touch errno.
+ */
 
+/* No double has more significant digits, or digits further behind the decimal point, than these: what lies beyond
+   is zeros, so that callers with a larger precision ask for this much and add them. */
+constexpr int DECIMAL_DIGITS_MAX_SIGNIFICANT = 767;
+constexpr int DECIMAL_DIGITS_MAX_PLACES = 1074;
+
+/* The sign is the caller's business: digits are those of the magnitude. */
 struct DecimalDigits {
-   char *text;    /* The digits, or for a special value its text ("inf", "-inf", "nan", any case), ended by
-                     NUL. Points to inlineText or to a block of its own. */
-   size_t length; /* Bytes in text, without the NUL. */
-   int exponent;  /* Place of the decimal point: the value is 0.DIGITS x 10^exponent. 9999 if special. */
-   bool negative; /* The value has a minus sign; -0.0 included, NaN never. */
-   char inlineText[344]; /* Room for the usual requests, so that they allocate nothing. */
+   const char *text; /* The digits, within buffer; no NUL. */
+   size_t length;
+   int exponent; /* Place of the decimal point: the magnitude is 0.DIGITS x 10^exponent. */
+   char buffer[1 + 309 + 1 + DECIMAL_DIGITS_MAX_PLACES];
 };
 
-/* Exactly count significant digits of value, count at least 1. False, with nothing to free, if memory runs out. */
+/* Exactly count significant digits, count from 1 to DECIMAL_DIGITS_MAX_SIGNIFICANT. Zero gives count zeros with
+   exponent 1. False, with *digits undefined, if memory runs out. */
 [[nodiscard]] bool DecimalDigits_Significant(DecimalDigits *digits, double value, int count);
 
-/* The digits of value down to the count-th place after the decimal point, count at least 0, without leading
-   zeros: a value that rounds to zero at that place gives no digits at all. False, with nothing to free, if
-   memory runs out. */
+/* The digits down to the count-th place after the decimal point, count from 1 to DECIMAL_DIGITS_MAX_PLACES, without
+   leading zeros: exponent + count of them. A value that rounds to zero at that place gives no digits and an
+   exponent of -count. False, with *digits undefined, if memory runs out. */
 [[nodiscard]] bool DecimalDigits_Fixed(DecimalDigits *digits, double value, int count);
-
-/* Releases what one of the routines above took. */
-void DecimalDigits_Free(DecimalDigits *digits);
 
 #endif

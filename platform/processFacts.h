@@ -4,8 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 
-/* Copies the path of the running executable, as the system reports it (it may hold links and relative
-   components), with its NUL to buffer. False if it does not fit in size bytes or is not known. */
+/* Copies the path of the running executable, as the system reports it (it may hold links and relative components),
+   with its NUL to buffer. False, with the content of buffer undefined, if that needs more than size bytes or
+   the path is not known. */
 [[nodiscard]] bool ProcessFacts_ExecutablePath(char *buffer, size_t size);
 
 /* Reads an integer that the system publishes under a name into *value. False with errno set and *value

@@ -54,8 +54,7 @@ void ToolProcessOpenStandardStreams()
    int fd;
 
    do {
-      fd =
-          open("/dev/null", O_RDWR);
+      fd = open("/dev/null", O_RDWR);
    } while (fd >= 0 && fd < FIRST_AFTER_STANDARD_STREAMS);
    if (fd >= FIRST_AFTER_STANDARD_STREAMS) {
       close(fd);

@@ -3,10 +3,15 @@
 
 #include <cstdint>
 
+/* An encoding: 0 to 323, or one of the two special values below. */
 using EncodingId = int32_t;
 
+/* A name that matched nothing, or an encoding that is known but not usable. */
 constexpr EncodingId ENCODING_UNKNOWN = -2;
+
+/* The current encoding of the process, resolved on use. */
 constexpr EncodingId ENCODING_DEFAULT = -1;
+
 constexpr EncodingId ENCODING_UTF8 = 0;
 constexpr EncodingId ENCODING_UTF16_LE = 1;
 constexpr EncodingId ENCODING_UTF16_BE = 2;
@@ -18,12 +23,30 @@ constexpr EncodingId ENCODING_US_ASCII = 7;
 constexpr EncodingId ENCODING_ISO_8859_1 = 8;
 constexpr EncodingId ENCODING_WINDOWS_1252 = 35;
 
+/* How many identifiers there are, the special ones not counted. */
+constexpr EncodingId ENCODING_COUNT = 324;
+
+/* The encoding that a name or alias stands for, or ENCODING_UNKNOWN. "windows-" (or "Windows-") and a number are a code
+   page; otherwise a name is matched exactly and, if that fails, by its letters and digits without regard to
+   case. A name that matches nothing is logged, every time. What a name resolved to is remembered, without
+   regard to case, so that a spelling can be answered with what another spelling found. Safe to call
+   concurrently. */
 EncodingId UnicodeIANALookup(const char *name);
+
+/* Forgets what lookups remembered. Not to be called while lookups run. */
+void UnicodeIANACacheFree();
+
+/* The preferred name of an encoding: a constant. An identifier that stands for no encoding ends the process. */
 const char *Unicode_EncodingEnumToName(EncodingId encoding);
+
+/* The encoding itself, or the current one for ENCODING_DEFAULT. */
 EncodingId Unicode_ResolveEncoding(EncodingId encoding);
+
+/* The current encoding; looked up once for the process, or anew every time. */
 EncodingId Unicode_GetCurrentEncoding();
 EncodingId Unicode_GetCurrentEncodingUncached();
+
+/* Whether this is an encoding proper; the special values are not. */
 bool Unicode_IsEncodingValid(EncodingId encoding);
-void UnicodeIANACacheFree();
 
 #endif

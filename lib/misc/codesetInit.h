@@ -1,0 +1,12 @@
+#ifndef TESSEL_LIB_MISC_CODESETINIT_H
+#define TESSEL_LIB_MISC_CODESETINIT_H
+
+#include "lib/public/program.h"
+
+/* Whether conversions run on ICU. */
+[[nodiscard]] bool CodeSetInit_UsesIcu();
+
+/* The work of CodeSet_Init, with the program's resolver of location keys as an argument; it may be null. */
+void CodeSetInit_FindIcu(const char *dataDirectory, LocationLookup lookup);
+
+#endif

@@ -1,0 +1,192 @@
+#include "lib/string/bsd_vsnprintf.h"
+
+#include "lib/string/formatArguments.h"
+#include "lib/string/formatDirective.h"
+#include "lib/string/formatFloat.h"
+#include "lib/string/formatInteger.h"
+#include "lib/string/formatLocale.h"
+#include "lib/string/formatSink.h"
+#include "lib/string/formatText.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+/* Everything a conversion works with. */
+struct FormatCall {
+   FormatSink *sink;
+   FormatArguments *arguments;
+   FormatLocale *locale;
+};
+
+/* The count so far, through a pointer to an integer of the width that the size prefixes say. */
+void FormatStoreCount(unsigned flags, void *target, int64_t count)
+{
+   if ((flags & WIDE_INTEGER_FLAGS) != 0) {
+      *static_cast<int64_t *>(target) = count;
+   } else if ((flags & SHORTINT) != 0) {
+      *static_cast<int16_t *>(target) = static_cast<int16_t>(count);
+   } else if ((flags & CHARINT) != 0) {
+      *static_cast<int8_t *>(target) = static_cast<int8_t>(count);
+   } else {
+      *static_cast<int32_t *>(target) = static_cast<int32_t>(count);
+   }
+}
+
+/* The conversions whose output never has a sign. */
+bool FormatConvertUnsigned(const FormatCall &call, Directive *directive)
+{
+   const unsigned flags = directive->flags;
+
+   directive->sign = '\0';
+   switch (directive->conversion) {
+   case 's':
+   case 'S':
+      if ((flags & LONGINT) != 0) {
+         return Text_PutWideString(call.sink, *directive,
+                                   static_cast<const wchar_t *>(call.arguments->TakePointer()));
+      }
+      return Text_PutString(call.sink, *directive, static_cast<const char *>(call.arguments->TakePointer()));
+   case 'c':
+   case 'C':
+      if ((flags & LONGINT) != 0) {
+         return Text_PutWideCharacter(call.sink, *directive, static_cast<wint_t>(call.arguments->TakeInt()));
+      }
+      return Text_PutByte(call.sink, *directive, static_cast<char>(call.arguments->TakeInt()));
+   case 'u':
+   case 'U':
+      return Integer_PutUnsigned(call.sink, directive, call.arguments->TakeUnsigned(flags), call.locale);
+   case 'o':
+   case 'O':
+      return Integer_PutOctal(call.sink, directive, call.arguments->TakeUnsigned(flags));
+   case 'x':
+   case 'X':
+      return Integer_PutHexadecimal(call.sink, directive, call.arguments->TakeUnsigned(flags));
+   case 'p':
+      return Integer_PutHexadecimal(call.sink, directive,
+                                    reinterpret_cast<uintptr_t>(call.arguments->TakePointer()));
+   case 'n':
+      FormatStoreCount(flags, call.arguments->TakePointer(), call.sink->count);
+      return true;
+   default: /* '%' among them */
+      return Text_PutByte(call.sink, *directive, directive->conversion);
+   }
+}
+
+bool FormatConvert(const FormatCall &call, Directive *directive)
+{
+   switch (directive->conversion) {
+   case 'd':
+   case 'i':
+   case 'D':
+      return Integer_PutSigned(call.sink, directive, call.arguments->TakeSigned(directive->flags),
+                               call.locale);
+   case 'e':
+   case 'E':
+   case 'f':
+   case 'F':
+   case 'g':
+   case 'G':
+      return Float_Put(call.sink, directive, call.arguments->TakeReal(directive->flags), call.locale);
+   default:
+      return FormatConvertUnsigned(call, directive);
+   }
+}
+
+bool FormatPutLiteral(FormatSink *sink, const char *text, size_t length)
+{
+   if (!Sink_Announce(sink, length)) {
+      return false;
+   }
+   Sink_Put(sink, text, length);
+   return true;
+}
+
+bool FormatRun(const FormatCall &call, const char *format)
+{
+   for (;;) {
+      const char *const run = format;
+      while (*format != '\0' && *format != '%') {
+         format++;
+      }
+      if (format != run && !FormatPutLiteral(call.sink, run, static_cast<size_t>(format - run))) {
+         return false;
+      }
+      if (*format == '\0') {
+         return true;
+      }
+      Directive directive;
+      format = Directive_Scan(format + 1, &directive, call.arguments);
+      if (directive.conversion == '\0') {
+         return true;
+      }
+      if (!FormatConvert(call, &directive)) {
+         return false;
+      }
+   }
+}
+
+int FormatInto(FormatSink *sink, FormatLocale *locale, const char *format, va_list args)
+{
+   FormatArguments arguments(format, args);
+   const bool complete = FormatRun({sink, &arguments, locale}, format);
+
+   Sink_Terminate(sink);
+   return complete ? static_cast<int>(sink->count) : -1;
+}
+
+int FormatAllocating(char **output, FormatLocale *locale, const char *format, va_list args)
+{
+   FormatSink sink;
+
+   if (!Sink_InitAllocating(&sink, strlen(format))) {
+      return -1;
+   }
+   const int result = FormatInto(&sink, locale, format, args);
+   if (result < 0) {
+      free(sink.start);
+   } else {
+      *output = sink.start;
+   }
+   return result;
+}
+
+int FormatFixed(char *buffer, size_t size, FormatLocale *locale, const char *format, va_list args)
+{
+   FormatSink sink;
+
+   Sink_InitFixed(&sink, buffer, size);
+   return FormatInto(&sink, locale, format, args);
+}
+
+/* What the engine calls may set errno; callers format messages about errno before they look at it. */
+int FormatWithLocale(char **output, FormatLocale locale, size_t size, const char *format, va_list args)
+{
+   const int savedErrno = errno;
+   const int result = *output == nullptr ? FormatAllocating(output, &locale, format, args)
+                                         : FormatFixed(*output, size, &locale, format, args);
+
+   errno = savedErrno;
+   return result;
+}
+
+} // namespace
+
+int Fmt_Format(char **output, const char *grouping, char thousandsSep, const char *decimalPoint, size_t size,
+               const char *format, va_list args)
+{
+   return FormatWithLocale(output, {grouping, thousandsSep, decimalPoint, false}, size, format, args);
+}
+
+int Fmt_Vsnprintf(char **output, size_t size, const char *format, va_list args)
+{
+   return FormatWithLocale(output, {nullptr, '\0', nullptr, true}, size, format, args);
+}
+
+int Fmt_VsnprintfCLocale(char **output, size_t size, const char *format, va_list args)
+{
+   return Fmt_Format(output, nullptr, ',', ".", size, format, args);
+}

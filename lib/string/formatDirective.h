@@ -1,0 +1,207 @@
+#ifndef TESSEL_LIB_STRING_FORMATDIRECTIVE_H
+#define TESSEL_LIB_STRING_FORMATDIRECTIVE_H
+
+#include <climits>
+#include <cstdint>
+
+/* Private to the formatting engine: one directive of a format, from its '%' to its conversion character, and the
+   scanner that reads it. */
+
+enum FormatFlag : unsigned {
+   ALT = 1U << 0,      /* '#' */
+   LADJUST = 1U << 1,  /* '-', or a negative '*' width */
+   LONGINT = 1U << 2,  /* 'l' */
+   LLONGINT = 1U << 3, /* "ll", 'q', 'L', "I64": 64 bits, long double */
+   SHORTINT = 1U << 4, /* 'h' */
+   CHARINT = 1U << 5,  /* "hh" */
+   ZEROPAD = 1U << 6,  /* '0' */
+   GROUPING = 1U << 7, /* '\'' */
+   SIZET = 1U << 8,    /* 'z', 'Z', 'I' */
+   PTRDIFFT = 1U << 9, /* 't' */
+   INTMAXT = 1U << 10, /* 'j' */
+};
+
+constexpr unsigned WIDE_INTEGER_FLAGS = LONGINT | LLONGINT | SIZET | PTRDIFFT | INTMAXT;
+
+/* A number too large for an int is read as this one: as a width or a precision it makes the result overflow. */
+constexpr int64_t FORMAT_NUMBER_LIMIT = static_cast<int64_t>(INT_MAX) + 1;
+
+struct Directive {
+   unsigned flags = 0;
+   char sign = '\0';   /* '+' or ' ' as asked for; a conversion sets '-', or takes it away */
+   char prefix = '\0'; /* 'x' or 'X': set by a conversion that wants "0x" or "0X" */
+   char conversion = '\0';
+   int64_t width = 0;
+   int64_t precision = -1; /* -1: none given */
+};
+
+inline int64_t DirectiveScanNumber(const char **position)
+{
+   int64_t number = 0;
+
+   for (; **position >= '0' && **position <= '9'; ++*position) {
+      number = number * 10 + (**position - '0');
+      if (number > FORMAT_NUMBER_LIMIT) {
+         number = FORMAT_NUMBER_LIMIT;
+      }
+   }
+   return number;
+}
+
+/* The value of a '*' whose text starts at *position: that of the numbered argument if "n$" follows, else that of
+   the next one. Digits without '$' are left where they are. */
+template <typename Source> int DirectiveScanStar(const char **position, Source *source)
+{
+   const char *after = *position;
+   const int64_t index = DirectiveScanNumber(&after);
+
+   if (*after != '$') {
+      return source->TakeInt();
+   }
+   *position = after + 1;
+   return source->TakeIntAt(index);
+}
+
+template <typename Source>
+void DirectiveScanWidthStar(const char **position, Directive *directive, Source *source)
+{
+   const int64_t width = DirectiveScanStar(position, source);
+
+   if (width < 0) {
+      directive->flags |= LADJUST;
+   }
+   directive->width = width < 0 ? -width : width;
+}
+
+template <typename Source>
+void DirectiveScanPrecision(const char **position, Directive *directive, Source *source)
+{
+   if (**position == '*') {
+      ++*position;
+      const int precision = DirectiveScanStar(position, source);
+      directive->precision = precision < 0 ? -1 : precision;
+   } else {
+      directive->precision = DirectiveScanNumber(position);
+   }
+}
+
+/* "I" alone is the size of size_t; "I32" an int; "I64" 64 bits. */
+inline void DirectiveScanSizeI(const char **position, Directive *directive)
+{
+   const char *const p = *position;
+
+   if (p[0] == '3' && p[1] == '2') {
+      *position += 2;
+   } else if (p[0] == '6' && p[1] == '4') {
+      *position += 2;
+      directive->flags |= LLONGINT;
+   } else {
+      directive->flags |= SIZET;
+   }
+}
+
+/* The second of a pair ("hh", "ll") replaces the flag of the first. */
+inline void DirectiveSetOrDouble(Directive *directive, unsigned once, unsigned twice)
+{
+   if ((directive->flags & once) != 0) {
+      directive->flags ^= once | twice;
+   } else {
+      directive->flags |= once;
+   }
+}
+
+/* Reads the directive whose text follows a '%' into *directive (fresh), and returns the place after its conversion
+   character. Flags, width, precision and size prefixes come in any order; the first character that is none of
+   them is the conversion. A format that ends first gives the conversion '\0' and the place of its NUL.
+
+   Source gives the values of '*': TakeInt() the next argument, TakeIntAt(index) a numbered one; Select(index)
+   makes a numbered argument the next. */
+template <typename Source>
+const char *Directive_Scan(const char *position, Directive *directive, Source *source)
+{
+   for (;;) {
+      const char c = *position++;
+      switch (c) {
+      case ' ':
+         if (directive->sign == '\0') {
+            directive->sign = ' ';
+         }
+         break;
+      case '+':
+         directive->sign = '+';
+         break;
+      case '#':
+         directive->flags |= ALT;
+         break;
+      case '-':
+         directive->flags |= LADJUST;
+         break;
+      case '0':
+         directive->flags |= ZEROPAD;
+         break;
+      case '\'':
+         directive->flags |= GROUPING;
+         break;
+      case '1':
+      case '2':
+      case '3':
+      case '4':
+      case '5':
+      case '6':
+      case '7':
+      case '8':
+      case '9': {
+         --position;
+         const int64_t number = DirectiveScanNumber(&position);
+         if (*position == '$') {
+            ++position;
+            source->Select(number);
+         } else {
+            directive->width = number;
+         }
+         break;
+      }
+      case '*':
+         DirectiveScanWidthStar(&position, directive, source);
+         break;
+      case '.':
+         DirectiveScanPrecision(&position, directive, source);
+         break;
+      case 'h':
+         DirectiveSetOrDouble(directive, SHORTINT, CHARINT);
+         break;
+      case 'l':
+         DirectiveSetOrDouble(directive, LONGINT, LLONGINT);
+         break;
+      case 'q':
+      case 'L':
+         directive->flags |= LLONGINT;
+         break;
+      case 'j':
+         directive->flags |= INTMAXT;
+         break;
+      case 't':
+         directive->flags |= PTRDIFFT;
+         break;
+      case 'z':
+      case 'Z':
+         directive->flags |= SIZET;
+         break;
+      case 'I':
+         DirectiveScanSizeI(&position, directive);
+         break;
+      case 'C':
+      case 'D':
+      case 'O':
+      case 'S':
+      case 'U':
+         directive->flags |= LONGINT;
+         [[fallthrough]];
+      default:
+         directive->conversion = c;
+         return c == '\0' ? position - 1 : position;
+      }
+   }
+}
+
+#endif

@@ -1,0 +1,261 @@
+#include "lib/unicode/unicodeSimpleBase.h"
+
+#include "lib/misc/codeset.h"
+#include "lib/misc/codesetUtf8.h"
+#include "lib/misc/escape.h"
+#include "lib/misc/util.h"
+#include "lib/public/owned.h"
+#include "lib/public/program.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr const char *MODULE = "lib/unicode/unicodeSimpleBase";
+
+constexpr EscapeTable MakeUnprintable()
+{
+   EscapeTable table{};
+   for (size_t byte = 0; byte < table.size(); byte++) {
+      table[byte] = byte < 0x20 || byte == '\\' || byte >= 0x7F ? 1 : 0;
+   }
+   return table;
+}
+
+constexpr EscapeTable unprintable = MakeUnprintable();
+
+/* The number of units before the zero unit. The buffer need not be aligned for them. */
+template <typename Unit> size_t CountUnits(const void *buffer)
+{
+   const auto *bytes = static_cast<const char *>(buffer);
+   for (size_t count = 0;; count++) {
+      Unit unit;
+      memcpy(&unit, bytes + count * sizeof unit, sizeof unit);
+      if (unit == 0) {
+         return count;
+      }
+   }
+}
+
+size_t KnownLength(const void *buffer, ssize_t lengthInBytes, EncodingId encoding)
+{
+   return lengthInBytes < 0 ? Unicode_LengthInBytes(buffer, encoding) : static_cast<size_t>(lengthInBytes);
+}
+
+size_t ListLength(const char *const *list, ssize_t count)
+{
+   if (count >= 0) {
+      return static_cast<size_t>(count);
+   }
+   size_t length = 0;
+   while (list[length] != nullptr) {
+      length++;
+   }
+   return length;
+}
+
+bool IsAscii(const void *buffer, size_t length)
+{
+   const auto *bytes = static_cast<const unsigned char *>(buffer);
+   return std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte < 0x80; });
+}
+
+char *TerminatedCopy(const char *string, size_t length)
+{
+   auto *copy = static_cast<char *>(Util_SafeMalloc(length + 1));
+   if (length != 0) {
+      memcpy(copy, string, length);
+   }
+   copy[length] = '\0';
+   return copy;
+}
+
+char *AllocLenient(const void *buffer, size_t length, EncodingId encoding)
+{
+   char *string = nullptr;
+   const bool converted = CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8",
+                                          CODESET_SUBSTITUTE, &string, nullptr);
+   return converted ? string : nullptr;
+}
+
+char *AllocStrict(const void *buffer, size_t length, EncodingId encoding)
+{
+   char *string = nullptr;
+   bool converted = false;
+   const auto *bytes = static_cast<const char *>(buffer);
+   switch (encoding) {
+   case ENCODING_UTF16_LE:
+      converted = CodeSet_Utf16leToUtf8(bytes, length, &string, nullptr);
+      break;
+   case ENCODING_UTF8:
+   case ENCODING_US_ASCII:
+      if (Unicode_IsBufferValid(buffer, static_cast<ssize_t>(length), encoding)) {
+         string = Util_SafeStrndup(bytes, length);
+         converted = true;
+      }
+      break;
+   default:
+      converted = CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8",
+                                  CODESET_REFUSE, &string, nullptr);
+      break;
+   }
+   return converted ? string : nullptr;
+}
+
+} // namespace
+
+char *Unicode_AllocWithLength(const void *buffer, ssize_t lengthInBytes, EncodingId encoding)
+{
+   if (buffer == nullptr) {
+      return nullptr;
+   }
+   encoding = Unicode_ResolveEncoding(encoding);
+   const size_t length = KnownLength(buffer, lengthInBytes, encoding);
+   char *string = UnicodeAllocInternal(buffer, static_cast<ssize_t>(length), encoding, false);
+   if (string == nullptr) {
+      const Owned<char> escaped(UnicodeEscapeBuffer(buffer, static_cast<ssize_t>(length), encoding));
+      Panic("%s: Couldn't convert invalid buffer [%s] from %s to Unicode.\n", "Unicode_AllocWithLength",
+            escaped != nullptr ? escaped.get() : "(couldn't escape bytes)",
+            Unicode_EncodingEnumToName(encoding));
+   }
+   return string;
+}
+
+char *UnicodeAllocInternal(const void *buffer, ssize_t lengthInBytes, EncodingId encoding, bool strict)
+{
+   if (buffer == nullptr) {
+      return nullptr;
+   }
+   encoding = Unicode_ResolveEncoding(encoding);
+   const size_t length = KnownLength(buffer, lengthInBytes, encoding);
+   return strict ? AllocStrict(buffer, length, encoding) : AllocLenient(buffer, length, encoding);
+}
+
+char *UnicodeEscapeBuffer(const void *buffer, ssize_t lengthInBytes, EncodingId encoding)
+{
+   const size_t length = KnownLength(buffer, lengthInBytes, Unicode_ResolveEncoding(encoding));
+   return Escape_Bytes("\\x", unprintable, buffer, length, nullptr);
+}
+
+char **Unicode_AllocList(const char *const *buffers, ssize_t count, EncodingId encoding)
+{
+   const size_t length = ListLength(buffers, count);
+   auto **strings = static_cast<char **>(Util_SafeCalloc(length, sizeof(char *)));
+   for (size_t i = 0; i < length; i++) {
+      strings[i] = Unicode_AllocWithLength(buffers[i], -1, encoding);
+   }
+   return strings;
+}
+
+void *Unicode_GetAllocBytesWithLength(const char *string, EncodingId encoding, ssize_t lengthInBytes,
+                                      size_t *outLength)
+{
+   encoding = Unicode_ResolveEncoding(encoding);
+   const size_t length = KnownLength(string, lengthInBytes, ENCODING_UTF8);
+   char *bytes = nullptr;
+   switch (encoding) {
+   case ENCODING_UTF16_LE:
+      if (!CodeSet_Utf8ToUtf16le(string, length, &bytes, outLength)) {
+         Panic("NOT_IMPLEMENTED %s:%d\n", MODULE, __LINE__);
+      }
+      return bytes;
+   case ENCODING_US_ASCII:
+      if (!IsAscii(string, length)) {
+         return nullptr;
+      }
+      [[fallthrough]];
+   case ENCODING_UTF8:
+      if (outLength != nullptr) {
+         *outLength = length;
+      }
+      return TerminatedCopy(string, length);
+   default:
+      return CodeSet_Convert("UTF-8", string, length, Unicode_EncodingEnumToName(encoding), CODESET_REFUSE,
+                             &bytes, outLength)
+                 ? bytes
+                 : nullptr;
+   }
+}
+
+void *Unicode_GetAllocBytes(const char *string, EncodingId encoding)
+{
+   return string == nullptr ? nullptr : Unicode_GetAllocBytesWithLength(string, encoding, -1, nullptr);
+}
+
+bool Unicode_CanGetBytesWithEncoding(const char *string, EncodingId encoding)
+{
+   const Owned<void> bytes(Unicode_GetAllocBytes(string, encoding));
+   return string == nullptr || bytes != nullptr;
+}
+
+char **Unicode_GetAllocList(const char *const *strings, ssize_t count, EncodingId encoding)
+{
+   const size_t length = ListLength(strings, count);
+   auto **list = static_cast<char **>(Util_SafeCalloc(length, sizeof(char *)));
+   for (size_t i = 0; i < length; i++) {
+      list[i] = static_cast<char *>(Unicode_GetAllocBytes(strings[i], encoding));
+      if (list[i] == nullptr && strings[i] != nullptr) {
+         std::for_each_n(list, i, free);
+         free(list);
+         return nullptr;
+      }
+   }
+   return list;
+}
+
+bool Unicode_IsBufferValid(const void *buffer, ssize_t lengthInBytes, EncodingId encoding)
+{
+   if (buffer == nullptr) {
+      return true;
+   }
+   encoding = Unicode_ResolveEncoding(encoding);
+   const size_t length = KnownLength(buffer, lengthInBytes, encoding);
+   switch (encoding) {
+   case ENCODING_UTF8:
+      return CodeSet_IsValidUtf8Buffer(buffer, length);
+   case ENCODING_US_ASCII:
+      return IsAscii(buffer, length);
+   default:
+      return CodeSet_Validate(static_cast<const char *>(buffer), length,
+                              Unicode_EncodingEnumToName(encoding));
+   }
+}
+
+size_t Unicode_LengthInBytes(const void *buffer, EncodingId encoding)
+{
+   switch (Unicode_ResolveEncoding(encoding)) {
+   case ENCODING_UTF16_LE:
+   case ENCODING_UTF16_BE:
+   case ENCODING_UTF16:
+      return CountUnits<char16_t>(buffer) * sizeof(char16_t);
+   case ENCODING_UTF32_LE:
+   case ENCODING_UTF32_BE:
+   case ENCODING_UTF32:
+      return CountUnits<char32_t>(buffer) * sizeof(char32_t);
+   default:
+      return strlen(static_cast<const char *>(buffer));
+   }
+}
+
+ssize_t Unicode_LengthInCodePoints(const char *string)
+{
+   return CodeSet_LengthInCodePoints(string);
+}
+
+size_t Unicode_UTF16Strlen(const char16_t *string)
+{
+   return CountUnits<char16_t>(string);
+}
+
+char16_t *Unicode_UTF16Strdup(const char16_t *string)
+{
+   if (string == nullptr) {
+      return nullptr;
+   }
+   const size_t bytes = (Unicode_UTF16Strlen(string) + 1) * sizeof(char16_t);
+   auto *copy = static_cast<char16_t *>(Util_SafeMalloc(bytes));
+   memcpy(copy, string, bytes);
+   return copy;
+}
