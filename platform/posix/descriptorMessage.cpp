@@ -79,6 +79,11 @@ DescriptorMessageResult DescriptorMessage_Receive(int socket, uint8_t *byte, int
 
 bool DescriptorMessage_Send(int socket, const uint8_t *byte, int descriptor)
 {
+   return DescriptorMessageSend(socket, byte, descriptor, 0);
+}
+
+bool DescriptorMessageSend(int socket, const uint8_t *byte, int descriptor, int flags)
+{
    Message message;
 
    DescriptorMessagePrepare(&message, const_cast<uint8_t *>(byte));
@@ -87,5 +92,5 @@ bool DescriptorMessage_Send(int socket, const uint8_t *byte, int descriptor)
    record->cmsg_type = SCM_RIGHTS;
    record->cmsg_len = CMSG_LEN(sizeof(int));
    memcpy(CMSG_DATA(record), &descriptor, sizeof descriptor);
-   return sendmsg(socket, &message.header, 0) != -1;
+   return sendmsg(socket, &message.header, flags) != -1;
 }

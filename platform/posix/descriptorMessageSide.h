@@ -1,7 +1,9 @@
 #ifndef TESSEL_PLATFORM_POSIX_DESCRIPTORMESSAGESIDE_H
 #define TESSEL_PLATFORM_POSIX_DESCRIPTORMESSAGESIDE_H
 
-/* Where the two systems differ in receiving descriptors; platform/posix/descriptorMessage.cpp is the rest. */
+#include <cstdint>
+
+/* Where the two systems differ in passing descriptors; platform/posix/descriptorMessage.cpp is the rest. */
 
 /* Flags for recvmsg that have received descriptors closed on exec, if the system has such. They come back in the
    message's own flags. */
@@ -12,5 +14,8 @@ bool DescriptorMessageIsHangUp(int error);
 
 /* Has a received descriptor closed on exec where the flags above did not. */
 void DescriptorMessageCloseOnExec(int descriptor);
+
+/* DescriptorMessage_Send with these flags for sendmsg. */
+bool DescriptorMessageSend(int socket, const uint8_t *byte, int descriptor, int flags);
 
 #endif

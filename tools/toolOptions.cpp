@@ -1,0 +1,73 @@
+#include "tools/toolOptions.h"
+
+#include "lib/public/program.h"
+#include "tools/toolExit.h"
+#include "tools/toolReport.h"
+
+#include <cerrno>
+#include <cstring>
+#include <getopt.h>
+
+namespace {
+
+int ToolOptionsPrint(const char *text)
+{
+   if (!ToolReport_Print(text)) {
+      Warning("cannot write to standard output: %s\n", strerror(errno));
+      return TOOL_EXIT_SYSTEM;
+   }
+   return TOOL_EXIT_OK;
+}
+
+int ToolOptionsRefuse(int found, const char *word)
+{
+   Warning("%s: %s; --help lists the options\n", word,
+           found == ':' ? "a value is missing" : "there is no such option");
+   return TOOL_EXIT_USAGE;
+}
+
+/* -1 as an option's letter ends the options. */
+std::optional<int> ToolOptionsTake(int letter, const char *word, const ToolUsage &usage, ToolOptions *options)
+{
+   switch (letter) {
+   case 'd':
+      options->daemon = optarg;
+      return std::nullopt;
+   case 's':
+      options->socket = optarg;
+      return std::nullopt;
+   case 'q':
+      ToolReport_SetQuiet();
+      return std::nullopt;
+   case 'h':
+      return ToolOptionsPrint(usage.help);
+   case 'V':
+      return ToolOptionsPrint(usage.version);
+   default:
+      return ToolOptionsRefuse(letter, word);
+   }
+}
+
+} // namespace
+
+std::optional<int> ToolOptions_Parse(int argc, char **argv, const ToolUsage &usage, ToolOptions *options)
+{
+   static const struct option all[] = {
+       {"daemon", required_argument, nullptr, 'd'}, {"socket", required_argument, nullptr, 's'},
+       {"quiet", no_argument, nullptr, 'q'},        {"help", no_argument, nullptr, 'h'},
+       {"version", no_argument, nullptr, 'V'},      {nullptr, 0, nullptr, 0},
+   };
+   const struct option *known = usage.takesDaemon ? all : all + 1;
+   int letter;
+
+   ToolReport_SetProgram(usage.program);
+   /* "+": the words of the command are not ours to read; ":": the reports are. */
+   while ((letter = getopt_long(argc, argv, "+:qh", known, nullptr)) != -1) {
+      const std::optional<int> status = ToolOptionsTake(letter, argv[optind - 1], usage, options);
+      if (status.has_value()) {
+         return status;
+      }
+   }
+   options->command = optind < argc ? argv + optind : nullptr;
+   return std::nullopt;
+}

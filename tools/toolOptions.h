@@ -1,0 +1,25 @@
+#ifndef TESSEL_TOOLS_TOOLOPTIONS_H
+#define TESSEL_TOOLS_TOOLOPTIONS_H
+
+#include <optional>
+
+struct ToolUsage {
+   const char *program;
+   const char *help;    /* The whole text that --help prints. */
+   const char *version; /* The line that --version prints. */
+   bool takesDaemon;    /* Whether --daemon is one of the options. */
+};
+
+struct ToolOptions {
+   const char *daemon = nullptr; /* Null where not given; both point into argv. */
+   const char *socket = nullptr;
+   char **command = nullptr; /* Argument vector of the command, null if there is none. */
+};
+
+/* Reads the command line up to "--" or the first word that is no option, names the program in reports and makes them
+   quiet if asked to. An exit status if there is nothing left to do: help and version have been printed, or
+   what is wrong reported. */
+[[nodiscard]] std::optional<int> ToolOptions_Parse(int argc, char **argv, const ToolUsage &usage,
+                                                   ToolOptions *options);
+
+#endif

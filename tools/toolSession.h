@@ -1,0 +1,22 @@
+#ifndef TESSEL_TOOLS_TOOLSESSION_H
+#define TESSEL_TOOLS_TOOLSESSION_H
+
+#include "lib/public/owned.h"
+#include "tools/toolProcess.h"
+
+/* What a launcher and a mere client have in common: to be registered while a command runs. */
+
+/* Registers with the daemon at the socket. 0 with *hold set: registered until it is closed. Otherwise an exit status,
+   reported: no daemon, refused, or 128 plus the number of a signal that came first. daemon may be null. */
+[[nodiscard]] int ToolSession_Register(const char *socketPath, ToolChild *daemon, OwnedDescriptor *hold);
+
+/* Runs the command, with TESSEL_SOCKET in its environment, to its end, and gives its exit status (126 or 127,
+   reported, if it cannot be run). Signals meant for this process alone are passed on to it. With command
+   null: waits for a signal, or the end of the daemon, and gives 0. */
+[[nodiscard]] int ToolSession_Run(char *const *command, const char *socketPath, ToolChild *daemon);
+
+/* Waits for the end of the daemon and gives its exit status, or, with the daemon left alone, 128 plus the number of
+   a signal that came first. */
+[[nodiscard]] int ToolSession_AwaitDaemon(ToolChild *daemon);
+
+#endif
