@@ -35,6 +35,6 @@ check() {
    else
       count 0 1 0
       echo "FAILED: $name"
-      [ -z "$output" ] || sed 's/^/   /' <<<"$output"
+      echo "   ${output//$'\n'/$'\n'   }"
    fi
 }
