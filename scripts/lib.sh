@@ -25,7 +25,7 @@ logged() {
    fi
 }
 
-# check NAME COMMAND...: one check that passes if the command succeeds; its output is shown if it does not.
+# check NAME COMMAND...: one check that passes if the command succeeds; the start of its output is shown if not.
 check() {
    local name=$1 output
    shift
@@ -35,6 +35,6 @@ check() {
    else
       count 0 1 0
       echo "FAILED: $name"
-      echo "   ${output//$'\n'/$'\n'   }"
+      head -n 40 <<<"   ${output//$'\n'/$'\n'   }"
    fi
 }
