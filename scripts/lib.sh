@@ -13,13 +13,14 @@ print_counts() {
    [ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
 }
 
-# logged LOG COMMAND...: runs the command with its output in LOG, of which only a failure shows the end.
+# logged LOG COMMAND...: runs the command with its output in LOG. A failure shows the end of it, without the steps
+# that went well.
 logged() {
    local log=$1
    shift
    mkdir -p "$(dirname "$log")"
    if ! "$@" >"$log" 2>&1 </dev/null; then
-      tail -n 60 "$log"
+      sed -E '/^\[[0-9]+\/[0-9]+\] /d' "$log" | tail -n 60
       echo "failed: $* (all of its output: $log)"
       return 1
    fi
