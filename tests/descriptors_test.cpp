@@ -24,12 +24,12 @@ namespace {
 constexpr int HIGHEST = 40;
 
 /* From now on every close_range of this process fails with the error. */
-bool RefuseCloseRange(unsigned int error)
+bool RefuseCloseRange(int error)
 {
    struct sock_filter steps[] = {
        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
-       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned int>(error)),
        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
    };
    const struct sock_fprog program = {std::size(steps), steps};
@@ -87,7 +87,7 @@ TEST(DescriptorsCloseAllBut, ClosesTheGapsBetweenKeptDescriptors)
 TEST(DescriptorsCloseAllBut, WalksWhereTheKernelRefusesTheShortWay)
 {
    const std::array keep{9, 30};
-   for (const unsigned int error : {ENOSYS, EPERM}) {
+   for (const int error : {ENOSYS, EPERM}) {
       EXPECT_EXIT(_exit(RefuseCloseRange(error) ? CountWrong(Descriptors_CloseAllBut, 3, keep) : 99),
                   testing::ExitedWithCode(0), "");
    }

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 #include <string_view>
+#include <unistd.h>
 
 namespace {
 
@@ -19,6 +20,16 @@ bool LooksLike(std::string_view text, std::string_view pattern)
    return std::equal(pattern.begin(), pattern.end(), text.begin(), [](char wanted, char found) {
       return wanted == '0' ? found >= '0' && found <= '9' : wanted == found;
    });
+}
+
+/* The log's own way in is a path, and opening one would empty a file that the descriptor leads to. A new log takes
+   the lowest free number. */
+void PointLogAt(int fd)
+{
+   const int logNumber = dup(fd);
+   close(logNumber);
+   ServiceImpl_LogOpen("/dev/null");
+   dup2(fd, logNumber);
 }
 
 } // namespace
@@ -51,12 +62,12 @@ std::string ScratchFolder::Path(const std::string &name) const
 
 CapturedLog::CapturedLog()
 {
-   ServiceImpl_LogOpen(folder_.Path("log").c_str());
+   Clear();
 }
 
 CapturedLog::~CapturedLog()
 {
-   ServiceImpl_LogOpen("/dev/stdout");
+   PointLogAt(STDOUT_FILENO);
 }
 
 std::string CapturedLog::Raw() const
@@ -66,14 +77,23 @@ std::string CapturedLog::Raw() const
 
 std::string CapturedLog::Text() const
 {
+   return WithoutTimestamps(Raw());
+}
+
+void CapturedLog::Clear() const
+{
+   ServiceImpl_LogOpen(folder_.Path("log").c_str());
+}
+
+std::string WithoutTimestamps(const std::string &log)
+{
    static constexpr std::string_view pattern = "0000-00-00T00:00:00.000| ";
-   const std::string raw = Raw();
    std::string text;
-   for (size_t i = 0; i < raw.size();) {
-      if (LooksLike(std::string_view(raw).substr(i), pattern)) {
+   for (size_t i = 0; i < log.size();) {
+      if (LooksLike(std::string_view(log).substr(i), pattern)) {
          i += pattern.size();
       } else {
-         text += raw[i++];
+         text += log[i++];
       }
    }
    return text;
@@ -94,11 +114,16 @@ void WriteFile(const std::string &path, const std::string &content)
 
 void LogToStandardError()
 {
-   ServiceImpl_LogOpen("/dev/stderr");
+   PointLogAt(STDERR_FILENO);
 }
 
 int main(int argc, char **argv)
 {
+   /* The foundation calls this and the log; naming both here has the linker take them from the program's own
+      libraries, which it meets first. */
+   if (Location_GetLookup() == nullptr) {
+      return EXIT_FAILURE;
+   }
    setenv("TZ", "UTC", 1);
    testing::InitGoogleTest(&argc, argv);
    return RUN_ALL_TESTS();

@@ -43,9 +43,15 @@ class CapturedLog {
    /* The same without the timestamp prefixes. */
    [[nodiscard]] std::string Text() const;
 
+   /* Forgets what was logged so far. */
+   void Clear() const;
+
  private:
    ScratchFolder folder_;
 };
+
+/* A log as written, without its timestamp prefixes. */
+std::string WithoutTimestamps(const std::string &log);
 
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content);
@@ -59,6 +65,7 @@ void WriteFile(const std::string &path, const std::string &content);
        },                                                                                                    \
        ::testing::ExitedWithCode(1), "\\| Panic: " textRegex)
 
+/* Sends the log to what standard error is now, at its place in it. */
 void LogToStandardError();
 
 #endif

@@ -1,0 +1,147 @@
+#include "lib/file/file.h"
+
+#include "lib/misc/codeset.h"
+#include "lib/misc/hashTable.h"
+#include "lib/misc/util.h"
+#include "lib/public/owned.h"
+#include "lib/public/program.h"
+#include "lib/unicode/unicodeSimpleBase.h"
+
+#include <cerrno>
+#include <dirent.h>
+#include <string_view>
+
+struct WalkDirContext {
+   char *path;
+   DIR *stream;
+   HashTable *names; /* Those returned so far: the keys are the walk's own copies, the values mean nothing. */
+};
+
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr uint32_t NAME_BUCKETS = 256;
+
+/* Stands for every name that is not UTF-8: three U+FFFD. */
+constexpr char UNDECODABLE_NAME[] = "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD";
+
+int FileFreeKey(const char *key, void * /*value*/, void * /*clientData*/)
+{
+   free(const_cast<char *>(key));
+   return 0;
+}
+
+/* Stores a copy of the key at **clientData, and moves that on. */
+int FileCopyKey(const char *key, void * /*value*/, void *clientData)
+{
+   auto **const next = static_cast<char ***>(clientData);
+
+   *(*next)++ = Util_SafeStrdup(key);
+   return 0;
+}
+
+/* A new string: the name, or what stands for it. */
+char *FileDecodeName(const WalkDirContext *context, const char *name)
+{
+   if (CodeSet_IsValidUtf8(name)) {
+      return Util_SafeStrdup(name);
+   }
+   /* In the wording the name comes first, but the folder has always been given first: readers of logs rely on it. */
+   const Owned<char> escaped(UnicodeEscapeBuffer(name, -1, ENCODING_DEFAULT));
+   Warning("%s: file '%s' in directory '%s' cannot be converted to UTF8\n", "File_WalkDirectoryNext",
+           context->path, escaped.get());
+   return Util_SafeStrdup(UNDECODABLE_NAME);
+}
+
+/* A new array of copies of all names that the walk has returned; null if there are none. */
+char **FileCopyNames(const WalkDirContext *context)
+{
+   const size_t count = HashTable_GetNumElements(context->names);
+
+   if (count == 0) {
+      return nullptr;
+   }
+   auto **const names = static_cast<char **>(Util_SafeCalloc(count, sizeof(char *)));
+   char **next = names;
+   HashTable_ForEach(context->names, FileCopyKey, &next);
+   return names;
+}
+
+} // namespace
+
+WalkDirContext *File_WalkDirectoryStart(const char *path)
+{
+   auto *const context = static_cast<WalkDirContext *>(Util_SafeMalloc(sizeof(WalkDirContext)));
+
+   context->path = Util_SafeStrdup(path);
+   context->names = HashTable_Alloc(NAME_BUCKETS, HASH_STRING_KEY, nullptr);
+   context->stream = opendir(path);
+   if (context->stream == nullptr) {
+      File_WalkDirectoryEnd(context);
+      return nullptr;
+   }
+   return context;
+}
+
+bool File_WalkDirectoryNext(WalkDirContext *context, char **name)
+{
+   for (;;) {
+      /* Before each read: only thus does errno tell the end of the directory from an error. */
+      errno = 0;
+      const struct dirent *const entry = readdir(context->stream);
+      if (entry == nullptr) {
+         return false;
+      }
+      if (entry->d_name == "."sv || entry->d_name == ".."sv) {
+         continue;
+      }
+      Owned<char> found(FileDecodeName(context, entry->d_name));
+      if (HashTable_Insert(context->names, found.get(), nullptr)) {
+         const char *const key = found.release();
+         if (name != nullptr) {
+            *name = Util_SafeStrdup(key);
+         }
+         errno = 0;
+         return true;
+      }
+   }
+}
+
+void File_WalkDirectoryEnd(WalkDirContext *context)
+{
+   if (context == nullptr) {
+      return;
+   }
+   const int savedErrno = errno;
+   if (context->stream != nullptr) {
+      closedir(context->stream);
+   }
+   HashTable_ForEach(context->names, FileFreeKey, nullptr);
+   HashTable_Free(context->names);
+   free(context->path);
+   free(context);
+   errno = savedErrno;
+}
+
+int File_ListDirectory(const char *path, char ***names)
+{
+   WalkDirContext *const context = File_WalkDirectoryStart(path);
+
+   if (context == nullptr) {
+      return -1;
+   }
+   while (File_WalkDirectoryNext(context, nullptr)) {
+   }
+   const int readError = errno;
+   int count = -1;
+   if (readError == 0) {
+      count = static_cast<int>(HashTable_GetNumElements(context->names));
+      if (names != nullptr) {
+         *names = FileCopyNames(context);
+      }
+   }
+   File_WalkDirectoryEnd(context);
+   errno = readError;
+   return count;
+}

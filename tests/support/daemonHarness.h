@@ -1,0 +1,101 @@
+#ifndef TESSEL_TESTS_SUPPORT_DAEMONHARNESS_H
+#define TESSEL_TESTS_SUPPORT_DAEMONHARNESS_H
+
+#include "lib/public/owned.h"
+#include "tests/support/testSupport.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+/* Both ends of a pipe, closed on exec. */
+struct Pipe {
+   Pipe();
+   OwnedDescriptor reader;
+   OwnedDescriptor writer;
+};
+
+/* A daemon in a process of its own, with a listening socket and a launcher descriptor as a launcher makes them. */
+class DaemonProcess {
+ public:
+   /* What the process does, given the two descriptor numbers, which no exec closes; must not return. */
+   using Body = std::function<void(int listener, int launcher)>;
+
+   explicit DaemonProcess(const Body &body);
+   ~DaemonProcess(); /* Kills the process if it is still there. */
+   DaemonProcess(const DaemonProcess &) = delete;
+   DaemonProcess &operator=(const DaemonProcess &) = delete;
+
+   /* The launcher goes away. */
+   void DropLauncher();
+
+   /* Waits for the end of the process and gives its raw wait status. */
+   int Wait();
+
+   /* Waits for the end of the process and gives its exit status; -signal if a signal ended it. */
+   int ExitStatus();
+
+   void Signal(int number) const;
+
+   /* Waits until the daemon is inside one of these system calls. */
+   void AwaitCall(const std::vector<long> &calls) const;
+
+   /* Waits until the daemon waits for events. */
+   void AwaitIdle() const;
+
+   /* Stops the process, does the work and lets it go on. */
+   void WhileStopped(const std::function<void()> &work) const;
+
+   /* The number of open descriptors once the daemon has handled all that happened before. */
+   [[nodiscard]] size_t OpenDescriptors() const;
+   [[nodiscard]] pid_t Pid() const;
+   [[nodiscard]] const std::string &SocketPath() const;
+
+ private:
+   ScratchFolder folder_;
+   std::string socketPath_;
+   OwnedDescriptor launcher_;
+   pid_t pid_ = -1;
+};
+
+/* One message with this text and these descriptors. False if it cannot be sent. */
+bool SendMessage(int socket, const std::string &text, const std::vector<int> &descriptors);
+
+/* One connection to the daemon, step by step, as good or as bad as the test wants it. */
+class Connection {
+ public:
+   explicit Connection(const DaemonProcess &daemon);
+
+   /* The next byte from the daemon; nothing at the end of the connection. */
+   std::optional<uint8_t> Read();
+
+   bool Send(const std::string &text, const std::vector<int> &descriptors);
+
+   /* Greeting, message, answer; nothing if the daemon hung up without one. */
+   std::optional<char> HandOver(int descriptor, char data = 'x');
+
+   void ShutdownSending();
+   void Close();
+
+ private:
+   OwnedDescriptor socket_;
+};
+
+/* A well-behaved client: registered while it lives. */
+class Client {
+ public:
+   explicit Client(const DaemonProcess &daemon);
+
+   [[nodiscard]] std::optional<char> Reply() const;
+   void LetGo();
+
+ private:
+   Pipe held_;
+   std::optional<char> reply_;
+};
+
+#endif
