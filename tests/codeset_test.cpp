@@ -288,8 +288,8 @@ TEST(CodeSetUtf8, ValidatesBySequenceRules)
    };
    /* In front of, behind and between ASCII of all lengths around the wide steps. */
    for (const auto &c : cases) {
-      for (const size_t before : {0, 1, 15, 16, 17, 63, 64, 65, 80, 200}) {
-         for (const size_t after : {0, 1, 15, 16, 64, 100}) {
+      for (const size_t before : {0U, 1U, 15U, 16U, 17U, 63U, 64U, 65U, 80U, 200U}) {
+         for (const size_t after : {0U, 1U, 15U, 16U, 64U, 100U}) {
             const std::string text = std::string(before, 'a') + c.text + std::string(after, 'z');
             const Exact exact(text);
             EXPECT_EQ(CodeSet_IsValidUtf8Buffer(exact.Data(), text.size()), c.valid)
