@@ -10,7 +10,7 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -21,17 +21,24 @@ struct FormatCall {
    FormatLocale *locale;
 };
 
-/* The count so far, through a pointer to an integer of the width that the size prefixes say. */
+template <typename Integer> void FormatStore(void *target, int count)
+{
+   const auto value = static_cast<Integer>(count);
+
+   memcpy(target, &value, sizeof value);
+}
+
+/* The count so far, into an integer of the width that the size prefixes say. */
 void FormatStoreCount(unsigned flags, void *target, int count)
 {
    if ((flags & WIDE_INTEGER_FLAGS) != 0) {
-      *static_cast<int64_t *>(target) = count;
+      FormatStore<int64_t>(target, count);
    } else if ((flags & SHORTINT) != 0) {
-      *static_cast<int16_t *>(target) = static_cast<int16_t>(count);
+      FormatStore<int16_t>(target, count);
    } else if ((flags & CHARINT) != 0) {
-      *static_cast<int8_t *>(target) = static_cast<int8_t>(count);
+      FormatStore<int8_t>(target, count);
    } else {
-      *static_cast<int32_t *>(target) = count;
+      FormatStore<int32_t>(target, count);
    }
 }
 

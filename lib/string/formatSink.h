@@ -25,8 +25,10 @@ struct FormatSink {
    than to let a block grow. */
 constexpr size_t SINK_FRAME_SIZE = 512;
 
+/* A size beyond any possible output is as good as none, and no reason for limit to wrap around. */
 inline void Sink_InitFixed(FormatSink *sink, char *buffer, size_t size)
 {
+   size = std::min(size, static_cast<size_t>(INT_MAX) + 1);
    *sink = {.start = buffer,
             .cursor = buffer,
             .limit = size != 0 ? buffer + size - 1 : buffer,
