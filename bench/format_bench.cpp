@@ -83,7 +83,7 @@ const std::string sLong(280, 'x');
 
 BENCH_FORMAT(LongMessage, "%s: %d of %d, %d\n", "{}: {} of {}, {}\n", sLong.c_str(), i, 1024, i * 7)
 
-/* Reals of three kinds, for one precision each: everyday magnitudes, and every finite bit pattern alike. */
+/* Reals of two kinds: everyday magnitudes, and all finite bit patterns alike. */
 template <typename Draw> std::array<double, 1024> Reals(Draw draw)
 {
    std::array<double, 1024> reals{};

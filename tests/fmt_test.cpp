@@ -69,7 +69,8 @@ std::string F(const char *format, ...)
    va_end(args);
    if (result < 0) {
       EXPECT_EQ(output, nullptr);
-      return "<" + std::to_string(result) + ">";
+      EXPECT_EQ(result, -1);
+      return "<-1>";
    }
    std::string text(output, static_cast<size_t>(result));
    EXPECT_EQ(output[result], '\0');
@@ -148,13 +149,13 @@ class Generator {
    std::string Precision(size_t limit)
    {
       static constexpr const char *usual[] = {"", "", ".", ".0", ".1", ".2", ".3"};
-      return Below(2) == 0 ? OneOf(usual) : "." + std::to_string(Below(limit));
+      return Below(2) == 0 ? OneOf(usual) : std::string(".").append(std::to_string(Below(limit)));
    }
 
    /* All magnitudes alike. */
    uint64_t Integer()
    {
-      return random() >> Below(65) % 64;
+      return random() >> Below(64);
    }
 
    double Real()
@@ -386,6 +387,8 @@ TEST(FmtFormat, KeepsWithinTheFixedBuffer)
    buffer[0] = '?';
    EXPECT_EQ(Fixed(buffer, 0, "%d %30s", 12345, "a"), 36);
    EXPECT_EQ(buffer[0], '?');
+   EXPECT_EQ(Fixed(buffer, SIZE_MAX, "%+d|%3s", 1, "a"), 6);
+   EXPECT_STREQ(buffer, "+1|  a");
    EXPECT_EQ(Fixed(buffer, 6, "abc%lcdef", 0x110000), -1);
    EXPECT_STREQ(buffer, "abc");
 }

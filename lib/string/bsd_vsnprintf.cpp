@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -22,17 +21,24 @@ struct FormatCall {
    FormatLocale *locale;
 };
 
-/* The count so far, through a pointer to an integer of the width that the size prefixes say. */
+template <typename Integer> void FormatStore(void *target, int count)
+{
+   const auto value = static_cast<Integer>(count);
+
+   memcpy(target, &value, sizeof value);
+}
+
+/* The count so far, into an integer of the width that the size prefixes say. */
 void FormatStoreCount(unsigned flags, void *target, int count)
 {
    if ((flags & WIDE_INTEGER_FLAGS) != 0) {
-      *static_cast<int64_t *>(target) = count;
+      FormatStore<int64_t>(target, count);
    } else if ((flags & SHORTINT) != 0) {
-      *static_cast<int16_t *>(target) = static_cast<int16_t>(count);
+      FormatStore<int16_t>(target, count);
    } else if ((flags & CHARINT) != 0) {
-      *static_cast<int8_t *>(target) = static_cast<int8_t>(count);
+      FormatStore<int8_t>(target, count);
    } else {
-      *static_cast<int32_t *>(target) = count;
+      FormatStore<int32_t>(target, count);
    }
 }
 
@@ -96,7 +102,8 @@ bool FormatConvert(const FormatCall &call, Directive *directive)
    }
 }
 
-bool FormatRun(const FormatCall &call, const char *format)
+/* Puts out the whole format and returns the place of its NUL; null: the result is -1. */
+const char *FormatRun(const FormatCall &call, const char *format)
 {
    for (;;) {
       const char *const run = format;
@@ -104,24 +111,23 @@ bool FormatRun(const FormatCall &call, const char *format)
          format++;
       }
       if (format != run && !Sink_Write(call.sink, {run, static_cast<size_t>(format - run)})) {
-         return false;
+         return nullptr;
       }
       if (*format == '\0') {
-         return true;
+         return format;
       }
       Directive directive;
       format = Directive_Scan(format + 1, &directive, call.arguments);
       if (directive.conversion == '\0') {
-         return true;
+         return format;
       }
       if (!FormatConvert(call, &directive)) {
-         return false;
+         return nullptr;
       }
    }
 }
 
-/* False: the result is -1. */
-bool FormatInto(FormatSink *sink, FormatLocale *locale, const char *format, va_list args)
+const char *FormatInto(FormatSink *sink, FormatLocale *locale, const char *format, va_list args)
 {
    FormatArguments arguments(format, args);
 
@@ -133,12 +139,13 @@ int FormatAllocating(char **output, FormatLocale *locale, const char *format, va
    char frame[SINK_FRAME_SIZE];
    FormatSink sink;
 
-   Sink_InitAllocating(&sink, frame, strlen(format));
-   if (!FormatInto(&sink, locale, format, args)) {
+   Sink_InitAllocating(&sink, frame, format);
+   const char *const end = FormatInto(&sink, locale, format, args);
+   if (end == nullptr) {
       Sink_Discard(&sink);
       return -1;
    }
-   *output = Sink_Detach(&sink);
+   *output = Sink_Detach(&sink, end);
    return *output != nullptr ? Sink_Count(&sink) : -1;
 }
 
@@ -147,9 +154,9 @@ int FormatFixed(char *buffer, size_t size, FormatLocale *locale, const char *for
    FormatSink sink;
 
    Sink_InitFixed(&sink, buffer, size);
-   const bool complete = FormatInto(&sink, locale, format, args);
+   const char *const end = FormatInto(&sink, locale, format, args);
    Sink_Terminate(&sink);
-   return complete ? Sink_Count(&sink) : -1;
+   return end != nullptr ? Sink_Count(&sink) : -1;
 }
 
 /* What the engine calls may set errno; callers format messages about errno before they look at it. */

@@ -27,7 +27,7 @@
 
 /* grouping: sizes of digit groups for the ' flag as in struct lconv, null for none. decimalPoint: any string. */
 int Fmt_Format(char **output, const char *grouping, char thousandsSep, const char *decimalPoint, size_t size,
-               const char *format, va_list args);
+               const char *format, va_list args) __attribute__((format(printf, 6, 0)));
 
 /* By the facts of the process's locale at the time of the call. */
 int Fmt_Vsnprintf(char **output, size_t size, const char *format, va_list args)

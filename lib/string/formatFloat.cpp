@@ -1,9 +1,9 @@
 #include "lib/string/formatFloat.h"
 
+#include "lib/string/formatDigits.h"
 #include "lib/string/formatField.h"
 #include "lib/string/formatInteger.h"
 #include "lib/string/str.h"
-#include "platform/decimalDigits.h"
 
 #include <algorithm>
 #include <cmath>
@@ -67,10 +67,10 @@ bool FloatPutSpecial(FormatSink *sink, const Directive &directive, double value)
 bool FloatFixedDigits(DecimalDigits *digits, double value, int64_t precision)
 {
    if (precision > 0) {
-      return DecimalDigits_Fixed(digits, value,
-                                 static_cast<int>(std::min<int64_t>(precision, DECIMAL_DIGITS_MAX_PLACES)));
+      return Digits_Fixed(digits, value,
+                          static_cast<int>(std::min<int64_t>(precision, DECIMAL_DIGITS_MAX_PLACES)));
    }
-   if (!DecimalDigits_Fixed(digits, std::round(value), 1)) {
+   if (!Digits_Fixed(digits, std::round(value), 1)) {
       return false;
    }
    if (digits->length > 0) {
@@ -94,10 +94,21 @@ std::string_view FloatDecimalPoint(const Directive &directive, int64_t fractionL
    return {};
 }
 
+/* Out of line for its large scratch. */
+[[gnu::noinline]] bool FloatPutGrouped(FormatSink *sink, const Directive &directive, FloatParts parts,
+                                       const FormatLocale &locale)
+{
+   char scratch[2 * MAX_INTEGER_DIGITS];
+   char *const end = scratch + sizeof scratch;
+   const char *const grouped = Locale_WriteGrouped(locale, end, parts.integer);
+
+   parts.integer = {grouped, static_cast<size_t>(end - grouped)};
+   return FloatPutParts(sink, directive, parts);
+}
+
 bool FloatPutFixed(FormatSink *sink, const Directive &directive, const DecimalDigits &digits,
                    int64_t fractionLength, FormatLocale *locale)
 {
-   char scratch[2 * MAX_INTEGER_DIGITS];
    const std::string_view text(digits.text, digits.length);
    const size_t integerLength = static_cast<size_t>(std::max(digits.exponent, 0));
    FloatParts parts{"0", FloatDecimalPoint(directive, fractionLength, locale), 0, {}, fractionLength, {}};
@@ -105,14 +116,12 @@ bool FloatPutFixed(FormatSink *sink, const Directive &directive, const DecimalDi
    if (integerLength > 0) {
       parts.integer = text.substr(0, integerLength);
    }
-   if ((directive.flags & GROUPING) != 0) {
-      char *const end = scratch + sizeof scratch;
-      const char *const grouped = Locale_WriteGrouped(Locale_Get(locale), end, parts.integer);
-      parts.integer = {grouped, static_cast<size_t>(end - grouped)};
-   }
    parts.leadingZeros = std::clamp<int64_t>(-digits.exponent, 0, fractionLength);
    parts.fraction = text.substr(std::min(integerLength, text.size()),
                                 static_cast<size_t>(fractionLength - parts.leadingZeros));
+   if ((directive.flags & GROUPING) != 0) {
+      return FloatPutGrouped(sink, directive, parts, Locale_Get(locale));
+   }
    return FloatPutParts(sink, directive, parts);
 }
 
@@ -162,8 +171,8 @@ bool FloatPutSignificant(FormatSink *sink, const Directive &directive, double va
 {
    DecimalDigits digits;
 
-   if (!DecimalDigits_Significant(
-           &digits, value, static_cast<int>(std::min<int64_t>(count, DECIMAL_DIGITS_MAX_SIGNIFICANT)))) {
+   if (!Digits_Significant(&digits, value,
+                           static_cast<int>(std::min<int64_t>(count, DECIMAL_DIGITS_MAX_SIGNIFICANT)))) {
       return false;
    }
    return general ? FloatPutGeneral(sink, directive, digits, count, locale)

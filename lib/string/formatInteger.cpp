@@ -108,11 +108,9 @@ void IntegerPutDigits(FormatSink *sink, uint64_t value, size_t length)
    Integer_WriteDecimal(sink->cursor, value);
 }
 
-bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitude, FormatLocale *locale)
+/* A field of its own width and precision. */
+[[gnu::noinline]] bool IntegerPutField(FormatSink *sink, Directive *directive, uint64_t magnitude)
 {
-   if ((directive->flags & GROUPING) != 0) {
-      return IntegerPutGrouped(sink, directive, magnitude, Locale_Get(locale));
-   }
    IntegerHeedPrecision(directive);
    if (!IntegerHasDigits(*directive, magnitude)) {
       return Field_PutText(sink, *directive, {});
@@ -120,6 +118,25 @@ bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitud
    const size_t length = IntegerDecimalLength(magnitude);
    return Field_Put(sink, *directive, static_cast<int64_t>(length), directive->precision,
                     [magnitude, length](FormatSink *to) { IntegerPutDigits(to, magnitude, length); });
+}
+
+bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitude, FormatLocale *locale)
+{
+   if ((directive->flags & GROUPING) != 0) {
+      return IntegerPutGrouped(sink, directive, magnitude, Locale_Get(locale));
+   }
+   if (directive->width > 0 || directive->precision >= 0) {
+      return IntegerPutField(sink, directive, magnitude);
+   }
+   const size_t length = IntegerDecimalLength(magnitude);
+   if (!Sink_Announce(sink, length + (directive->sign != '\0' ? 1 : 0))) {
+      return false;
+   }
+   if (directive->sign != '\0') {
+      Sink_PutByte(sink, directive->sign);
+   }
+   IntegerPutDigits(sink, magnitude, length);
+   return true;
 }
 
 } // namespace

@@ -13,31 +13,33 @@
 
 struct FormatSink {
    char *start;
-   char *cursor;    /* the next byte */
-   char *limit;     /* where the NUL goes at the latest: no byte is stored from here on */
-   uint64_t spare;  /* what is left of INT_MAX after the bytes put so far, stored or not */
-   size_t capacity; /* of start; as long as that is the frame, what a block for it would begin with */
-   bool allocating; /* the room grows; otherwise what does not fit is dropped */
-   bool inFrame;
+   char *cursor;       /* the next byte */
+   char *limit;        /* where the NUL goes at the latest: no byte is stored from here on */
+   uint64_t spare;     /* what is left of INT_MAX after the bytes put so far, stored or not */
+   size_t capacity;    /* of start */
+   const char *format; /* as long as start is the frame of an allocating sink, else null */
+   bool allocating;    /* the room grows; otherwise what does not fit is dropped */
 };
 
 /* Room for the most usual texts, which are moved to a block of their own once their length is known: that is cheaper
    than to let a block grow. */
 constexpr size_t SINK_FRAME_SIZE = 512;
 
+/* A size beyond any possible output is as good as none, and no reason for limit to wrap around. */
 inline void Sink_InitFixed(FormatSink *sink, char *buffer, size_t size)
 {
+   size = std::min(size, static_cast<size_t>(INT_MAX) + 1);
    *sink = {.start = buffer,
             .cursor = buffer,
             .limit = size != 0 ? buffer + size - 1 : buffer,
             .spare = INT_MAX,
             .capacity = size,
-            .allocating = false,
-            .inFrame = false};
+            .format = nullptr,
+            .allocating = false};
 }
 
-/* The frame, of SINK_FRAME_SIZE bytes, must outlive the sink. */
-void Sink_InitAllocating(FormatSink *sink, char *frame, size_t formatLength);
+/* The frame, of SINK_FRAME_SIZE bytes, and the format must outlive the sink. */
+void Sink_InitAllocating(FormatSink *sink, char *frame, const char *format);
 
 /* Writes the NUL behind what was stored, if there is room for any byte at all. */
 inline void Sink_Terminate(FormatSink *sink)
@@ -47,9 +49,9 @@ inline void Sink_Terminate(FormatSink *sink)
    }
 }
 
-/* Terminates an allocating sink and hands over its text, which the caller frees; null if memory runs out. Once this
-   or Sink_Discard was called, the sink is not to be used. */
-[[nodiscard]] char *Sink_Detach(FormatSink *sink);
+/* Terminates an allocating sink and hands over its text, which the caller frees; null if memory runs out. The format
+   was read up to its NUL at formatEnd. Once this or Sink_Discard was called, the sink is not to be used. */
+[[nodiscard]] char *Sink_Detach(FormatSink *sink, const char *formatEnd);
 void Sink_Discard(FormatSink *sink);
 
 /* Makes room for n more bytes in an allocating sink. False if memory runs out: what was stored stays. */
