@@ -262,8 +262,8 @@ TEST_F(FileDeleteDirectoryTree, DeletesWhatItCanAndReportsTheLastFailure)
    Folder("readOnly");
    File("readOnly/file");
    Folder("readOnly", 0555);
-   Folder("other");
-   File("other/\xFF");
+   Folder("odd");
+   File("odd/\xFF");
    Folder("unreadable", 0);
    const std::vector<std::string> order = List(top_);
    const int error = DeleteAsOrdinaryUser(top_);
@@ -273,8 +273,9 @@ TEST_F(FileDeleteDirectoryTree, DeletesWhatItCanAndReportsTheLastFailure)
    const auto last =
        std::find_if(order.rbegin(), order.rend(), [](const std::string &name) { return name[0] != 'f'; });
    ASSERT_NE(last, order.rbegin()) << "a success has to follow the last failure";
-   EXPECT_EQ(error, *last == "other" ? ENOTEMPTY : EACCES) << *last;
-   EXPECT_EQ(Sorted(List(top_)), (std::vector<std::string>{"other", "readOnly", "unreadable"}));
+   ASSERT_NE(*last, "odd") << "its error is also that of a folder with something left in it";
+   EXPECT_EQ(error, EACCES) << *last;
+   EXPECT_EQ(Sorted(List(top_)), (std::vector<std::string>{"odd", "readOnly", "unreadable"}));
    EXPECT_TRUE(Exists(At("readOnly/file")));
    EXPECT_EQ(log.Text().find("FILE:"), std::string::npos);
 }
