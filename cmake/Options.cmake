@@ -20,6 +20,10 @@ target_compile_options(tessel-product-options INTERFACE
 if(NOT TESSEL_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_options(tessel-product-options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
+# What ships does not tell where it was built.
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_options(tessel-product-options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   target_link_options(tessel-product-options INTERFACE -Wl,-z,relro,-z,now,--as-needed)
 endif()

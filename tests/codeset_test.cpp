@@ -228,3 +228,231 @@ TEST(CodeSetBuiltin, ConvertsLongMixedText)
    EXPECT_EQ(Convert("UTF-8", utf8, "UTF-16LE"), utf16);
    EXPECT_EQ(Convert("UTF-16LE", utf16, "UTF-8"), utf8);
 }
+
+TEST(CodeSetWrappers, ConvertTheirPairWithFourZerosBehind)
+{
+   using Wrapper = bool (*)(const char *, size_t, char **, size_t *);
+   const struct {
+      Wrapper wrapper;
+      std::string input;
+      std::string expected;
+      size_t terminator;
+   } cases[] = {
+       {CodeSet_Utf16leToUtf8, "\xE9\0"s, "\xC3\xA9", 4},
+       {CodeSet_Utf8ToUtf16le, "\xC3\xA9", "\xE9\0"s, 4},
+       {CodeSet_CurrentToUtf16le, "\xC3\xA9", "\xE9\0"s, 4},
+       {CodeSet_Utf16leToCurrent, "\xE9\0"s, "\xC3\xA9", 4},
+       {CodeSet_Utf16beToCurrent, "\0\xE9"s, "\xC3\xA9", 4},
+       {CodeSet_CurrentToUtf8, "a\0\xFF"s, "a\0\xFF"s, 1},
+       {CodeSet_Utf8ToCurrent, "a\0\xFF"s, "a\0\xFF"s, 1},
+       {CodeSet_Utf16leToUtf8, "abc", failed, 4},
+       {CodeSet_Utf8ToUtf16le, "\xC3", failed, 4},
+       {CodeSet_Utf16beToCurrent, "\xDC\0"s, failed, 4},
+       {CodeSet_Utf16leToUtf8, "", "", 4},
+       {CodeSet_Utf8ToCurrent, "", "", 1},
+   };
+   for (const auto &c : cases) {
+      const Exact exact(c.input);
+      EXPECT_EQ(Allocated(c.terminator,
+                          [&](char **output, size_t *length) {
+                             return c.wrapper(exact.Data(), c.input.size(), output, length);
+                          }),
+                c.expected)
+          << testing::PrintToString(c.input);
+   }
+   char *output = nullptr;
+   EXPECT_FALSE(CodeSet_CurrentToUtf8("", SIZE_MAX, &output, nullptr));
+   EXPECT_STREQ(CodeSet_GetCurrentCodeSet(), "UTF-8");
+}
+
+TEST(CodeSetUtf8, ValidatesBySequenceRules)
+{
+   const struct {
+      std::string text;
+      bool valid;
+   } cases[] = {
+       {"", true},
+       {"plain", true},
+       {"\xEF\xBB\xBF", true},
+       {"\xC2\x80\xDF\xBF\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", true},
+       {"\xC0\x80", false},
+       {"\xC1\xBF", false},
+       {"\xE0\x9F\xBF", false},
+       {"\xED\xA0\x80", false},
+       {"\xF0\x8F\xBF\xBF", false},
+       {"\xF4\x90\x80\x80", false},
+       {"\xF5\x80\x80\x80", false},
+       {"\x80", false},
+       {"\xE2\x82", false},
+       {"\xE2\x28\xA1", false},
+   };
+   /* In front of, behind and between ASCII of all lengths around the wide steps. */
+   for (const auto &c : cases) {
+      for (const size_t before : {0U, 1U, 15U, 16U, 17U, 63U, 64U, 65U, 80U, 200U}) {
+         for (const size_t after : {0U, 1U, 15U, 16U, 64U, 100U}) {
+            const std::string text = std::string(before, 'a') + c.text + std::string(after, 'z');
+            const Exact exact(text);
+            EXPECT_EQ(CodeSet_IsValidUtf8Buffer(exact.Data(), text.size()), c.valid)
+                << testing::PrintToString(text);
+            EXPECT_EQ(CodeSet_IsValidUtf8NoNul(exact.Data(), text.size()), c.valid);
+            EXPECT_EQ(CodeSet_IsValidUtf8(text.c_str()), c.valid);
+         }
+      }
+   }
+   EXPECT_TRUE(CodeSet_IsValidUtf8Buffer("a\0b", 3));
+   EXPECT_FALSE(CodeSet_IsValidUtf8NoNul("a\0b", 3));
+   EXPECT_FALSE(CodeSet_IsValidUtf8NoNul("\xE2\0", 2));
+   EXPECT_TRUE(CodeSet_IsValidUtf8("a\0\xFF"));
+}
+
+TEST(CodeSetUtf8, DecodesSequencesLooserThanItValidates)
+{
+   const struct {
+      std::string bytes;
+      int length;
+      uint32_t codePoint;
+   } cases[] = {
+       {"A", 1, 'A'},
+       {"\xC2\x80", 2, 0x80},
+       {"\xE0\xA0\x80", 3, 0x800},
+       {"\xED\xA0\x80", 3, 0xD800},
+       {"\xF0\x90\x80\x80", 4, 0x10000},
+       {"\xF4\xBF\xBF\xBF", 4, 0x13FFFF},
+       {"\xE0\x9F\xBF", 0, 0},
+       {"\xF0\x8F\xBF\xBF", 0, 0},
+       {"\xC1\xBF", 0, 0},
+       {"\xF5\x80\x80\x80", 0, 0},
+       {"\xE2\x82", 0, 0},
+       {"", 0, 0},
+   };
+   for (const auto &c : cases) {
+      const Exact exact(c.bytes);
+      uint32_t codePoint = 0;
+      EXPECT_EQ(CodeSet_GetUtf8(exact.Data(), exact.Data() + c.bytes.size(), &codePoint), c.length);
+      EXPECT_EQ(codePoint, c.codePoint);
+      EXPECT_EQ(CodeSet_GetUtf8(exact.Data(), exact.Data() + c.bytes.size(), nullptr), c.length);
+   }
+}
+
+TEST(CodeSetUtf8, CountsAndFindsCodePoints)
+{
+   const char *text = "a\xC3\xA9\xF0\x9F\x98\x80z";
+   EXPECT_EQ(CodeSet_LengthInCodePoints(text), 4);
+   EXPECT_EQ(CodeSet_LengthInCodePoints("a\xE2\x82"), -1);
+   const ssize_t offsets[] = {0, 1, 3, 7, 8, -1};
+   for (ssize_t i = 0; i < 6; i++) {
+      EXPECT_EQ(CodeSet_CodePointOffsetToByteOffset(text, i), offsets[i]) << i;
+   }
+   EXPECT_EQ(CodeSet_CodePointOffsetToByteOffset("a\xFFz", 1), 1);
+   EXPECT_EQ(CodeSet_CodePointOffsetToByteOffset("a\xFFz", 2), -1);
+}
+
+TEST(CodeSetUtf8, ConvertsToCodePointsAndBack)
+{
+   uint32_t *units = nullptr;
+   char *text = nullptr;
+   ASSERT_TRUE(CodeSet_Utf8ToUtf32("a\xED\xA0\x80\xF0\x9F\x98\x80", &units));
+   EXPECT_EQ(std::vector<uint32_t>(units, units + 4), (std::vector<uint32_t>{'a', 0xD800, 0x1F600, 0}));
+   ASSERT_TRUE(CodeSet_Utf32ToUtf8(units, &text));
+   EXPECT_EQ(Take(text), "a\xED\xA0\x80\xF0\x9F\x98\x80");
+   free(units);
+
+   EXPECT_FALSE(CodeSet_Utf8ToUtf32("a\xC3", &units));
+   EXPECT_EQ(units, nullptr);
+   const uint32_t beyond[] = {'a', 0x110000, 0};
+   EXPECT_FALSE(CodeSet_Utf32ToUtf8(beyond, &text));
+   EXPECT_EQ(text, nullptr);
+   EXPECT_TRUE(CodeSet_Utf8ToUtf32(nullptr, &units) && CodeSet_Utf32ToUtf8(nullptr, &text));
+   EXPECT_TRUE(units == nullptr && text == nullptr);
+}
+
+TEST(CodeSetValidate, ConvertsToFindOut)
+{
+   EXPECT_TRUE(CodeSet_Validate("\xC3\xA9", 2, "UTF-8"));
+   EXPECT_FALSE(CodeSet_Validate("\xC3", 1, "UTF-8"));
+   EXPECT_TRUE(CodeSet_Validate("", 0, "no such"));
+   EXPECT_TRUE(CodeSet_Validate("\xFF", 1, "ISO-8859-1"));
+   EXPECT_FALSE(CodeSet_Validate("a", 1, "windows-1252"));
+   EXPECT_TRUE(CodeSet_IsEncodingSupported("windows-1252"));
+   EXPECT_FALSE(CodeSet_IsEncodingSupported("EUC-JP"));
+   EXPECT_PANIC((void)CodeSet_Validate("", size_t{1} << 31, "UTF-8"), "VERIFY lib/misc/codeset:[0-9]+");
+}
+
+TEST(CodeSetInit, LooksForTheDataFile)
+{
+   const ScratchFolder folder;
+   const std::string empty = folder.Path("empty");
+   const std::string taken = folder.Path("taken");
+   const std::string complete = folder.Path("complete");
+   for (const std::string &path : {empty, taken, complete, taken + "/icudt44l.dat"}) {
+      mkdir(path.c_str(), 0700);
+   }
+   WriteFile(complete + "/icudt44l.dat", "");
+   static std::string lookedUp;
+   lookedUp = complete;
+   const auto lookup = [](const char *key) {
+      return std::string(key) == "icuDir" ? strdup(lookedUp.c_str()) : nullptr;
+   };
+   const auto nothing = [](const char * /*key*/) -> char * { return nullptr; };
+   const struct {
+      const char *directory;
+      LocationLookup lookup;
+      bool found;
+   } cases[] = {
+       {complete.c_str(), nullptr, true}, {empty.c_str(), lookup, false}, {taken.c_str(), nullptr, false},
+       {nullptr, lookup, true},           {nullptr, nothing, false},      {nullptr, nullptr, false},
+   };
+   for (const auto &c : cases) {
+      CodeSetInit_FindIcu(c.directory, c.lookup);
+      EXPECT_EQ(CodeSetInit_UsesIcu(), c.found && TESSEL_HAVE_ICU)
+          << (c.directory != nullptr ? c.directory : "null");
+   }
+   EXPECT_TRUE(CodeSet_Init(complete.c_str()));
+   CodeSet_DontUseIcu();
+   EXPECT_FALSE(CodeSetInit_UsesIcu());
+   EXPECT_TRUE(CodeSet_Init(empty.c_str()));
+   EXPECT_FALSE(CodeSetInit_UsesIcu());
+}
+
+/* The first caller's directory decides, whoever that is: all pass the same here, and later calls change nothing. */
+TEST(UnicodeInit, RunsOnceUnderConcurrentCallers)
+{
+   const ScratchFolder folder;
+   WriteFile(folder.Path("icudt44l.dat"), "");
+   std::vector<std::thread> callers;
+   for (int i = 0; i < 4; i++) {
+      callers.emplace_back([&folder] { Unicode_Init(0, nullptr, nullptr, folder.Path().c_str()); });
+   }
+   for (std::thread &caller : callers) {
+      caller.join();
+   }
+   EXPECT_EQ(CodeSetInit_UsesIcu(), TESSEL_HAVE_ICU != 0);
+   Unicode_Init();
+   Unicode_InitDefault();
+   Unicode_Init("/nowhere");
+   EXPECT_EQ(CodeSetInit_UsesIcu(), TESSEL_HAVE_ICU != 0);
+   CodeSet_DontUseIcu();
+   Unicode_Init(folder.Path().c_str());
+   EXPECT_FALSE(CodeSetInit_UsesIcu());
+}
+
+TEST(CodeSetNormalization, ComposesAndDecomposes)
+{
+   const auto normalize = [](bool compose, const char *text, size_t length) {
+      return Allocated(4, [&](char **output, size_t *outLength) {
+         return compose ? CodeSet_Utf8FormC(text, length, output, outLength)
+                        : CodeSet_Utf8FormD(text, length, output, outLength);
+      });
+   };
+   if (!TESSEL_HAVE_ICU) {
+      EXPECT_EQ(normalize(true, "a", 1), failed);
+      return;
+   }
+   EXPECT_EQ(normalize(true, "A\xCC\x8A", 3), "\xC3\x85");
+   EXPECT_EQ(normalize(false, "\xE2\x84\xAB", 3), "A\xCC\x8A");
+   EXPECT_EQ(normalize(false, "\xED\x95\x9C", 3), "\xE1\x84\x92\xE1\x85\xA1\xE1\x86\xAB");
+   EXPECT_EQ(normalize(true, "a\0A\xCC\x8A", 5), "a");
+   EXPECT_EQ(normalize(true, "", 0), "");
+   EXPECT_EQ(normalize(true, "a\xFF", 2), failed);
+   EXPECT_EQ(normalize(false, "\xED\xA0\x80", 3), failed);
+}

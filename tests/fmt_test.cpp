@@ -416,7 +416,7 @@ TEST(FmtFormat, SurvivesEveryFailedAllocation)
       sAllocationsLeft = -1;
       EXPECT_EQ(errno, 77);
    }
-   EXPECT_GE(failures, 5) << "first block, growth, wide text, growth, none";
+   EXPECT_GE(failures, 5) << "the first block, growth, the wide text, growth, and none";
    EXPECT_EXIT(
        {
           sAllocationsLeft = 1;

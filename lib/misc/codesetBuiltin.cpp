@@ -166,7 +166,7 @@ size_t DecodeUtf16(const unsigned char *next, const unsigned char *end, uint32_t
       return 0;
    }
    const uint32_t low = LoadUnit(next + 2);
-   *codePoint = (unit << 10) + low - 0x35FDC00;
+   *codePoint = CodeSetJoinSurrogates(unit, low);
    return CodeSetIsLowSurrogate(low) ? 4 : 0;
 }
 

@@ -23,6 +23,11 @@ constexpr bool CodeSetIsLowSurrogate(uint32_t unit)
    return (unit & 0xFFFFFC00) == 0xDC00;
 }
 
+constexpr uint32_t CodeSetJoinSurrogates(uint32_t high, uint32_t low)
+{
+   return (high << 10) + low - 0x35FDC00;
+}
+
 constexpr bool CodeSetIsContinuation(unsigned char byte)
 {
    return (byte & 0xC0) == 0x80;

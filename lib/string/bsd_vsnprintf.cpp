@@ -23,7 +23,7 @@ struct FormatCall {
 };
 
 /* The count so far, through a pointer to an integer of the width that the size prefixes say. */
-void FormatStoreCount(unsigned flags, void *target, int64_t count)
+void FormatStoreCount(unsigned flags, void *target, int count)
 {
    if ((flags & WIDE_INTEGER_FLAGS) != 0) {
       *static_cast<int64_t *>(target) = count;
@@ -32,7 +32,7 @@ void FormatStoreCount(unsigned flags, void *target, int64_t count)
    } else if ((flags & CHARINT) != 0) {
       *static_cast<int8_t *>(target) = static_cast<int8_t>(count);
    } else {
-      *static_cast<int32_t *>(target) = static_cast<int32_t>(count);
+      *static_cast<int32_t *>(target) = count;
    }
 }
 
@@ -69,7 +69,7 @@ bool FormatConvertUnsigned(const FormatCall &call, Directive *directive)
       return Integer_PutHexadecimal(call.sink, directive,
                                     reinterpret_cast<uintptr_t>(call.arguments->TakePointer()));
    case 'n':
-      FormatStoreCount(flags, call.arguments->TakePointer(), call.sink->count);
+      FormatStoreCount(flags, call.arguments->TakePointer(), Sink_Count(call.sink));
       return true;
    default: /* '%' among them */
       return Text_PutByte(call.sink, *directive, directive->conversion);
@@ -96,15 +96,6 @@ bool FormatConvert(const FormatCall &call, Directive *directive)
    }
 }
 
-bool FormatPutLiteral(FormatSink *sink, const char *text, size_t length)
-{
-   if (!Sink_Announce(sink, length)) {
-      return false;
-   }
-   Sink_Put(sink, text, length);
-   return true;
-}
-
 bool FormatRun(const FormatCall &call, const char *format)
 {
    for (;;) {
@@ -112,7 +103,7 @@ bool FormatRun(const FormatCall &call, const char *format)
       while (*format != '\0' && *format != '%') {
          format++;
       }
-      if (format != run && !FormatPutLiteral(call.sink, run, static_cast<size_t>(format - run))) {
+      if (format != run && !Sink_Write(call.sink, {run, static_cast<size_t>(format - run)})) {
          return false;
       }
       if (*format == '\0') {
@@ -129,29 +120,26 @@ bool FormatRun(const FormatCall &call, const char *format)
    }
 }
 
-int FormatInto(FormatSink *sink, FormatLocale *locale, const char *format, va_list args)
+/* False: the result is -1. */
+bool FormatInto(FormatSink *sink, FormatLocale *locale, const char *format, va_list args)
 {
    FormatArguments arguments(format, args);
-   const bool complete = FormatRun({sink, &arguments, locale}, format);
 
-   Sink_Terminate(sink);
-   return complete ? static_cast<int>(sink->count) : -1;
+   return FormatRun({sink, &arguments, locale}, format);
 }
 
 int FormatAllocating(char **output, FormatLocale *locale, const char *format, va_list args)
 {
+   char frame[SINK_FRAME_SIZE];
    FormatSink sink;
 
-   if (!Sink_InitAllocating(&sink, strlen(format))) {
+   Sink_InitAllocating(&sink, frame, strlen(format));
+   if (!FormatInto(&sink, locale, format, args)) {
+      Sink_Discard(&sink);
       return -1;
    }
-   const int result = FormatInto(&sink, locale, format, args);
-   if (result < 0) {
-      free(sink.start);
-   } else {
-      *output = sink.start;
-   }
-   return result;
+   *output = Sink_Detach(&sink);
+   return *output != nullptr ? Sink_Count(&sink) : -1;
 }
 
 int FormatFixed(char *buffer, size_t size, FormatLocale *locale, const char *format, va_list args)
@@ -159,7 +147,9 @@ int FormatFixed(char *buffer, size_t size, FormatLocale *locale, const char *for
    FormatSink sink;
 
    Sink_InitFixed(&sink, buffer, size);
-   return FormatInto(&sink, locale, format, args);
+   const bool complete = FormatInto(&sink, locale, format, args);
+   Sink_Terminate(&sink);
+   return complete ? Sink_Count(&sink) : -1;
 }
 
 /* What the engine calls may set errno; callers format messages about errno before they look at it. */

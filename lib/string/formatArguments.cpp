@@ -141,21 +141,6 @@ void RecordFormat(TypeRecorder *recorder, const char *format)
 
 } // namespace
 
-FormatArguments::FormatArguments(const char *format, va_list list) : format_(format)
-{
-   va_copy(list_, list);
-   va_copy(original_, list);
-}
-
-FormatArguments::~FormatArguments()
-{
-   if (slots_ != frame_) {
-      free(slots_);
-   }
-   va_end(original_);
-   va_end(list_);
-}
-
 void FormatArguments::FetchAll()
 {
    TypeRecorder recorder;

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 /* Private to the formatting engine: the arguments of a call. They are taken one after the other from the list until
    the format first names one by number; then all of them are fetched into slots, and taken from there. */
@@ -20,8 +21,21 @@ union ArgumentSlot {
 class FormatArguments {
  public:
    /* The format must outlive this. The list is copied. */
-   FormatArguments(const char *format, va_list list);
-   ~FormatArguments();
+   FormatArguments(const char *format, va_list list) : format_(format)
+   {
+      va_copy(list_, list);
+      va_copy(original_, list);
+   }
+
+   ~FormatArguments()
+   {
+      if (slots_ != nullptr && slots_ != frame_) {
+         free(slots_);
+      }
+      va_end(original_);
+      va_end(list_);
+   }
+
    FormatArguments(const FormatArguments &) = delete;
    FormatArguments &operator=(const FormatArguments &) = delete;
 
@@ -45,10 +59,10 @@ class FormatArguments {
          return TakeWide();
       }
       const int value = TakeInt();
-      if ((flags & SHORTINT) != 0) {
-         return static_cast<int16_t>(value);
+      if ((flags & (SHORTINT | CHARINT)) == 0) {
+         return value;
       }
-      return (flags & CHARINT) != 0 ? static_cast<int8_t>(value) : value;
+      return (flags & SHORTINT) != 0 ? static_cast<int16_t>(value) : static_cast<int8_t>(value);
    }
 
    uint64_t TakeUnsigned(unsigned flags)
@@ -57,10 +71,10 @@ class FormatArguments {
          return static_cast<uint64_t>(TakeWide());
       }
       const auto value = static_cast<unsigned>(TakeInt());
-      if ((flags & SHORTINT) != 0) {
-         return static_cast<uint16_t>(value);
+      if ((flags & (SHORTINT | CHARINT)) == 0) {
+         return value;
       }
-      return (flags & CHARINT) != 0 ? static_cast<uint8_t>(value) : value;
+      return (flags & SHORTINT) != 0 ? static_cast<uint16_t>(value) : static_cast<uint8_t>(value);
    }
 
    void *TakePointer()

@@ -1,6 +1,7 @@
 #ifndef TESSEL_LIB_STRING_FORMATDIRECTIVE_H
 #define TESSEL_LIB_STRING_FORMATDIRECTIVE_H
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 
@@ -35,69 +36,84 @@ struct Directive {
    int64_t precision = -1; /* -1: none given */
 };
 
-inline int64_t DirectiveScanNumber(const char **position)
+/* The scanning routines below take the place of what they read and return the place behind it. */
+
+inline const char *DirectiveScanNumber(const char *position, int64_t *number)
+{
+   int64_t value = 0;
+
+   for (; *position >= '0' && *position <= '9'; ++position) {
+      value = std::min(value * 10 + (*position - '0'), FORMAT_NUMBER_LIMIT);
+   }
+   *number = value;
+   return position;
+}
+
+/* The value of a '*', which stands before position: that of the numbered argument if "n$" follows, else that of the
+   next one. Digits without '$' are left where they are. */
+template <typename Source> const char *DirectiveScanStar(const char *position, Source *source, int64_t *value)
+{
+   int64_t index = 0;
+   const char *const after = DirectiveScanNumber(position, &index);
+
+   if (*after != '$') {
+      *value = source->TakeInt();
+      return position;
+   }
+   *value = source->TakeIntAt(index);
+   return after + 1;
+}
+
+template <typename Source>
+const char *DirectiveScanWidthStar(const char *position, Directive *directive, Source *source)
+{
+   position = DirectiveScanStar(position, source, &directive->width);
+   if (directive->width < 0) {
+      directive->flags |= LADJUST;
+      directive->width = -directive->width;
+   }
+   return position;
+}
+
+template <typename Source>
+const char *DirectiveScanPrecision(const char *position, Directive *directive, Source *source)
+{
+   if (*position != '*') {
+      return DirectiveScanNumber(position, &directive->precision);
+   }
+   position = DirectiveScanStar(position + 1, source, &directive->precision);
+   if (directive->precision < 0) {
+      directive->precision = -1;
+   }
+   return position;
+}
+
+template <typename Source>
+const char *DirectiveScanWidthOrIndex(const char *position, Directive *directive, Source *source)
 {
    int64_t number = 0;
 
-   for (; **position >= '0' && **position <= '9'; ++*position) {
-      number = number * 10 + (**position - '0');
-      if (number > FORMAT_NUMBER_LIMIT) {
-         number = FORMAT_NUMBER_LIMIT;
-      }
+   position = DirectiveScanNumber(position, &number);
+   if (*position == '$') {
+      source->Select(number);
+      return position + 1;
    }
-   return number;
-}
-
-/* The value of a '*' whose text starts at *position: that of the numbered argument if "n$" follows, else that of
-   the next one. Digits without '$' are left where they are. */
-template <typename Source> int DirectiveScanStar(const char **position, Source *source)
-{
-   const char *after = *position;
-   const int64_t index = DirectiveScanNumber(&after);
-
-   if (*after != '$') {
-      return source->TakeInt();
-   }
-   *position = after + 1;
-   return source->TakeIntAt(index);
-}
-
-template <typename Source>
-void DirectiveScanWidthStar(const char **position, Directive *directive, Source *source)
-{
-   const int64_t width = DirectiveScanStar(position, source);
-
-   if (width < 0) {
-      directive->flags |= LADJUST;
-   }
-   directive->width = width < 0 ? -width : width;
-}
-
-template <typename Source>
-void DirectiveScanPrecision(const char **position, Directive *directive, Source *source)
-{
-   if (**position == '*') {
-      ++*position;
-      const int precision = DirectiveScanStar(position, source);
-      directive->precision = precision < 0 ? -1 : precision;
-   } else {
-      directive->precision = DirectiveScanNumber(position);
-   }
+   directive->width = number;
+   return position;
 }
 
 /* "I" alone is the size of size_t; "I32" an int; "I64" 64 bits. */
-inline void DirectiveScanSizeI(const char **position, Directive *directive)
+inline const char *DirectiveScanSizeI(const char *position, Directive *directive)
 {
-   const char *const p = *position;
-
-   if (p[0] == '3' && p[1] == '2') {
-      *position += 2;
-   } else if (p[0] == '6' && p[1] == '4') {
-      *position += 2;
-      directive->flags |= LLONGINT;
-   } else {
-      directive->flags |= SIZET;
+   if (position[0] == '3' && position[1] == '2') {
+      return position + 2;
    }
+   if (position[0] == '6' && position[1] == '4') {
+      directive->flags |= LLONGINT;
+      return position + 2;
+   }
+   directive->flags |= SIZET;
+   return position;
 }
 
 /* The second of a pair ("hh", "ll") replaces the flag of the first. */
@@ -110,14 +126,30 @@ inline void DirectiveSetOrDouble(Directive *directive, unsigned once, unsigned t
    }
 }
 
-/* Reads the directive whose text follows a '%' into *directive (fresh), and returns the place after its conversion
-   character. Flags, width, precision and size prefixes come in any order; the first character that is none of
-   them is the conversion. A format that ends first gives the conversion '\0' and the place of its NUL.
+/* A conversion character that sets no flag; not all of them. */
+inline bool DirectiveIsPlainConversion(char c)
+{
+   switch (c) {
+   case 'c':
+   case 'd':
+   case 'e':
+   case 'f':
+   case 'g':
+   case 'i':
+   case 'n':
+   case 'o':
+   case 'p':
+   case 's':
+   case 'u':
+   case 'x':
+      return true;
+   default:
+      return false;
+   }
+}
 
-   Source gives the values of '*': TakeInt() the next argument, TakeIntAt(index) a numbered one; Select(index)
-   makes a numbered argument the next. */
 template <typename Source>
-const char *Directive_Scan(const char *position, Directive *directive, Source *source)
+const char *DirectiveScanAll(const char *position, Directive *directive, Source *source)
 {
    for (;;) {
       const char c = *position++;
@@ -150,22 +182,14 @@ const char *Directive_Scan(const char *position, Directive *directive, Source *s
       case '6':
       case '7':
       case '8':
-      case '9': {
-         --position;
-         const int64_t number = DirectiveScanNumber(&position);
-         if (*position == '$') {
-            ++position;
-            source->Select(number);
-         } else {
-            directive->width = number;
-         }
+      case '9':
+         position = DirectiveScanWidthOrIndex(position - 1, directive, source);
          break;
-      }
       case '*':
-         DirectiveScanWidthStar(&position, directive, source);
+         position = DirectiveScanWidthStar(position, directive, source);
          break;
       case '.':
-         DirectiveScanPrecision(&position, directive, source);
+         position = DirectiveScanPrecision(position, directive, source);
          break;
       case 'h':
          DirectiveSetOrDouble(directive, SHORTINT, CHARINT);
@@ -188,7 +212,7 @@ const char *Directive_Scan(const char *position, Directive *directive, Source *s
          directive->flags |= SIZET;
          break;
       case 'I':
-         DirectiveScanSizeI(&position, directive);
+         position = DirectiveScanSizeI(position, directive);
          break;
       case 'C':
       case 'D':
@@ -202,6 +226,39 @@ const char *Directive_Scan(const char *position, Directive *directive, Source *s
          return c == '\0' ? position - 1 : position;
       }
    }
+}
+
+/* Nearly all directives have a zero flag and a width in front of the conversion, if anything. */
+template <typename Source>
+[[gnu::noinline]] const char *DirectiveScanWidthFirst(const char *position, Directive *directive,
+                                                      Source *source)
+{
+   int64_t width = 0;
+   const char *const after = DirectiveScanNumber(position, &width);
+
+   if (!DirectiveIsPlainConversion(*after)) {
+      return DirectiveScanAll(position, directive, source);
+   }
+   directive->flags = *position == '0' ? static_cast<unsigned>(ZEROPAD) : 0;
+   directive->width = width;
+   directive->conversion = *after;
+   return after + 1;
+}
+
+/* Reads the directive whose text follows a '%' into *directive (fresh), and returns the place after its conversion
+   character. Flags, width, precision and size prefixes come in any order; the first character that is none of
+   them is the conversion. A format that ends first gives the conversion '\0' and the place of its NUL.
+
+   Source gives the values of '*': TakeInt() the next argument, TakeIntAt(index) a numbered one; Select(index)
+   makes a numbered argument the next. */
+template <typename Source>
+const char *Directive_Scan(const char *position, Directive *directive, Source *source)
+{
+   if (!DirectiveIsPlainConversion(*position)) {
+      return DirectiveScanWidthFirst(position, directive, source);
+   }
+   directive->conversion = *position;
+   return position + 1;
 }
 
 #endif

@@ -23,8 +23,13 @@ template <typename PutBody>
    if (!Sink_Announce(sink, static_cast<uint64_t>(std::max(directive.width, real)))) {
       return false;
    }
-   if ((directive.flags & (LADJUST | ZEROPAD)) == 0) {
-      Sink_Fill(sink, ' ', padding);
+   int64_t zeros = minDigits - bodyLength;
+   if (padding > 0 && (directive.flags & LADJUST) == 0) {
+      if ((directive.flags & ZEROPAD) == 0) {
+         Sink_Fill(sink, ' ', padding);
+      } else {
+         zeros = std::max<int64_t>(zeros, 0) + padding;
+      }
    }
    if (directive.sign != '\0') {
       Sink_PutByte(sink, directive.sign);
@@ -33,10 +38,7 @@ template <typename PutBody>
       Sink_PutByte(sink, '0');
       Sink_PutByte(sink, directive.prefix);
    }
-   if ((directive.flags & (LADJUST | ZEROPAD)) == ZEROPAD) {
-      Sink_Fill(sink, '0', padding);
-   }
-   Sink_Fill(sink, '0', minDigits - bodyLength);
+   Sink_Fill(sink, '0', zeros);
    putBody(sink);
    if ((directive.flags & LADJUST) != 0) {
       Sink_Fill(sink, ' ', padding);
@@ -47,6 +49,9 @@ template <typename PutBody>
 [[nodiscard]] inline bool Field_PutText(FormatSink *sink, const Directive &directive, std::string_view text,
                                         int64_t minDigits = 0)
 {
+   if (directive.width == 0 && minDigits <= 0 && directive.sign == '\0' && directive.prefix == '\0') {
+      return Sink_Write(sink, text);
+   }
    return Field_Put(sink, directive, static_cast<int64_t>(text.size()), minDigits,
                     [text](FormatSink *to) { Sink_Put(to, text.data(), text.size()); });
 }

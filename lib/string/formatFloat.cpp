@@ -59,7 +59,7 @@ bool FloatPutSpecial(FormatSink *sink, const Directive &directive, double value)
    if (FloatIsUpperCase(directive)) {
       Str_ToUpper(text);
    }
-   return Field_PutText(sink, directive, text);
+   return Field_PutText(sink, directive, {text, sizeof text - 1});
 }
 
 /* The digits of the fixed form. With no place after the point, halves go away from zero: the value is rounded first,

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -32,13 +33,38 @@ template <unsigned BITS> char *IntegerWriteBits(char *end, uint64_t value, const
    return end;
 }
 
-/* The field for digits that end at end. The precision is a minimum of digits, and one given puts an end to zero
-   padding. */
-bool IntegerPut(FormatSink *sink, Directive *directive, const char *digits, const char *end)
+/* The number of decimal digits, at least one. Most numbers are small: comparing beats computing. */
+size_t IntegerDecimalLength(uint64_t value)
+{
+   for (size_t length = 1;; length += 4) {
+      if (value < 10) {
+         return length;
+      }
+      if (value < 100) {
+         return length + 1;
+      }
+      if (value < 1000) {
+         return length + 2;
+      }
+      if (value < 10000) {
+         return length + 3;
+      }
+      value /= 10000;
+   }
+}
+
+/* The precision is a minimum of digits, and one given puts an end to zero padding. */
+void IntegerHeedPrecision(Directive *directive)
 {
    if (directive->precision >= 0) {
       directive->flags &= ~static_cast<unsigned>(ZEROPAD);
    }
+}
+
+/* The field for digits that end at end. */
+bool IntegerPut(FormatSink *sink, Directive *directive, const char *digits, const char *end)
+{
+   IntegerHeedPrecision(directive);
    return Field_PutText(sink, *directive, {digits, static_cast<size_t>(end - digits)}, directive->precision);
 }
 
@@ -48,22 +74,52 @@ bool IntegerHasDigits(const Directive &directive, uint64_t value)
    return value != 0 || directive.precision != 0;
 }
 
-bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitude, FormatLocale *locale)
+/* Kept out of line, as the next one is: the usual road needs no scratch, nor the guard of its stack frame. */
+[[gnu::noinline]] bool IntegerPutGrouped(FormatSink *sink, Directive *directive, uint64_t magnitude,
+                                         const FormatLocale &locale)
 {
+   char plain[MAX_DECIMAL_DIGITS];
    char scratch[SCRATCH_SIZE];
-   char *end = scratch + sizeof scratch;
-   char *digits = end;
+   char *const end = scratch + sizeof scratch;
+   const char *digits = end;
 
    if (IntegerHasDigits(*directive, magnitude)) {
-      digits = Integer_WriteDecimal(end, magnitude);
-   }
-   if ((directive->flags & GROUPING) != 0) {
-      char plain[MAX_DECIMAL_DIGITS];
-      const size_t length = static_cast<size_t>(end - digits);
-      memcpy(plain, digits, length);
-      digits = Locale_WriteGrouped(Locale_Get(locale), end, {plain, length});
+      const char *const start = Integer_WriteDecimal(std::end(plain), magnitude);
+      digits = Locale_WriteGrouped(locale, end, {start, static_cast<size_t>(std::end(plain) - start)});
    }
    return IntegerPut(sink, directive, digits, end);
+}
+
+[[gnu::noinline]] void IntegerPutCutDigits(FormatSink *sink, uint64_t value, size_t length)
+{
+   char scratch[MAX_DECIMAL_DIGITS];
+
+   Sink_Put(sink, Integer_WriteDecimal(std::end(scratch), value), length);
+}
+
+/* Of length bytes, straight into the sink where it has the room. */
+void IntegerPutDigits(FormatSink *sink, uint64_t value, size_t length)
+{
+   if (length > static_cast<size_t>(sink->limit - sink->cursor)) {
+      IntegerPutCutDigits(sink, value, length);
+      return;
+   }
+   sink->cursor += length;
+   Integer_WriteDecimal(sink->cursor, value);
+}
+
+bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitude, FormatLocale *locale)
+{
+   if ((directive->flags & GROUPING) != 0) {
+      return IntegerPutGrouped(sink, directive, magnitude, Locale_Get(locale));
+   }
+   IntegerHeedPrecision(directive);
+   if (!IntegerHasDigits(*directive, magnitude)) {
+      return Field_PutText(sink, *directive, {});
+   }
+   const size_t length = IntegerDecimalLength(magnitude);
+   return Field_Put(sink, *directive, static_cast<int64_t>(length), directive->precision,
+                    [magnitude, length](FormatSink *to) { IntegerPutDigits(to, magnitude, length); });
 }
 
 } // namespace

@@ -6,27 +6,45 @@ namespace {
 
 constexpr size_t FIRST_CAPACITY_STEP = 64;
 
-/* The last byte of the block is kept for the NUL. */
-void SinkAdopt(FormatSink *sink, char *block, size_t stored, size_t capacity)
+/* A multiple of the present capacity that holds the length and a NUL. */
+size_t SinkCapacityFor(const FormatSink *sink, size_t length)
 {
+   if (length < sink->capacity) {
+      return sink->capacity;
+   }
+   const size_t capacity = length + sink->capacity;
+   return capacity - capacity % sink->capacity;
+}
+
+/* Moves what was stored to a block that holds length bytes and a NUL. */
+bool SinkMove(FormatSink *sink, size_t length)
+{
+   const size_t stored = static_cast<size_t>(sink->cursor - sink->start);
+   const size_t capacity = SinkCapacityFor(sink, length);
+   char *const block = static_cast<char *>(sink->inFrame ? malloc(capacity) : realloc(sink->start, capacity));
+
+   if (block == nullptr) {
+      return false;
+   }
+   if (sink->inFrame) {
+      memcpy(block, sink->start, stored);
+   }
    sink->start = block;
    sink->cursor = block + stored;
    sink->limit = block + capacity - 1;
+   sink->capacity = capacity;
+   sink->inFrame = false;
+   return true;
 }
 
 } // namespace
 
-void Sink_InitFixed(FormatSink *sink, char *buffer, size_t size)
+void Sink_CopyLong(char *to, const char *from, size_t n)
 {
-   sink->start = buffer;
-   sink->cursor = buffer;
-   sink->limit = size != 0 ? buffer + size - 1 : buffer;
-   sink->count = 0;
-   sink->allocating = false;
-   sink->terminated = size != 0;
+   memcpy(to, from, n);
 }
 
-bool Sink_InitAllocating(FormatSink *sink, size_t formatLength)
+void Sink_InitAllocating(FormatSink *sink, char *frame, size_t formatLength)
 {
    size_t capacity = 1;
 
@@ -34,35 +52,29 @@ bool Sink_InitAllocating(FormatSink *sink, size_t formatLength)
       capacity = formatLength + FIRST_CAPACITY_STEP;
       capacity -= capacity % FIRST_CAPACITY_STEP;
    }
-   char *const block = static_cast<char *>(malloc(capacity));
-   if (block == nullptr) {
-      return false;
-   }
-   SinkAdopt(sink, block, 0, capacity);
-   sink->count = 0;
+   Sink_InitFixed(sink, frame, SINK_FRAME_SIZE);
+   sink->capacity = capacity;
    sink->allocating = true;
-   sink->terminated = true;
-   return true;
+   sink->inFrame = true;
 }
 
 bool Sink_Grow(FormatSink *sink, size_t n)
 {
-   const size_t stored = static_cast<size_t>(sink->cursor - sink->start);
-   const size_t current = static_cast<size_t>(sink->limit - sink->start) + 1;
-   size_t capacity = stored + n + current;
-
-   capacity -= capacity % current;
-   char *const block = static_cast<char *>(realloc(sink->start, capacity));
-   if (block == nullptr) {
-      return false;
-   }
-   SinkAdopt(sink, block, stored, capacity);
-   return true;
+   return SinkMove(sink, static_cast<size_t>(sink->cursor - sink->start) + n);
 }
 
-void Sink_Terminate(FormatSink *sink)
+char *Sink_Detach(FormatSink *sink)
 {
-   if (sink->terminated) {
-      *sink->cursor = '\0';
+   if (sink->inFrame && !SinkMove(sink, static_cast<size_t>(sink->cursor - sink->start))) {
+      return nullptr;
+   }
+   Sink_Terminate(sink);
+   return sink->start;
+}
+
+void Sink_Discard(FormatSink *sink)
+{
+   if (!sink->inFrame) {
+      free(sink->start);
    }
 }

@@ -1,59 +1,124 @@
 #ifndef TESSEL_LIB_STRING_FORMATSINK_H
 #define TESSEL_LIB_STRING_FORMATSINK_H
 
+#include <algorithm>
+#include <array>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 /* Private to the formatting engine: where its output goes, and the count of it. */
 
 struct FormatSink {
    char *start;
-   char *cursor;  /* the next byte */
-   char *limit;   /* where the NUL goes at the latest: no byte is stored from here on */
-   int64_t count; /* bytes put out so far, stored or not: never above INT_MAX */
-   bool
-       allocating; /* start is ours, and grows; otherwise it is the caller's, and what does not fit is dropped */
-   bool terminated; /* there is a byte for the NUL */
+   char *cursor;    /* the next byte */
+   char *limit;     /* where the NUL goes at the latest: no byte is stored from here on */
+   uint64_t spare;  /* what is left of INT_MAX after the bytes put so far, stored or not */
+   size_t capacity; /* of start; as long as that is the frame, what a block for it would begin with */
+   bool allocating; /* the room grows; otherwise what does not fit is dropped */
+   bool inFrame;
 };
 
-void Sink_InitFixed(FormatSink *sink, char *buffer, size_t size);
+/* Room for the most usual texts, which are moved to a block of their own once their length is known: that is cheaper
+   than to let a block grow. */
+constexpr size_t SINK_FRAME_SIZE = 512;
 
-/* False if memory runs out, with nothing to free. */
-[[nodiscard]] bool Sink_InitAllocating(FormatSink *sink, size_t formatLength);
+inline void Sink_InitFixed(FormatSink *sink, char *buffer, size_t size)
+{
+   *sink = {.start = buffer,
+            .cursor = buffer,
+            .limit = size != 0 ? buffer + size - 1 : buffer,
+            .spare = INT_MAX,
+            .capacity = size,
+            .allocating = false,
+            .inFrame = false};
+}
+
+/* The frame, of SINK_FRAME_SIZE bytes, must outlive the sink. */
+void Sink_InitAllocating(FormatSink *sink, char *frame, size_t formatLength);
 
 /* Writes the NUL behind what was stored, if there is room for any byte at all. */
-void Sink_Terminate(FormatSink *sink);
+inline void Sink_Terminate(FormatSink *sink)
+{
+   if (sink->capacity != 0) {
+      *sink->cursor = '\0';
+   }
+}
+
+/* Terminates an allocating sink and hands over its text, which the caller frees; null if memory runs out. Once this
+   or Sink_Discard was called, the sink is not to be used. */
+[[nodiscard]] char *Sink_Detach(FormatSink *sink);
+void Sink_Discard(FormatSink *sink);
 
 /* Makes room for n more bytes in an allocating sink. False if memory runs out: what was stored stays. */
 [[nodiscard]] bool Sink_Grow(FormatSink *sink, size_t n);
+
+/* The bytes put so far, stored or not. */
+inline int Sink_Count(const FormatSink *sink)
+{
+   return static_cast<int>(INT_MAX - sink->spare);
+}
 
 /* Announces that the next n bytes are about to be put, and counts them. False if the count would not fit an int
    or the room cannot be had: then nothing may be put. */
 [[nodiscard]] inline bool Sink_Announce(FormatSink *sink, uint64_t n)
 {
-   if (n > static_cast<uint64_t>(INT_MAX - sink->count)) {
+   if (n > sink->spare) {
       return false;
    }
    if (sink->allocating && n > static_cast<size_t>(sink->limit - sink->cursor) && !Sink_Grow(sink, n)) {
       return false;
    }
-   sink->count += static_cast<int64_t>(n);
+   sink->spare -= n;
    return true;
+}
+
+/* memcpy, kept out of the compiler's sight: inlined for a text of known size, this branch, though dead, would earn a
+   warning. */
+void Sink_CopyLong(char *to, const char *from, size_t n);
+
+/* The first and the last bytes of n, which may overlap. */
+template <typename Word> void SinkCopyEnds(char *to, const char *from, size_t n)
+{
+   Word first;
+   Word last;
+
+   memcpy(&first, from, sizeof first);
+   memcpy(&last, from + n - sizeof last, sizeof last);
+   memcpy(to, &first, sizeof first);
+   memcpy(to + n - sizeof last, &last, sizeof last);
+}
+
+/* Most pieces are a few bytes: two moves that may overlap cost less than a call. n at least 1. */
+inline void SinkCopy(char *to, const char *from, size_t n)
+{
+   if (n < 4) {
+      to[0] = from[0];
+      to[n / 2] = from[n / 2];
+      to[n - 1] = from[n - 1];
+   } else if (n <= 8) {
+      SinkCopyEnds<uint32_t>(to, from, n);
+   } else if (n <= 16) {
+      SinkCopyEnds<uint64_t>(to, from, n);
+   } else if (n <= 32) {
+      SinkCopyEnds<std::array<char, 16>>(to, from, n);
+   } else {
+      Sink_CopyLong(to, from, n);
+   }
 }
 
 /* The put routines drop what the room does not hold; only announced bytes may be put. */
 inline void Sink_Put(FormatSink *sink, const char *bytes, size_t n)
 {
-   const size_t room = static_cast<size_t>(sink->limit - sink->cursor);
+   char *const cursor = sink->cursor;
+   const size_t room = static_cast<size_t>(sink->limit - cursor);
 
-   if (n > room) {
-      n = room;
-   }
+   n = std::min(n, room);
    if (n != 0) {
-      memcpy(sink->cursor, bytes, n);
-      sink->cursor += n;
+      sink->cursor = cursor + n;
+      SinkCopy(cursor, bytes, n);
    }
 }
 
@@ -67,14 +132,29 @@ inline void Sink_PutByte(FormatSink *sink, char byte)
 /* n bytes of one value; none if n is not above 0. */
 inline void Sink_Fill(FormatSink *sink, char byte, int64_t n)
 {
-   const int64_t room = sink->limit - sink->cursor;
+   if (n <= 0) {
+      return;
+   }
+   char *const cursor = sink->cursor;
+   const size_t length = std::min(static_cast<size_t>(n), static_cast<size_t>(sink->limit - cursor));
+   sink->cursor = cursor + length;
+   if (length > 3) {
+      memset(cursor, byte, length);
+   } else if (length > 0) {
+      cursor[0] = byte;
+      cursor[length / 2] = byte;
+      cursor[length - 1] = byte;
+   }
+}
 
-   if (n > room) {
-      n = room;
+/* Announces and puts. */
+[[nodiscard]] inline bool Sink_Write(FormatSink *sink, std::string_view text)
+{
+   if (!Sink_Announce(sink, text.size())) {
+      return false;
    }
-   for (; n > 0; n--) {
-      *sink->cursor++ = byte;
-   }
+   Sink_Put(sink, text.data(), text.size());
+   return true;
 }
 
 #endif

@@ -127,5 +127,6 @@ bool Text_PutWideCharacter(FormatSink *sink, const Directive &directive, wint_t 
    mbstate_t fresh{};
    const size_t length = wcrtomb(bytes, static_cast<wchar_t>(character), &fresh);
 
-   return length != static_cast<size_t>(-1) && Field_PutText(sink, directive, {bytes, length});
+   /* An error is the largest size. */
+   return length <= sizeof bytes && Field_PutText(sink, directive, {bytes, length});
 }

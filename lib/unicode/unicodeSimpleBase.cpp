@@ -104,6 +104,68 @@ char *AllocStrict(const void *buffer, size_t length, EncodingId encoding)
    return converted ? string : nullptr;
 }
 
+unsigned int HexDigit(char digit)
+{
+   if (digit >= '0' && digit <= '9') {
+      return static_cast<unsigned int>(digit - '0');
+   }
+   const int lower = digit | 0x20;
+   if (lower >= 'a' && lower <= 'f') {
+      return static_cast<unsigned int>(lower - 'a' + 10);
+   }
+   Panic("NOT_IMPLEMENTED %s:%d\n", MODULE, __LINE__);
+}
+
+uint32_t HexNumber(const char *digits, size_t count)
+{
+   uint32_t value = 0;
+   for (size_t i = 0; i < count; i++) {
+      value = value << 4 | HexDigit(digits[i]);
+   }
+   return value;
+}
+
+/* One byte of a literal, which is ASCII. */
+char LiteralByte(const char **text)
+{
+   const char byte = *(*text)++;
+   if ((byte & 0x80) != 0) {
+      Panic("VERIFY %s:%d\n", MODULE, __LINE__);
+   }
+   return byte;
+}
+
+/* The next character or escape. A backslash is never the last byte here. */
+uint32_t LiteralCodePoint(const char **text)
+{
+   const char first = LiteralByte(text);
+   if (first != '\\') {
+      return static_cast<uint32_t>(first);
+   }
+   const char kind = LiteralByte(text);
+   if (kind != 'u' && kind != 'U') {
+      return static_cast<uint32_t>(kind);
+   }
+   const size_t digits = kind == 'u' ? 4 : 8;
+   const uint32_t codePoint = HexNumber(*text, digits);
+   *text += digits;
+   if (codePoint > UNICODE_LAST_CODE_POINT) {
+      Panic("VERIFY %s:%d\n", MODULE, __LINE__);
+   }
+   return codePoint;
+}
+
+char16_t *AppendCodePoint(uint32_t codePoint, char16_t *units)
+{
+   if (codePoint < 0x10000) {
+      *units++ = static_cast<char16_t>(codePoint);
+   } else {
+      *units++ = static_cast<char16_t>(((codePoint - 0x10000) >> 10) + 0xD800);
+      *units++ = static_cast<char16_t>((codePoint & 0x3FF) | 0xDC00);
+   }
+   return units;
+}
+
 } // namespace
 
 char *Unicode_AllocWithLength(const void *buffer, ssize_t lengthInBytes, EncodingId encoding)
@@ -147,6 +209,22 @@ char **Unicode_AllocList(const char *const *buffers, ssize_t count, EncodingId e
       strings[i] = Unicode_AllocWithLength(buffers[i], -1, encoding);
    }
    return strings;
+}
+
+char *Unicode_AllocFromEscapedLiteral(const char *text, bool unescape)
+{
+   if (!unescape) {
+      return Util_SafeStrdup(text);
+   }
+   /* No escape is shorter than the units it stands for. */
+   const Owned<char16_t> units(
+       static_cast<char16_t *>(Util_SafeMalloc((strlen(text) + 1) * sizeof(char16_t))));
+   char16_t *next = units.get();
+   while (*text != '\0' && strcmp(text, "\\") != 0) {
+      next = AppendCodePoint(LiteralCodePoint(&text), next);
+   }
+   *next = 0;
+   return Unicode_AllocWithLength(units.get(), -1, ENCODING_UTF16_LE);
 }
 
 void *Unicode_GetAllocBytesWithLength(const char *string, EncodingId encoding, ssize_t lengthInBytes,
