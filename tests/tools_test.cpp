@@ -303,8 +303,8 @@ TEST_F(Tools, StopTheServicesOnASignal)
 TEST_F(Tools, LeaveTheTerminalsInterruptToTheCommand)
 {
    constexpr char INTERRUPT = '\x03';
-   Program launch(LaunchShell("trap 'echo heard' INT; echo at work\n"
-                              "for i in 1 2 3 4 5 6 7 8 9 10; do sleep 0.02; done; exit 5"),
+   Program launch(LaunchShell("trap 'heard=yes; echo heard' INT; echo at work\n"
+                              "until [ \"$heard\" ]; do sleep 0.02; done; sleep 0.1; exit 5"),
                   On::Terminal);
    ASSERT_TRUE(launch.Says("at work")) << launch.Output();
    launch.Type(INTERRUPT);
