@@ -36,6 +36,6 @@ check() {
    else
       count 0 1 0
       echo "FAILED: $name"
-      head -n 40 <<<"   ${output//$'\n'/$'\n'   }"
+      [ -z "$output" ] || head -n 200 <<<"   ${output//$'\n'/$'\n'   }"
    fi
 }

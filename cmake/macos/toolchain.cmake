@@ -26,5 +26,5 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # The headers of the C library are annotated in parts only. Without -s the linker notes where each object file was.
 set(CMAKE_CXX_FLAGS_INIT "-Wno-nullability-completeness")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-s -Wl,-dead_strip")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-s -Wl,-dead_strip -Wl,-dead_strip_dylibs")
 set(CMAKE_TRY_COMPILE_CONFIGURATION Release)
