@@ -288,9 +288,10 @@ TEST(CodeSetUtf8, ValidatesBySequenceRules)
    };
    /* In front of, behind and between ASCII of all lengths around the wide steps. */
    for (const auto &c : cases) {
-      for (const size_t before : {0, 1, 15, 16, 17, 63, 64, 65, 80, 200}) {
-         for (const size_t after : {0, 1, 15, 16, 64, 100}) {
-            const std::string text = std::string(before, 'a') + c.text + std::string(after, 'z');
+      for (const int before : {0, 1, 15, 16, 17, 63, 64, 65, 80, 200}) {
+         for (const int after : {0, 1, 15, 16, 64, 100}) {
+            const std::string text = std::string(static_cast<size_t>(before), 'a') + c.text +
+                                     std::string(static_cast<size_t>(after), 'z');
             const Exact exact(text);
             EXPECT_EQ(CodeSet_IsValidUtf8Buffer(exact.Data(), text.size()), c.valid)
                 << testing::PrintToString(text);

@@ -29,7 +29,7 @@ constexpr std::array<Page, presentPages.size()> MakePages()
    std::array<Page, presentPages.size()> pages{};
    for (size_t i = 0; i < pages.size(); i++) {
       for (size_t low = 0; low < pages[i].size(); low++) {
-         pages[i][low] = static_cast<char16_t>(presentPages[i] << 8 | low);
+         pages[i][low] = static_cast<char16_t>(size_t{presentPages[i]} << 8 | low);
       }
    }
    for (const Folding &folding : foldings) {
