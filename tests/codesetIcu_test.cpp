@@ -93,10 +93,10 @@ TEST_F(CodeSetIcu, WritesFromTheStartOfTheBufferAndSetsItsSize)
 /* Four times the room that is made at first, over several fillings of the pivot, in pieces that end inside characters. */
 TEST_F(CodeSetIcu, ResumesWhereTheOutputOverflowed)
 {
-   for (const size_t count : {1, 31, 32, 33, 1000, 5000, 70000}) {
+   for (const int count : {1, 31, 32, 33, 1000, 5000, 70000}) {
       std::string utf8;
       std::string utf32;
-      for (size_t i = 0; i < count; i++) {
+      for (int i = 0; i < count; i++) {
          utf8 += i % 3 == 0 ? "\xF0\x9F\x98\x80" : "x";
          utf32 += i % 3 == 0 ? "\x00\xF6\x01\x00"s : "x\0\0\0"s;
       }

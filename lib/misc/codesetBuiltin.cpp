@@ -12,9 +12,6 @@
 #include <string_view>
 #include <utility>
 
-/* Units of UTF-16LE are read and written as native ones. */
-static_assert(std::endian::native == std::endian::little);
-
 namespace {
 
 /* What one code point takes at most in UTF-8 and in UTF-16. */
@@ -37,59 +34,15 @@ struct Scratch : DynBuf {
    }
 };
 
-/* Writes to the end of a buffer without keeping its size up to date; Commit sets it. Until then the buffer's content, as
-   its owner sees it, has not changed. */
-class Writer {
- public:
-   explicit Writer(DynBuf *buffer) : buffer_(buffer)
-   {
-      Place(buffer->size);
+/* Room for one code point behind the first used bytes. */
+bool MakeRoom(DynBuf *buffer, uint64_t used)
+{
+   if (used > SIZE_MAX - MAX_CODE_POINT_BYTES) {
+      return false;
    }
-
-   /* Room for one code point. Asking for no more than that before each one keeps the growth to the buffer's own
-      rule. */
-   [[nodiscard]] bool MakeRoom()
-   {
-      return Room() >= MAX_CODE_POINT_BYTES || Grow();
-   }
-
-   [[nodiscard]] size_t Room() const
-   {
-      return static_cast<size_t>(end_ - next);
-   }
-
-   void Commit()
-   {
-      buffer_->size = Used();
-   }
-
-   char *next;
-
- private:
-   [[nodiscard]] size_t Used() const
-   {
-      return buffer_->data == nullptr ? 0 : static_cast<size_t>(next - buffer_->data);
-   }
-
-   void Place(size_t used)
-   {
-      next = buffer_->data + used;
-      end_ = buffer_->data + buffer_->allocated;
-   }
-
-   bool Grow()
-   {
-      const size_t used = Used();
-      if (used > SIZE_MAX - MAX_CODE_POINT_BYTES || !DynBuf_Enlarge(buffer_, used + MAX_CODE_POINT_BYTES)) {
-         return false;
-      }
-      Place(used);
-      return true;
-   }
-
-   DynBuf *buffer_;
-   char *end_;
-};
+   const size_t needed = used + MAX_CODE_POINT_BYTES;
+   return needed <= buffer->allocated || DynBuf_Enlarge(buffer, needed);
+}
 
 uint16_t LoadUnit(const unsigned char *bytes)
 {
@@ -105,44 +58,49 @@ char *StoreUnit(uint32_t unit, char *out)
    return out + sizeof narrow;
 }
 
-/* Widens leading runs of ASCII, as far as there is room, and returns how much of the input that took. */
-size_t WidenAscii(const unsigned char *next, const unsigned char *end, Writer *writer)
+/* How many of the RUN bytes at next are ASCII before the first that is not. */
+size_t LeadingAscii(const unsigned char *next)
 {
-   const unsigned char *const start = next;
-   while (static_cast<size_t>(end - next) >= RUN && writer->Room() >= RUN * sizeof(uint16_t)) {
-      uint64_t words[RUN / sizeof(uint64_t)];
-      memcpy(words, next, sizeof words);
-      if (((words[0] | words[1]) & 0x8080808080808080) != 0) {
-         break;
+   for (size_t i = 0; i < RUN; i += sizeof(uint64_t)) {
+      uint64_t word;
+      memcpy(&word, next + i, sizeof word);
+      word &= 0x8080808080808080;
+      if (word != 0) {
+         return i + static_cast<size_t>(std::countr_zero(word)) / 8;
       }
-      uint16_t units[RUN];
-      std::copy_n(next, RUN, units);
-      memcpy(writer->next, units, sizeof units);
-      writer->next += sizeof units;
-      next += RUN;
    }
-   return static_cast<size_t>(next - start);
+   return RUN;
 }
 
-/* The way back: units below 0x80. */
-size_t NarrowAscii(const unsigned char *next, const unsigned char *end, Writer *writer)
+/* The same of RUN units of UTF-16. */
+size_t LeadingAsciiUnits(const unsigned char *next)
 {
-   const unsigned char *const start = next;
-   while (static_cast<size_t>(end - next) >= RUN * sizeof(uint16_t) && writer->Room() >= RUN) {
-      uint64_t words[RUN * sizeof(uint16_t) / sizeof(uint64_t)];
-      memcpy(words, next, sizeof words);
-      if (((words[0] | words[1] | words[2] | words[3]) & 0xFF80FF80FF80FF80) != 0) {
-         break;
+   constexpr size_t unitsPerWord = sizeof(uint64_t) / sizeof(uint16_t);
+   for (size_t i = 0; i < RUN; i += unitsPerWord) {
+      uint64_t word;
+      memcpy(&word, next + i * sizeof(uint16_t), sizeof word);
+      word &= 0xFF80FF80FF80FF80;
+      if (word != 0) {
+         return i + static_cast<size_t>(std::countr_zero(word)) / 16;
       }
-      char bytes[RUN];
-      for (size_t i = 0; i < RUN; i++) {
-         bytes[i] = static_cast<char>(next[2 * i]);
-      }
-      memcpy(writer->next, bytes, sizeof bytes);
-      writer->next += sizeof bytes;
-      next += sizeof words;
    }
-   return static_cast<size_t>(next - start);
+   return RUN;
+}
+
+void WidenRun(const unsigned char *next, char *out)
+{
+   uint16_t units[RUN];
+   std::copy_n(next, RUN, units);
+   memcpy(out, units, sizeof units);
+}
+
+void NarrowRun(const unsigned char *next, char *out)
+{
+   uint16_t units[RUN];
+   memcpy(units, next, sizeof units);
+   char bytes[RUN];
+   std::transform(units, units + RUN, bytes, [](uint16_t unit) { return static_cast<char>(unit); });
+   memcpy(out, bytes, sizeof bytes);
 }
 
 char *EncodeUtf16(uint32_t codePoint, char *out)
@@ -168,6 +126,141 @@ size_t DecodeUtf16(const unsigned char *next, const unsigned char *end, uint32_t
    const uint32_t low = LoadUnit(next + 2);
    *codePoint = CodeSetJoinSurrogates(unit, low);
    return CodeSetIsLowSurrogate(low) ? 4 : 0;
+}
+
+/* The loops of the conversions: from *input until stop is reached or passed, which the caller has chosen so that the output
+   fits; a sequence that begins before stop may end after it. False for ill-formed input. A run is converted
+   whole and counted as far as it is ASCII; what follows writes over the rest. */
+using ConvertRuns = bool (*)(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
+                             char **output);
+
+bool EncodeRuns(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
+                char **output)
+{
+   const unsigned char *next = *input;
+   char *out = *output;
+   while (next < stop) {
+      if (stop - next >= ptrdiff_t{RUN}) {
+         const size_t ascii = LeadingAscii(next);
+         WidenRun(next, out);
+         next += ascii;
+         out += ascii * sizeof(uint16_t);
+         if (ascii == RUN) {
+            continue;
+         }
+      }
+      do {
+         uint32_t codePoint;
+         const int n = CodeSetDecodeUtf8(next, end, &codePoint);
+         if (n == 0 || CodeSetIsSurrogate(codePoint) || codePoint > UNICODE_LAST_CODE_POINT) {
+            return false;
+         }
+         next += n;
+         out = EncodeUtf16(codePoint, out);
+      } while (next < stop && *next >= 0x80);
+   }
+   *input = next;
+   *output = out;
+   return true;
+}
+
+/* Most scripts lie where a unit takes three bytes of UTF-8. */
+bool IsThreeByteUnit(uint32_t unit)
+{
+   return unit - 0x800 < 0xD800 - 0x800;
+}
+
+/* Two such units in lanes of 24 bits each, so that every step serves both. Eight bytes are stored, of which six count. */
+void StoreThreeByteUnits(uint64_t unit1, uint64_t unit2, char *out)
+{
+   const uint64_t units = unit1 | unit2 << 24;
+   const uint64_t bytes = 0x8080E08080E0 | (units >> 12 & 0x00000F00000F) | (units << 2 & 0x003F00003F00) |
+                          (units << 16 & 0x3F00003F0000);
+   memcpy(out, &bytes, sizeof bytes);
+}
+
+bool DecodeRuns(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
+                char **output)
+{
+   constexpr ptrdiff_t runBytes = RUN * sizeof(uint16_t);
+   /* With one more unit to come behind the two, the output has room for the whole of their store. */
+   constexpr ptrdiff_t pairBytes = 3 * sizeof(uint16_t);
+   const unsigned char *next = *input;
+   char *out = *output;
+   while (next < stop) {
+      if (stop - next >= runBytes) {
+         const size_t ascii = LeadingAsciiUnits(next);
+         NarrowRun(next, out);
+         next += ascii * sizeof(uint16_t);
+         out += ascii;
+         if (ascii == RUN) {
+            continue;
+         }
+      }
+      do {
+         while (stop - next >= pairBytes && IsThreeByteUnit(LoadUnit(next)) &&
+                IsThreeByteUnit(LoadUnit(next + 2))) {
+            StoreThreeByteUnits(LoadUnit(next), LoadUnit(next + 2), out);
+            next += 2 * sizeof(uint16_t);
+            out += 6;
+         }
+         uint32_t codePoint = LoadUnit(next);
+         if (CodeSetIsSurrogate(codePoint)) {
+            if (DecodeUtf16(next, end, &codePoint) == 0) {
+               return false;
+            }
+            next += sizeof(uint16_t);
+         }
+         next += sizeof(uint16_t);
+         out = CodeSetEncodeUtf8(codePoint, out);
+      } while (next < stop && LoadUnit(next) >= 0x80);
+   }
+   *input = next;
+   *output = out;
+   return true;
+}
+
+bool EncodeLatin1(const unsigned char **input, const unsigned char *stop, const unsigned char * /*end*/,
+                  char **output)
+{
+   const unsigned char *next = *input;
+   char *out = *output;
+   while (next < stop) {
+      out = CodeSetEncodeUtf8(*next++, out);
+   }
+   *input = next;
+   *output = out;
+   return true;
+}
+
+/* How much input a loop may begin to convert, for what each unit of unitBytes takes at most in the output; the last code
+   point has the room of four bytes, as its unit may be the first of two, and as it is stored whole. */
+template <size_t unitBytes, size_t outputPerUnit> size_t InputForRoom(size_t room)
+{
+   return ((room - MAX_CODE_POINT_BYTES) / outputPerUnit + 1) * unitBytes;
+}
+
+/* Room is made for one code point whenever there is none, so that the output grows by the buffer's own rule. */
+template <ConvertRuns convertRuns, size_t unitBytes, size_t outputPerUnit>
+bool ConvertAll(const void *input, size_t length, DynBuf *output)
+{
+   const auto *next = static_cast<const unsigned char *>(input);
+   const unsigned char *const end = next + length;
+   uint64_t size = output->size;
+   while (next < end) {
+      if (!MakeRoom(output, size)) {
+         return false;
+      }
+      const size_t fitting = InputForRoom<unitBytes, outputPerUnit>(output->allocated - size);
+      const unsigned char *const stop = next + std::min(fitting, static_cast<size_t>(end - next));
+      char *out = output->data + size;
+      if (!convertRuns(&next, stop, end, &out)) {
+         return false;
+      }
+      size = static_cast<uint64_t>(out - output->data);
+   }
+   output->size = size;
+   return true;
 }
 
 bool IsValidUtf16le(const void *input, size_t length)
@@ -295,50 +388,12 @@ bool Utf8ToUtf16leAttached(const void *input, size_t length, DynBuf *output)
 
 bool CodeSetBuiltin_Utf8ToUtf16le(const void *input, size_t length, DynBuf *output)
 {
-   const auto *next = static_cast<const unsigned char *>(input);
-   const unsigned char *const end = next + length;
-   Writer writer(output);
-   while (next < end) {
-      next += WidenAscii(next, end, &writer);
-      if (next == end) {
-         break;
-      }
-      uint32_t codePoint;
-      const int n = CodeSetDecodeUtf8(next, end, &codePoint);
-      if (n == 0 || CodeSetIsSurrogate(codePoint) || codePoint > UNICODE_LAST_CODE_POINT ||
-          !writer.MakeRoom()) {
-         return false;
-      }
-      writer.next = EncodeUtf16(codePoint, writer.next);
-      next += n;
-   }
-   writer.Commit();
-   return true;
+   return ConvertAll<EncodeRuns, 1, 2>(input, length, output);
 }
 
 bool CodeSetBuiltin_Utf16leToUtf8(const void *input, size_t length, DynBuf *output)
 {
-   if (length % 2 != 0) {
-      return false;
-   }
-   const auto *next = static_cast<const unsigned char *>(input);
-   const unsigned char *const end = next + length;
-   Writer writer(output);
-   while (next < end) {
-      next += NarrowAscii(next, end, &writer);
-      if (next == end) {
-         break;
-      }
-      uint32_t codePoint;
-      const size_t n = DecodeUtf16(next, end, &codePoint);
-      if (n == 0 || !writer.MakeRoom()) {
-         return false;
-      }
-      writer.next = CodeSetEncodeUtf8(codePoint, writer.next);
-      next += n;
-   }
-   writer.Commit();
-   return true;
+   return length % 2 == 0 && ConvertAll<DecodeRuns, 2, 3>(input, length, output);
 }
 
 bool CodeSetBuiltin_Utf16beToUtf8(const void *input, size_t length, DynBuf *output)
@@ -359,16 +414,7 @@ bool CodeSetBuiltin_Utf8ToAscii(const void *input, size_t length, uint32_t mode,
 
 bool CodeSetBuiltin_Latin1ToUtf8(const void *input, size_t length, DynBuf *output)
 {
-   const auto *bytes = static_cast<const unsigned char *>(input);
-   Writer writer(output);
-   for (size_t i = 0; i < length; i++) {
-      if (!writer.MakeRoom()) {
-         return false;
-      }
-      writer.next = CodeSetEncodeUtf8(bytes[i], writer.next);
-   }
-   writer.Commit();
-   return true;
+   return ConvertAll<EncodeLatin1, 1, 2>(input, length, output);
 }
 
 bool CodeSetBuiltin_Convert(EncodingId source, const void *input, size_t length, EncodingId target,

@@ -181,11 +181,10 @@ bool CodeSet_Utf8ToUtf32(const char *string, uint32_t **output)
    auto *units =
        static_cast<uint32_t *>(Util_SafeMalloc((static_cast<size_t>(count) + 1) * sizeof(uint32_t)));
    const char *const end = string + strlen(string);
-   uint32_t *next = units;
-   while (string < end) {
-      string += CodeSet_GetUtf8(string, end, next++);
+   for (ssize_t i = 0; i < count; i++) {
+      string += CodeSet_GetUtf8(string, end, &units[i]);
    }
-   *next = 0;
+   units[count] = 0;
    *output = units;
    return true;
 }

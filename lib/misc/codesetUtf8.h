@@ -1,10 +1,15 @@
 #ifndef TESSEL_LIB_MISC_CODESETUTF8_H
 #define TESSEL_LIB_MISC_CODESETUTF8_H
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 /* Single UTF-8 sequences, inline for the loops of the codeset layer. */
+
+/* Sequences are stored, and units of UTF-16LE loaded and stored, as native numbers. */
+static_assert(std::endian::native == std::endian::little);
 
 constexpr uint32_t UNICODE_LAST_CODE_POINT = 0x10FFFF;
 
@@ -64,26 +69,26 @@ inline int CodeSetDecodeUtf8(const unsigned char *next, const unsigned char *end
    return *codePoint >= 0x10000 ? 4 : 0;
 }
 
-/* Writes the code point (at most 0x1FFFFF; surrogates like any value) as 1 to 4 bytes and returns the end of them. */
+/* Writes the code point (at most 0x1FFFFF; surrogates like any value) as 1 to 4 bytes and returns the end of them. There
+   must be room for four bytes: all are stored at once, whatever the length. */
 inline char *CodeSetEncodeUtf8(uint32_t codePoint, char *out)
 {
+   const auto store = [out](uint32_t bytes, int length) {
+      memcpy(out, &bytes, sizeof bytes);
+      return out + length;
+   };
    if (codePoint < 0x80) {
-      *out++ = static_cast<char>(codePoint);
-      return out;
+      return store(codePoint, 1);
    }
    if (codePoint < 0x800) {
-      *out++ = static_cast<char>(0xC0 | codePoint >> 6);
-   } else {
-      if (codePoint < 0x10000) {
-         *out++ = static_cast<char>(0xE0 | codePoint >> 12);
-      } else {
-         *out++ = static_cast<char>(0xF0 | codePoint >> 18);
-         *out++ = static_cast<char>(0x80 | (codePoint >> 12 & 0x3F));
-      }
-      *out++ = static_cast<char>(0x80 | (codePoint >> 6 & 0x3F));
+      return store(0x80C0 | codePoint >> 6 | (codePoint & 0x3F) << 8, 2);
    }
-   *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
-   return out;
+   if (codePoint < 0x10000) {
+      return store(0x8080E0 | codePoint >> 12 | (codePoint >> 6 & 0x3F) << 8 | (codePoint & 0x3F) << 16, 3);
+   }
+   return store(0x808080F0 | codePoint >> 18 | (codePoint >> 12 & 0x3F) << 8 | (codePoint >> 6 & 0x3F) << 16 |
+                    (codePoint & 0x3F) << 24,
+                4);
 }
 
 #endif
