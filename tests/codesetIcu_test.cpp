@@ -1,4 +1,5 @@
 #include "lib/misc/codeset.h"
+#include "lib/misc/codesetEngine.h"
 #include "lib/misc/codesetInit.h"
 #include "lib/misc/dynbuf.h"
 #include "lib/unicode/encodingNames.h"
@@ -22,7 +23,7 @@ class OnIcu : public testing::Test {
    {
       WriteFile(folder_.Path("icudt44l.dat"), "");
       CodeSet_Init(folder_.Path().c_str());
-      EXPECT_TRUE(CodeSetInit_UsesIcu());
+      EXPECT_NE(CodeSetEngine_Get(), nullptr);
    }
 
    ~OnIcu() override

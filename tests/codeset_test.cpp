@@ -1,6 +1,7 @@
 #include "lib/misc/codeset.h"
 
 #include "lib/misc/codesetBuiltin.h"
+#include "lib/misc/codesetEngine.h"
 #include "lib/misc/codesetInit.h"
 #include "lib/misc/dynbuf.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
@@ -404,14 +405,14 @@ TEST(CodeSetInit, LooksForTheDataFile)
    };
    for (const auto &c : cases) {
       CodeSetInit_FindIcu(c.directory, c.lookup);
-      EXPECT_EQ(CodeSetInit_UsesIcu(), c.found && TESSEL_HAVE_ICU)
+      EXPECT_EQ(CodeSetEngine_Get() != nullptr, c.found && TESSEL_HAVE_ICU)
           << (c.directory != nullptr ? c.directory : "null");
    }
    EXPECT_TRUE(CodeSet_Init(complete.c_str()));
    CodeSet_DontUseIcu();
-   EXPECT_FALSE(CodeSetInit_UsesIcu());
+   EXPECT_EQ(CodeSetEngine_Get(), nullptr);
    EXPECT_TRUE(CodeSet_Init(empty.c_str()));
-   EXPECT_FALSE(CodeSetInit_UsesIcu());
+   EXPECT_EQ(CodeSetEngine_Get(), nullptr);
 }
 
 /* The first caller's directory decides, whoever that is: all pass the same here, and later calls change nothing. */
@@ -426,14 +427,14 @@ TEST(UnicodeInit, RunsOnceUnderConcurrentCallers)
    for (std::thread &caller : callers) {
       caller.join();
    }
-   EXPECT_EQ(CodeSetInit_UsesIcu(), TESSEL_HAVE_ICU != 0);
+   EXPECT_EQ(CodeSetEngine_Get() != nullptr, TESSEL_HAVE_ICU != 0);
    Unicode_Init();
    Unicode_InitDefault();
    Unicode_Init("/nowhere");
-   EXPECT_EQ(CodeSetInit_UsesIcu(), TESSEL_HAVE_ICU != 0);
+   EXPECT_EQ(CodeSetEngine_Get() != nullptr, TESSEL_HAVE_ICU != 0);
    CodeSet_DontUseIcu();
    Unicode_Init(folder.Path().c_str());
-   EXPECT_FALSE(CodeSetInit_UsesIcu());
+   EXPECT_EQ(CodeSetEngine_Get(), nullptr);
 }
 
 TEST(CodeSetNormalization, ComposesAndDecomposes)

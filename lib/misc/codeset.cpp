@@ -1,11 +1,10 @@
 #include "lib/misc/codeset.h"
 
 #include "lib/misc/codesetBuiltin.h"
-#include "lib/misc/codesetIcu.h"
-#include "lib/misc/codesetInit.h"
+#include "lib/misc/codesetEngine.h"
+#include "lib/misc/codesetResult.h"
 #include "lib/misc/dynbuf.h"
-#include "lib/public/owned.h"
-#include "platform/normalization.h"
+#include "lib/public/program.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -18,21 +17,6 @@ constexpr const char *UTF8 = "UTF-8";
 constexpr const char *UTF16LE = "UTF-16LE";
 constexpr const char *UTF16BE = "UTF-16BE";
 
-/* Turns a filled buffer into an allocated result, or frees it if the conversion failed. */
-bool Finish(bool converted, DynBuf *buffer, char **output, size_t *outLength)
-{
-   constexpr char terminator[4] = {};
-   if (!converted || !DynBuf_Append(buffer, terminator, sizeof terminator) || !DynBuf_Trim(buffer)) {
-      DynBuf_Destroy(buffer);
-      return false;
-   }
-   if (outLength != nullptr) {
-      *outLength = buffer->size - sizeof terminator;
-   }
-   *output = static_cast<char *>(DynBuf_Detach(buffer));
-   return true;
-}
-
 using BuiltinConversion = bool (*)(const void *input, size_t length, DynBuf *output);
 
 /* One of the fixed pairs: by name on ICU, by its own routine without. */
@@ -42,9 +26,9 @@ bool ConvertPair(const char *sourceName, const char *input, size_t length, const
    if (input == nullptr || length == 0) {
       return true;
    }
-   return CodeSetInit_UsesIcu()
-              ? CodeSetIcu_Convert(sourceName, input, length, targetName, CODESET_REFUSE, output)
-              : builtin(input, length, output);
+   const CodeSetEngine *engine = CodeSetEngine_Get();
+   return engine != nullptr ? engine->convert(sourceName, input, length, targetName, CODESET_REFUSE, output)
+                            : builtin(input, length, output);
 }
 
 bool AllocPair(const char *sourceName, const char *input, size_t length, const char *targetName,
@@ -53,7 +37,7 @@ bool AllocPair(const char *sourceName, const char *input, size_t length, const c
    DynBuf buffer;
    DynBuf_Init(&buffer);
    const bool converted = ConvertPair(sourceName, input, length, targetName, builtin, &buffer);
-   return Finish(converted, &buffer, output, outLength);
+   return CodeSetResult_Finish(converted, &buffer, output, outLength);
 }
 
 bool CopyTerminated(const char *input, size_t length, char **output, size_t *outLength)
@@ -79,20 +63,6 @@ bool CopyTerminated(const char *input, size_t length, char **output, size_t *out
    return true;
 }
 
-bool Normalize(const char *input, NormalizationForm form, char **output, size_t *outLength)
-{
-   DynBuf buffer;
-   DynBuf_Init(&buffer);
-   if (input != nullptr) {
-      char *normalized = Normalization_Normalize(input, form);
-      if (normalized == nullptr) {
-         return false;
-      }
-      DynBuf_Attach(&buffer, strlen(normalized), normalized);
-   }
-   return Finish(true, &buffer, output, outLength);
-}
-
 } // namespace
 
 const char *CodeSet_GetCurrentCodeSet()
@@ -103,9 +73,9 @@ const char *CodeSet_GetCurrentCodeSet()
 bool CodeSet_ConvertToBuffer(const char *sourceName, const void *input, size_t length, const char *targetName,
                              uint32_t mode, DynBuf *output)
 {
-   if (CodeSetInit_UsesIcu()) {
+   if (const CodeSetEngine *engine = CodeSetEngine_Get(); engine != nullptr) {
       return input == nullptr || length == 0 ||
-             CodeSetIcu_Convert(sourceName, input, length, targetName, mode, output);
+             engine->convert(sourceName, input, length, targetName, mode, output);
    }
    const EncodingId source = UnicodeIANALookup(sourceName);
    const EncodingId target = UnicodeIANALookup(targetName);
@@ -118,7 +88,7 @@ bool CodeSet_Convert(const char *sourceName, const void *input, size_t length, c
    DynBuf buffer;
    DynBuf_Init(&buffer);
    const bool converted = CodeSet_ConvertToBuffer(sourceName, input, length, targetName, mode, &buffer);
-   return Finish(converted, &buffer, output, outLength);
+   return CodeSetResult_Finish(converted, &buffer, output, outLength);
 }
 
 bool CodeSet_Utf16leToUtf8Buffer(const char *input, size_t length, DynBuf *output)
@@ -164,16 +134,6 @@ bool CodeSet_Utf8ToCurrent(const char *input, size_t length, char **output, size
    return CopyTerminated(input, length, output, outLength);
 }
 
-bool CodeSet_Utf8FormC(const char *input, size_t /*length*/, char **output, size_t *outLength)
-{
-   return Normalize(input, NormalizationForm::Composed, output, outLength);
-}
-
-bool CodeSet_Utf8FormD(const char *input, size_t /*length*/, char **output, size_t *outLength)
-{
-   return Normalize(input, NormalizationForm::Decomposed, output, outLength);
-}
-
 bool CodeSet_Validate(const char *buffer, size_t length, const char *encodingName)
 {
    if (length > INT32_MAX) {
@@ -182,8 +142,8 @@ bool CodeSet_Validate(const char *buffer, size_t length, const char *encodingNam
    if (length == 0) {
       return true;
    }
-   if (CodeSetInit_UsesIcu()) {
-      return CodeSetIcu_Validate(buffer, length, encodingName);
+   if (const CodeSetEngine *engine = CodeSetEngine_Get(); engine != nullptr) {
+      return engine->validate(buffer, length, encodingName);
    }
    DynBuf scratch;
    DynBuf_Init(&scratch);
@@ -194,6 +154,6 @@ bool CodeSet_Validate(const char *buffer, size_t length, const char *encodingNam
 
 bool CodeSet_IsEncodingSupported(const char *name)
 {
-   return CodeSetInit_UsesIcu() ? CodeSetIcu_IsEncodingSupported(name)
-                                : UnicodeIANALookup(name) != ENCODING_UNKNOWN;
+   const CodeSetEngine *engine = CodeSetEngine_Get();
+   return engine != nullptr ? engine->isEncodingSupported(name) : UnicodeIANALookup(name) != ENCODING_UNKNOWN;
 }

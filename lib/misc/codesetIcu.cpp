@@ -87,16 +87,8 @@ bool Run(UConverter *source, UConverter *target, const char *input, size_t lengt
    }
 }
 
-} // namespace
-
-bool CodeSetIcu_SetDataFile(const char *path)
-{
-   u_setDataDirectory(path);
-   return true;
-}
-
-bool CodeSetIcu_Convert(const char *sourceName, const void *input, size_t length, const char *targetName,
-                        uint32_t mode, DynBuf *output)
+bool Convert(const char *sourceName, const void *input, size_t length, const char *targetName, uint32_t mode,
+             DynBuf *output)
 {
    constexpr size_t slack = 4;
    const Converter source = Open(sourceName);
@@ -117,7 +109,7 @@ bool CodeSetIcu_Convert(const char *sourceName, const void *input, size_t length
    return Run(source.get(), target.get(), static_cast<const char *>(input), length, output);
 }
 
-bool CodeSetIcu_Validate(const char *buffer, size_t length, const char *encodingName)
+bool Validate(const char *buffer, size_t length, const char *encodingName)
 {
    const Converter converter = Open(encodingName);
    if (converter == nullptr) {
@@ -133,7 +125,18 @@ bool CodeSetIcu_Validate(const char *buffer, size_t length, const char *encoding
    return status == U_BUFFER_OVERFLOW_ERROR;
 }
 
-bool CodeSetIcu_IsEncodingSupported(const char *name)
+bool IsEncodingSupported(const char *name)
 {
    return Open(name) != nullptr;
+}
+
+constexpr CodeSetEngine ICU_ENGINE = {
+    .convert = Convert, .validate = Validate, .isEncodingSupported = IsEncodingSupported};
+
+} // namespace
+
+const CodeSetEngine *CodeSetIcu_Open(const char *dataFile)
+{
+   u_setDataDirectory(dataFile);
+   return &ICU_ENGINE;
 }

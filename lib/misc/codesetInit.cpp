@@ -19,7 +19,6 @@ constexpr useconds_t INIT_NAP_MICROSECONDS = 250000;
 /* Where a program without a resolver looks: a place that cannot exist, so that it runs without ICU. */
 constexpr std::string_view DEFAULT_DIRECTORY = "/dev/null/Non-existing DEFAULT_LIBDIRECTORY";
 
-std::atomic<bool> usesIcu{false};
 std::atomic<uint32_t> initialised{0};
 std::atomic<uint32_t> initLock{0};
 
@@ -114,22 +113,11 @@ void Unicode_Init(int /*argc*/, char ** /*argv*/, char ** /*environment*/, const
 void CodeSetInit_FindIcu(const char *dataDirectory, LocationLookup lookup)
 {
    const Owned<char> path = DataFilePath(dataDirectory, lookup);
-   usesIcu.store(path != nullptr && IsFile(path.get()) && CodeSetIcu_SetDataFile(path.get()),
-                 std::memory_order_release);
+   CodeSetEngine_Set(path != nullptr && IsFile(path.get()) ? CodeSetIcu_Open(path.get()) : nullptr);
 }
 
 bool CodeSet_Init(const char *dataDirectory)
 {
    CodeSetInit_FindIcu(dataDirectory, Location_GetLookup());
    return true;
-}
-
-void CodeSet_DontUseIcu()
-{
-   usesIcu.store(false, std::memory_order_release);
-}
-
-bool CodeSetInit_UsesIcu()
-{
-   return usesIcu.load(std::memory_order_acquire);
 }

@@ -3,9 +3,6 @@
 
 #include "lib/public/program.h"
 
-/* Whether conversions run on ICU. */
-[[nodiscard]] bool CodeSetInit_UsesIcu();
-
 /* The work of CodeSet_Init, with the program's resolver of location keys as an argument; it may be null. */
 void CodeSetInit_FindIcu(const char *dataDirectory, LocationLookup lookup);
 
