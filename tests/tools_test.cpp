@@ -295,6 +295,7 @@ TEST_F(Tools, StopTheServicesOnASignal)
       ASSERT_TRUE(launch.Says("at work")) << launch.Output();
       launch.Signal(number);
       EXPECT_EQ(launch.Status(), 5);
+      EXPECT_EQ(Count(launch.Output(), "passed on"), 1U) << launch.Output();
       EXPECT_EQ(Count(launch.Output(), "heard"), 1U) << launch.Output();
       ExpectOneLife();
    }
@@ -310,6 +311,7 @@ TEST_F(Tools, LeaveTheTerminalsInterruptToTheCommand)
    launch.Type(INTERRUPT);
    EXPECT_EQ(launch.Status(), 5);
    EXPECT_EQ(Count(launch.Output(), "heard"), 1U) << launch.Output();
+   EXPECT_EQ(Count(launch.Output(), "passed on"), 0U) << launch.Output();
    ExpectOneLife();
 
    FillLibrary();

@@ -57,6 +57,7 @@ int ToolSessionStartCommand(ToolChild *child, char *const *command, const char *
 void ToolSessionPassOn(const ToolEvent &event, const ToolChild &command)
 {
    if (!event.fromTerminal) {
+      Log("signal %d: passed on to the command\n", event.signal);
       kill(command.pid, event.signal);
    }
 }
