@@ -360,7 +360,7 @@ TEST_F(FileListDirectory, GivesEveryNameOnceAndNothingForNone)
 
    std::vector<std::string> expected;
    for (int i = 0; i < 600; i++) {
-      expected.push_back("n" + std::to_string(i));
+      expected.push_back(std::to_string(i) + "n");
       File(expected.back());
    }
    expected.emplace_back("...");
