@@ -9,6 +9,7 @@ static_assert(SCM_RIGHTS == 1);
 static_assert(sizeof(struct cmsghdr) == 12);
 static_assert(CMSG_LEN(sizeof(int)) == 16 && CMSG_SPACE(sizeof(int)) == 16);
 
+const size_t DESCRIPTOR_MESSAGE_ROOM = DESCRIPTOR_MESSAGE_MAX_ROOM;
 const int DESCRIPTOR_MESSAGE_RECEIVE_FLAGS = 0;
 
 bool DescriptorMessageIsHangUp([[maybe_unused]] int error)

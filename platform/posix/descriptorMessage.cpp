@@ -2,6 +2,7 @@
 
 #include "platform/posix/descriptorMessageSide.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
@@ -10,48 +11,60 @@
 
 namespace {
 
-/* A message of one byte and room for one descriptor. The control length is that of the record without the padding
-   behind it: where the padding is as large as a descriptor, a second one would fit into it unseen. */
+constexpr size_t ONE_DESCRIPTOR = CMSG_LEN(sizeof(int));
+
+/* A message of one byte, and its control record. The control length is that of the record without the padding behind it:
+   where the padding is as large as a descriptor, one more would fit into it unseen. */
 struct Message {
    struct iovec data;
-   alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+   alignas(struct cmsghdr) char control[CMSG_SPACE(DESCRIPTOR_MESSAGE_MAX_ROOM * sizeof(int))];
    struct msghdr header;
 };
 
-void DescriptorMessagePrepare(Message *message, void *byte)
+void DescriptorMessagePrepare(Message *message, void *byte, size_t descriptors)
 {
-   memset(message, 0, sizeof *message);
-   message->data.iov_base = byte;
-   message->data.iov_len = 1;
+   message->data = {.iov_base = byte, .iov_len = 1};
+   /* A record left from before would pass for one that came. */
+   memset(message->control, 0, CMSG_LEN(sizeof(int)));
+   message->header = {};
    message->header.msg_iov = &message->data;
    message->header.msg_iovlen = 1;
    message->header.msg_control = message->control;
-   message->header.msg_controllen = CMSG_LEN(sizeof(int));
+   message->header.msg_controllen =
+       static_cast<decltype(message->header.msg_controllen)>(CMSG_LEN(descriptors * sizeof(int)));
 }
 
-int DescriptorMessageDescriptor(const struct cmsghdr *record)
+/* How many descriptors came with the message: the system says so by the length of the record, unless it cut it. */
+size_t DescriptorMessageCount(const struct msghdr &header)
+{
+   const struct cmsghdr *record = CMSG_FIRSTHDR(&header);
+
+   if (record == nullptr || record->cmsg_level != SOL_SOCKET || record->cmsg_type != SCM_RIGHTS) {
+      return 0;
+   }
+   const size_t bytes = std::min<size_t>(record->cmsg_len, header.msg_controllen);
+   return bytes < ONE_DESCRIPTOR ? 0 : (bytes - CMSG_LEN(0)) / sizeof(int);
+}
+
+int DescriptorMessageDescriptor(const struct msghdr &header, size_t index)
 {
    int descriptor;
-   memcpy(&descriptor, CMSG_DATA(record), sizeof descriptor);
+   memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&header)) + index * sizeof descriptor, sizeof descriptor);
    return descriptor;
 }
 
-bool DescriptorMessageCarriesOne(const struct cmsghdr *record)
+bool DescriptorMessageCarriesOne(const struct msghdr &header)
 {
-   return record != nullptr && record->cmsg_level == SOL_SOCKET && record->cmsg_type == SCM_RIGHTS &&
-          record->cmsg_len == CMSG_LEN(sizeof(int));
+   return DescriptorMessageCount(header) == 1 && CMSG_FIRSTHDR(&header)->cmsg_len == ONE_DESCRIPTOR;
 }
 
-/* A refused message can have brought a descriptor all the same: the first of two is installed before the second
-   is cut off. Left open, it would let a client use up the table. */
-void DescriptorMessageDiscard(const struct cmsghdr *record)
+/* A refused message can have brought descriptors all the same: the first of two is installed before the second is cut
+   off. Left open, they would let a client use up the table. */
+void DescriptorMessageDiscard(const struct msghdr &header)
 {
-   const int savedErrno = errno;
-
-   if (DescriptorMessageCarriesOne(record)) {
-      close(DescriptorMessageDescriptor(record));
+   for (size_t i = 0; i < DescriptorMessageCount(header); i++) {
+      close(DescriptorMessageDescriptor(header, i));
    }
-   errno = savedErrno;
 }
 
 } // namespace
@@ -60,19 +73,18 @@ DescriptorMessageResult DescriptorMessage_Receive(int socket, uint8_t *byte, int
 {
    Message message;
 
-   DescriptorMessagePrepare(&message, byte);
+   DescriptorMessagePrepare(&message, byte, DESCRIPTOR_MESSAGE_ROOM);
    const ssize_t length = recvmsg(socket, &message.header, DESCRIPTOR_MESSAGE_RECEIVE_FLAGS);
    if (length == -1) {
       return DescriptorMessageIsHangUp(errno) ? DescriptorMessageResult::End
                                               : DescriptorMessageResult::Failed;
    }
-   const struct cmsghdr *record = CMSG_FIRSTHDR(&message.header);
    const int flags = message.header.msg_flags & ~DESCRIPTOR_MESSAGE_RECEIVE_FLAGS;
-   if (length == 0 || flags != 0 || !DescriptorMessageCarriesOne(record)) {
-      DescriptorMessageDiscard(record);
+   if (length == 0 || flags != 0 || !DescriptorMessageCarriesOne(message.header)) {
+      DescriptorMessageDiscard(message.header);
       return length == 0 ? DescriptorMessageResult::End : DescriptorMessageResult::Refused;
    }
-   *descriptor = DescriptorMessageDescriptor(record);
+   *descriptor = DescriptorMessageDescriptor(message.header, 0);
    DescriptorMessageCloseOnExec(*descriptor);
    return DescriptorMessageResult::Received;
 }
@@ -86,7 +98,7 @@ bool DescriptorMessageSend(int socket, const uint8_t *byte, int descriptor, int 
 {
    Message message;
 
-   DescriptorMessagePrepare(&message, const_cast<uint8_t *>(byte));
+   DescriptorMessagePrepare(&message, const_cast<uint8_t *>(byte), 1);
    struct cmsghdr *record = CMSG_FIRSTHDR(&message.header);
    record->cmsg_level = SOL_SOCKET;
    record->cmsg_type = SCM_RIGHTS;

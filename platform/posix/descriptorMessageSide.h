@@ -5,6 +5,16 @@
 
 /* Where the two systems differ in passing descriptors; platform/posix/descriptorMessage.cpp is the rest. */
 
+#include <cstddef>
+
+/* For how many descriptors a received message is given room. Where the kernel installs no more of them than there is
+   room for, that is one. Where it installs all of them first and then cuts what it tells about them, it is
+   all that one message can carry: a descriptor that is not told about could not be closed. */
+extern const size_t DESCRIPTOR_MESSAGE_ROOM;
+
+/* The largest room on any system. */
+constexpr size_t DESCRIPTOR_MESSAGE_MAX_ROOM = 512;
+
 /* Flags for recvmsg that have received descriptors closed on exec, if the system has such. They come back in the
    message's own flags. */
 extern const int DESCRIPTOR_MESSAGE_RECEIVE_FLAGS;
