@@ -177,7 +177,7 @@ TEST(Escape, ExhaustionGivesNullAndLeavesTheLengthAlone)
       int failures = 0;
       for (bool failed = true; failed; failures++) {
          size_t length = 4711;
-         const FailingAllocations faults(failures + 1);
+         const FailingAllocations faults(failures + 1, failures + 1);
          char *result = routine(marked, &length);
          failed = FailingAllocations::Failed();
          EXPECT_EQ(result == nullptr, failed);

@@ -7,37 +7,33 @@
 
 namespace {
 
-std::atomic<int> sFirstFailure;
+std::atomic<int> sFirst = INT_MAX;
+std::atomic<int> sLast = INT_MAX;
 std::atomic<int> sRequests;
 
 bool Fails()
 {
    const int request = ++sRequests;
-   const int first = sFirstFailure;
-   return first != 0 && request >= first;
+   return request >= sFirst && request <= sLast;
 }
 
 } // namespace
 
-FailingAllocations::FailingAllocations(int n)
+FailingAllocations::FailingAllocations(int first, int last)
 {
    sRequests = 0;
-   sFirstFailure = n;
+   sLast = last;
+   sFirst = first;
 }
 
 FailingAllocations::~FailingAllocations()
 {
-   sFirstFailure = 0;
-}
-
-int FailingAllocations::Requests()
-{
-   return sRequests;
+   sFirst = INT_MAX;
 }
 
 bool FailingAllocations::Failed()
 {
-   return sFirstFailure != 0 && sRequests >= sFirstFailure;
+   return sRequests >= sFirst;
 }
 
 extern "C" {
