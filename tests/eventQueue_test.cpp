@@ -2,10 +2,7 @@
 
 #include "tests/support/daemonHarness.h"
 
-#include <csignal>
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -65,22 +62,6 @@ TEST_F(EventQueue, GivesTheNewHandlerToADescriptorThatIsAddedAgain)
    EXPECT_EQ(Next(Second), pipe.reader.get());
 }
 
-TEST_F(EventQueue, ForgetsAnOpenFileThatLivesOnElsewhere)
-{
-   Pipe kept;
-   Pipe other;
-   int passed = dup(kept.reader.get());
-   ASSERT_TRUE(EventQueue_AddReadSource(queue_.get(), passed, First));
-   kept.writer.reset();
-   EXPECT_EQ(Next(First), passed);
-   EventQueue_Forget(passed);
-   close(passed);
-
-   ASSERT_TRUE(EventQueue_AddReadSource(queue_.get(), other.reader.get(), Second));
-   other.writer.reset();
-   EXPECT_EQ(Next(Second), other.reader.get()) << "the first file is at its end too, but no longer watched";
-}
-
 TEST_F(EventQueue, RefusesWhatCannotBeWatched)
 {
    const OwnedDescriptor file(open("/proc/self/exe", O_RDONLY));
@@ -94,18 +75,6 @@ TEST_F(EventQueue, RefusesWhatCannotBeWatched)
    EventQueue_Forget(-1);
    EventQueue_Forget(123456);
    EXPECT_EQ(errno, EXDEV);
-}
-
-TEST_F(EventQueue, LeavesInterruptionsToTheCaller)
-{
-   struct sigaction action = {};
-   struct itimerval soon = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 20000}};
-   QueueEvent event = {};
-   action.sa_handler = [](int) {};
-   sigaction(SIGALRM, &action, nullptr);
-   setitimer(ITIMER_REAL, &soon, nullptr);
-   EXPECT_FALSE(EventQueue_Wait(queue_.get(), &event));
-   EXPECT_EQ(errno, EINTR);
 }
 
 } // namespace

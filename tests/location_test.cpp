@@ -78,20 +78,17 @@ TEST_F(Location, ProductTablesNameWhatTheDaemonUses)
    EXPECT_EQ(Take(Location_Get("rootDir")), bundle.string());
 }
 
-TEST_F(Location, ReportsUnknownAndZeroTagsAndResets)
+TEST_F(Location, TheExecutableAloneSaysItWithAKnownTagOrNothingElse)
 {
-   const CapturedLog log;
-   Location_Init("one");
-   Location_Init("One");
-   Location_Init("zero");
-   EXPECT_EQ(log.Text(), "Warning: Location_Init: Invalid initialization: sUpCount 1, processTag One.\n"
-                         "Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n");
-}
-
-TEST_F(Location, KnownTagUsesTheExecutableAlone)
-{
+   config_.rootVariable = nullptr;
+   config_.lastUsedFile = nullptr;
+   EXPECT_EQ(Take(Location_Get("file")), Executable() + "/a/b");
+   config_.rootVariable = VARIABLE;
    setenv(VARIABLE, "/x", 1);
+   const CapturedLog log;
+   Location_Init("zero");
    Location_Init("one");
+   EXPECT_EQ(log.Text(), "Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n");
    EXPECT_EQ(Take(Location_Get("file")), fs::path(Executable()).parent_path().string() + "/a/b");
 }
 
@@ -120,12 +117,8 @@ TEST_F(Location, UnknownTagUsesTheVariableAsItIs)
    EXPECT_EQ(Take(Location_Get("rootDir")), "/x");
    EXPECT_EQ(Take(Location_Get("file")), "/x/a/b");
    setenv(VARIABLE, "", 1);
-   EXPECT_EQ(Take(Location_Get("file")), "/a/b") << "set but empty counts as set";
-}
-
-TEST_F(Location, UnknownKeysAndRowsWithoutAPathAreSilent)
-{
    const CapturedLog log;
+   EXPECT_EQ(Take(Location_Get("file")), "/a/b") << "set but empty counts as set";
    EXPECT_EQ(Location_Get("absent"), nullptr);
    EXPECT_EQ(Location_Get("nothing"), nullptr);
    EXPECT_EQ(log.Text(), "");
@@ -164,13 +157,6 @@ TEST_F(Location, UnusableLastUsedFileIsReportedTwice)
    config_.lastUsedFile = "/";
    EXPECT_EQ(Location_Get("file"), nullptr);
    EXPECT_EQ(folder.Text(), report);
-}
-
-TEST_F(Location, WithoutVariableAndFileTheExecutableIsTheRoot)
-{
-   config_.rootVariable = nullptr;
-   config_.lastUsedFile = nullptr;
-   EXPECT_EQ(Take(Location_Get("file")), Executable() + "/a/b");
 }
 
 TEST_F(Location, RefusesEnvironmentAndFileWhenUsersDiffer)

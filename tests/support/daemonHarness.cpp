@@ -38,7 +38,9 @@ struct sockaddr_un SocketAddress(const std::string &path)
    return address;
 }
 
-OwnedDescriptor Listen(const std::string &path)
+} // namespace
+
+OwnedDescriptor ListenAt(const std::string &path)
 {
    const struct sockaddr_un address = SocketAddress(path);
    OwnedDescriptor listener(CloseOnExec(socket(AF_UNIX, SOCK_STREAM, 0)));
@@ -47,8 +49,6 @@ OwnedDescriptor Listen(const std::string &path)
    Require(listen(listener.get(), 4096) == 0, "listen");
    return listener;
 }
-
-} // namespace
 
 Pipe::Pipe()
 {
@@ -60,7 +60,7 @@ Pipe::Pipe()
 
 DaemonProcess::DaemonProcess(const Body &body) : socketPath_(folder_.Path("socket"))
 {
-   const OwnedDescriptor listener = Listen(socketPath_);
+   const OwnedDescriptor listener = ListenAt(socketPath_);
    Pipe launcher;
 
    pid_ = fork();
@@ -79,7 +79,7 @@ DaemonProcess::~DaemonProcess()
 {
    if (pid_ != -1) {
       kill(pid_, SIGKILL);
-      Wait();
+      ExitStatus();
    }
 }
 
@@ -88,25 +88,12 @@ void DaemonProcess::DropLauncher()
    launcher_.reset();
 }
 
-int DaemonProcess::Wait()
-{
-   int status = -1;
-   while (waitpid(pid_, &status, 0) == -1) {
-      Require(errno == EINTR, "waitpid");
-   }
-   pid_ = -1;
-   return status;
-}
-
 int DaemonProcess::ExitStatus()
 {
-   const int status = Wait();
+   int status = -1;
+   Require(waitpid(pid_, &status, 0) == pid_, "waitpid");
+   pid_ = -1;
    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-void DaemonProcess::Signal(int number) const
-{
-   Require(kill(pid_, number) == 0, "kill");
 }
 
 /* A process that is not in a call shows no number. */
@@ -123,18 +110,13 @@ void DaemonProcess::AwaitCall(const std::vector<long> &calls) const
    }
 }
 
-void DaemonProcess::AwaitIdle() const
-{
-   AwaitCall({SYS_epoll_wait, SYS_epoll_pwait});
-}
-
 void DaemonProcess::WhileStopped(const std::function<void()> &work) const
 {
    int status;
-   Signal(SIGSTOP);
+   kill(pid_, SIGSTOP);
    Require(waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status), "stop");
    work();
-   Signal(SIGCONT);
+   kill(pid_, SIGCONT);
 }
 
 /* While it greets, the daemon does nothing else. The first of two greetings may overtake an older event, the second

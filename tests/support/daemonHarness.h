@@ -19,6 +19,9 @@ struct Pipe {
    OwnedDescriptor writer;
 };
 
+/* A listening local-domain socket at this path, closed on exec. */
+OwnedDescriptor ListenAt(const std::string &path);
+
 /* A daemon in a process of its own, with a listening socket and a launcher descriptor as a launcher makes them. */
 class DaemonProcess {
  public:
@@ -33,19 +36,11 @@ class DaemonProcess {
    /* The launcher goes away. */
    void DropLauncher();
 
-   /* Waits for the end of the process and gives its raw wait status. */
-   int Wait();
-
    /* Waits for the end of the process and gives its exit status; -signal if a signal ended it. */
    int ExitStatus();
 
-   void Signal(int number) const;
-
    /* Waits until the daemon is inside one of these system calls. */
    void AwaitCall(const std::vector<long> &calls) const;
-
-   /* Waits until the daemon waits for events. */
-   void AwaitIdle() const;
 
    /* Stops the process, does the work and lets it go on. */
    void WhileStopped(const std::function<void()> &work) const;

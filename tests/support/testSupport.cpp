@@ -62,7 +62,7 @@ std::string ScratchFolder::Path(const std::string &name) const
 
 CapturedLog::CapturedLog()
 {
-   Clear();
+   ServiceImpl_LogOpen(folder_.Path("log").c_str());
 }
 
 CapturedLog::~CapturedLog()
@@ -78,11 +78,6 @@ std::string CapturedLog::Raw() const
 std::string CapturedLog::Text() const
 {
    return WithoutTimestamps(Raw());
-}
-
-void CapturedLog::Clear() const
-{
-   ServiceImpl_LogOpen(folder_.Path("log").c_str());
 }
 
 std::string WithoutTimestamps(const std::string &log)
