@@ -1,34 +1,15 @@
 #include "lib/file/file.h"
 
+#include "lib/file/fileEntries.h"
 #include "lib/misc/posixInt.h"
-#include "lib/misc/util.h"
 #include "lib/public/owned.h"
 #include "lib/public/program.h"
 #include "lib/unicode/unicodeSimpleOperations.h"
 
 #include <cerrno>
-#include <span>
 #include <unistd.h>
 
 namespace {
-
-/* What File_ListDirectory gave, released with errno kept. */
-struct NameList {
-   char **names = nullptr;
-   int count = 0;
-
-   NameList() = default;
-   NameList(const NameList &) = delete;
-   NameList &operator=(const NameList &) = delete;
-
-   ~NameList()
-   {
-      const Owned<char *> array(names);
-      for (int i = 0; i < count; i++) {
-         const Owned<char> name(names[i]);
-      }
-   }
-};
 
 bool FileDeleteDirectoryTree(const char *path, bool contentOnly);
 
@@ -41,10 +22,23 @@ int FileExistenceError(const char *path)
 }
 
 /* 0, also for an entry that has vanished meanwhile, or the error. */
-int FileDeleteEntry(const char *path)
+int FileDeleteNonDirectory(const char *path)
+{
+   const int error = FileDeletion(path, false);
+
+   return error == ENOENT ? 0 : error;
+}
+
+/* The same for an entry of any kind. */
+int FileDeleteEntry(const char *path, bool isNoDirectory)
 {
    struct stat attributes;
 
+   /* A look at each file costs a third of the whole. It is taken only where it can make a difference: at what may be a
+      directory (unlink is not for those, some systems would do it) and to tell why a deletion fails. */
+   if (isNoDirectory && FileDeleteNonDirectory(path) == 0) {
+      return 0;
+   }
    if (lstat(path, &attributes) == -1) {
       const int error = errno;
       if (error == ENOENT) {
@@ -56,19 +50,19 @@ int FileDeleteEntry(const char *path)
    if (S_ISDIR(attributes.st_mode)) {
       return FileDeleteDirectoryTree(path, false) ? 0 : errno;
    }
-   const int error = FileDeletion(path, false);
-   return error == ENOENT ? 0 : error;
+   return FileDeleteNonDirectory(path);
 }
 
 /* Tries every entry; the error of the last one that failed, or 0. */
-int FileDeleteEntries(const char *path, std::span<char *const> names)
+int FileDeleteEntries(const char *path, const FileEntries &list)
 {
    const Owned<char> prefix(Unicode_Join(path, "/", nullptr));
    int recorded = 0;
 
-   for (const char *name : names) {
-      const Owned<char> entry(Unicode_Join(prefix.get(), name, nullptr));
-      const int error = FileDeleteEntry(entry.get());
+   for (size_t i = 0; i < list.count; i++) {
+      const FileEntry &entry = list.entries[i];
+      const Owned<char> entryPath(Unicode_Join(prefix.get(), entry.name, nullptr));
+      const int error = FileDeleteEntry(entryPath.get(), entry.isNoDirectory);
       if (error != 0) {
          recorded = error;
       }
@@ -86,13 +80,11 @@ bool FileDeleteDirectoryTree(const char *path, bool contentOnly)
       errno = savedErrno;
       return true;
    }
-   NameList list;
-   const int count = File_ListDirectory(path, &list.names);
-   if (count == -1) {
+   FileEntries list;
+   if (!FileListEntries(path, &list)) {
       return false;
    }
-   list.count = count;
-   int error = FileDeleteEntries(path, {list.names, static_cast<size_t>(count)});
+   int error = FileDeleteEntries(path, list);
    if (!contentOnly && error == 0) {
       error = FileRemoveDirectory(path);
    }

@@ -1,5 +1,6 @@
 #include "lib/file/file.h"
 
+#include "lib/file/fileEntries.h"
 #include "lib/misc/codeset.h"
 #include "lib/misc/hashTable.h"
 #include "lib/misc/util.h"
@@ -8,13 +9,17 @@
 #include "lib/unicode/unicodeSimpleBase.h"
 
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <string_view>
+#include <utility>
 
 struct WalkDirContext {
    char *path;
    DIR *stream;
-   HashTable *names; /* Those returned so far: the keys are the walk's own copies, the values mean nothing. */
+   HashTable *
+       names; /* Those returned so far. The keys are the walk's own copies; a value that is not null means that
+                 the directory says it is none itself. */
 };
 
 namespace {
@@ -32,13 +37,19 @@ int FileFreeKey(const char *key, void * /*value*/, void * /*clientData*/)
    return 0;
 }
 
-/* Stores a copy of the key at **clientData, and moves that on. */
-int FileCopyKey(const char *key, void * /*value*/, void *clientData)
+/* Stores a copy of the entry at **clientData, and moves that on. */
+int FileCopyEntry(const char *key, void *value, void *clientData)
 {
-   auto **const next = static_cast<char ***>(clientData);
+   auto **const next = static_cast<FileEntry **>(clientData);
 
-   *(*next)++ = Util_SafeStrdup(key);
+   *(*next)++ = {Util_SafeStrdup(key), value != nullptr};
    return 0;
+}
+
+/* Names that stand for others are of no known kind. */
+bool FileIsNoDirectory(const struct dirent *entry, const char *name)
+{
+   return entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN && strcmp(name, UNDECODABLE_NAME) != 0;
 }
 
 /* A new string: the name, or what stands for it. */
@@ -54,18 +65,15 @@ char *FileDecodeName(const WalkDirContext *context, const char *name)
    return Util_SafeStrdup(UNDECODABLE_NAME);
 }
 
-/* A new array of copies of all names that the walk has returned; null if there are none. */
-char **FileCopyNames(const WalkDirContext *context)
+/* Copies of all that the walk has returned. */
+void FileCopyEntries(const WalkDirContext *context, FileEntries *list)
 {
-   const size_t count = HashTable_GetNumElements(context->names);
-
-   if (count == 0) {
-      return nullptr;
+   list->count = HashTable_GetNumElements(context->names);
+   if (list->count > 0) {
+      list->entries = static_cast<FileEntry *>(Util_SafeCalloc(list->count, sizeof(FileEntry)));
+      FileEntry *next = list->entries;
+      HashTable_ForEach(context->names, FileCopyEntry, &next);
    }
-   auto **const names = static_cast<char **>(Util_SafeCalloc(count, sizeof(char *)));
-   char **next = names;
-   HashTable_ForEach(context->names, FileCopyKey, &next);
-   return names;
 }
 
 } // namespace
@@ -97,7 +105,8 @@ bool File_WalkDirectoryNext(WalkDirContext *context, char **name)
          continue;
       }
       Owned<char> found(FileDecodeName(context, entry->d_name));
-      if (HashTable_Insert(context->names, found.get(), nullptr)) {
+      void *const mark = FileIsNoDirectory(entry, found.get()) ? context : nullptr;
+      if (HashTable_Insert(context->names, found.get(), mark)) {
          const char *const key = found.release();
          if (name != nullptr) {
             *name = Util_SafeStrdup(key);
@@ -124,24 +133,39 @@ void File_WalkDirectoryEnd(WalkDirContext *context)
    errno = savedErrno;
 }
 
-int File_ListDirectory(const char *path, char ***names)
+bool FileListEntries(const char *path, FileEntries *list)
 {
    WalkDirContext *const context = File_WalkDirectoryStart(path);
 
    if (context == nullptr) {
-      return -1;
+      return false;
    }
    while (File_WalkDirectoryNext(context, nullptr)) {
    }
    const int readError = errno;
-   int count = -1;
    if (readError == 0) {
-      count = static_cast<int>(HashTable_GetNumElements(context->names));
-      if (names != nullptr) {
-         *names = FileCopyNames(context);
-      }
+      FileCopyEntries(context, list);
    }
    File_WalkDirectoryEnd(context);
    errno = readError;
-   return count;
+   return readError == 0;
+}
+
+int File_ListDirectory(const char *path, char ***names)
+{
+   FileEntries list;
+
+   if (!FileListEntries(path, &list)) {
+      return -1;
+   }
+   if (names != nullptr) {
+      *names = nullptr;
+      if (list.count > 0) {
+         *names = static_cast<char **>(Util_SafeCalloc(list.count, sizeof(char *)));
+      }
+      for (size_t i = 0; i < list.count; i++) {
+         (*names)[i] = std::exchange(list.entries[i].name, nullptr);
+      }
+   }
+   return static_cast<int>(list.count);
 }
