@@ -399,6 +399,7 @@ TEST(UnicodeInit, RunsOnceUnderConcurrentCallers)
    const ScratchFolder folder;
    WriteFile(folder.Path("icudt44l.dat"), "");
    std::vector<std::thread> callers;
+   callers.reserve(4);
    for (int i = 0; i < 4; i++) {
       callers.emplace_back([&folder] { Unicode_Init(0, nullptr, nullptr, folder.Path().c_str()); });
    }
@@ -430,7 +431,7 @@ TEST(CodeSetNormalization, ComposesAndDecomposes)
    EXPECT_EQ(normalize(true, "A\xCC\x8A", 3), "\xC3\x85");
    EXPECT_EQ(normalize(false, "\xE2\x84\xAB", 3), "A\xCC\x8A");
    EXPECT_EQ(normalize(false, "\xED\x95\x9C", 3), "\xE1\x84\x92\xE1\x85\xA1\xE1\x86\xAB");
-   EXPECT_EQ(normalize(true, "a\0A\xCC\x8A", 5), "a");
+   EXPECT_EQ(normalize(true, "a\0A\xCC\x8A"s.c_str(), 5), "a");
    EXPECT_EQ(normalize(true, "", 0), "");
    EXPECT_EQ(normalize(true, "a\xFF", 2), failed);
    EXPECT_EQ(normalize(false, "\xED\xA0\x80", 3), failed);

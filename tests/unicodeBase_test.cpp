@@ -3,6 +3,7 @@
 #include "lib/misc/codeset.h"
 #include "tests/support/testSupport.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -21,7 +22,7 @@ std::string Bytes(void *bytes, size_t length)
 TEST(UnicodeAlloc, MakesAStringOfABuffer)
 {
    const std::unique_ptr<char, Freed> unterminated(static_cast<char *>(malloc(4)));
-   memcpy(unterminated.get(), "a\xC3\xA9z", 4);
+   std::copy_n("a\xC3\xA9z", 4, unterminated.get());
    EXPECT_EQ(Take(Unicode_AllocWithLength(unterminated.get(), 4, ENCODING_UTF8)), "a\xC3\xA9z");
    EXPECT_EQ(Take(Unicode_AllocWithLength(unterminated.get(), 1, ENCODING_DEFAULT)), "a");
    EXPECT_EQ(Take(Unicode_AllocWithLength("a\xC3\xA9", -1, ENCODING_UTF8)), "a\xC3\xA9");
@@ -154,19 +155,17 @@ TEST(UnicodeGetBytes, EncodesWithATerminatorBehind)
    EXPECT_FALSE(Unicode_CanGetBytesWithEncoding("\xC3\xA9", ENCODING_US_ASCII));
 }
 
-struct CopyCase {
-   std::string string;
-   EncodingId encoding;
-   size_t size;
-   bool complete;
-   std::string bytes; /* without the terminator */
-};
-
 /* The destination is of exactly the size given. */
 TEST(UnicodeCopyBytes, CutsBetweenCharacters)
 {
    const std::string emoji = "a\xF0\x9F\x98\x80z";
-   const CopyCase cases[] = {
+   const struct {
+      std::string string;
+      EncodingId encoding;
+      size_t size;
+      bool complete;
+      std::string bytes; /* without the terminator */
+   } cases[] = {
        {"a\xC3\xA9", ENCODING_UTF8, 3, false, "a"},
        {"a\xC3\xA9", ENCODING_UTF8, 4, true, "a\xC3\xA9"},
        {"a\xC3\xA9z", ENCODING_DEFAULT, 4, false, "a\xC3\xA9"},
@@ -190,7 +189,7 @@ TEST(UnicodeCopyBytes, CutsBetweenCharacters)
        {emoji, ENCODING_UTF16_LE, 8, false, "a\0\x3D\xD8\x00\xDE"s},
        {"a", ENCODING_ISO_8859_1, 4, false, ""},
    };
-   for (const CopyCase &c : cases) {
+   for (const auto &c : cases) {
       const std::unique_ptr<char, Freed> destination(static_cast<char *>(malloc(c.size)));
       memset(destination.get(), '#', c.size);
       size_t written = 99;
