@@ -5,32 +5,46 @@
 
 #include <algorithm>
 #include <bit>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
 
 namespace {
 
 constexpr const char *MODULE = "lib/misc/hashTable";
 
 constexpr uint32_t KEY_TYPE_MASK = 7;
-constexpr int HASH_ROTATION = 5;
 constexpr uint32_t HASH_BITS = 32;
 constexpr uint64_t INT_KEY_MULTIPLIER = 48271;
 
+/* A key with what is computed from it once. The length of an integer key is 0, that of a string of 4 GiB or more
+   LONG_STRING. */
+struct HashKey {
+   const void *key;
+   uint32_t length;
+   uint32_t hash;
+};
+
+constexpr uint32_t LONG_STRING = UINT32_MAX;
+
+/* Length and hash are kept so that a walk along a chain hardly ever reads the string of another entry: worth the 8
+   bytes, since such a string is seldom in the cache. */
 struct HashEntry {
    HashEntry *next;
-   const void *key;
+   HashKey key;
    void *value;
 
-   /* A copied key follows in the same block. */
+   /* A copied string follows in the same block. */
+};
+
+struct HashBucket {
+   HashEntry *head;
 };
 
 } // namespace
 
-/* Three fields are changed while other threads read an atomic table: a bucket's head, an entry's value, the count.
-   All three are only reached through std::atomic_ref, which costs a table of one thread nothing on x86-64. */
+/* Three fields change while other threads read an atomic table: a bucket's head, an entry's value, the count. The
+   routines that may run then reach them through std::atomic_ref only; on x86-64 that costs a table of one
+   thread nothing. */
 struct HashTable {
    uint32_t bucketCount;
    uint32_t bucketBits;
@@ -38,7 +52,7 @@ struct HashTable {
    bool atomic;
    bool copyKeys;
    HashTableFreeValue freeValue;
-   HashEntry **buckets;
+   HashBucket *buckets;
    uint64_t count;
 };
 
@@ -46,7 +60,7 @@ namespace {
 
 HashEntry *HashTableHead(const HashTable *table, uint32_t bucket)
 {
-   return std::atomic_ref(table->buckets[bucket]).load(std::memory_order_acquire);
+   return std::atomic_ref(table->buckets[bucket].head).load(std::memory_order_acquire);
 }
 
 void *HashTableValue(HashEntry *entry)
@@ -54,96 +68,199 @@ void *HashTableValue(HashEntry *entry)
    return std::atomic_ref(entry->value).load(std::memory_order_acquire);
 }
 
-uint32_t HashTableHashString(const char *key)
+constexpr uint64_t BYTE_ONES = 0x0101010101010101;
+constexpr size_t WORD_SIZE = sizeof(uint64_t);
+
+/* Strings are read 8 bytes at a time, the first byte in the lowest position. */
+static_assert(std::endian::native == std::endian::little);
+
+template <typename Word> uint64_t HashTableLoad(const char *bytes)
 {
-   uint32_t hash = 0;
-   for (; *key != '\0'; key++) {
-      hash = std::rotl(hash ^ static_cast<unsigned char>(*key), HASH_ROTATION);
+   Word word;
+   memcpy(&word, bytes, sizeof word);
+   return word;
+}
+
+/* All of a string of 1 to 7 bytes, with zero bytes behind it. The loads overlap where the length is not a power
+   of two. */
+uint64_t HashTableLoadShort(const char *bytes, size_t length)
+{
+   if (length >= sizeof(uint32_t)) {
+      const size_t last = length - sizeof(uint32_t);
+      return HashTableLoad<uint32_t>(bytes) | HashTableLoad<uint32_t>(bytes + last) << (8 * last);
+   }
+   const size_t middle = length / 2;
+   const size_t last = length - 1;
+   return HashTableLoad<uint8_t>(bytes) | HashTableLoad<uint8_t>(bytes + middle) << (8 * middle) |
+          HashTableLoad<uint8_t>(bytes + last) << (8 * last);
+}
+
+/* The hash of 8 bytes. A rotated exclusive or is the exclusive or of its rotated parts, so that the rounds of the
+   definition, hash = rotl(hash ^ byte, 5), come to rotating each byte by 5 for itself and for each byte
+   behind it: here for pairs of bytes, pairs of pairs, and the halves of the word at the same time. */
+uint32_t HashTableHashWord(uint64_t word)
+{
+   constexpr uint64_t evenBytes = 0x00FF00FF00FF00FF;
+   constexpr uint64_t evenPairs = 0x0000FFFF0000FFFF;
+
+   word = ((word & evenBytes) << 5) ^ ((word >> 8) & evenBytes);
+   word = ((word & evenPairs) << 10) ^ ((word >> 16) & evenPairs);
+   return std::rotl(static_cast<uint32_t>(word), 25) ^ std::rotl(static_cast<uint32_t>(word >> 32), 5);
+}
+
+struct ExactText {
+   static uint64_t Fold(uint64_t word)
+   {
+      return word;
+   }
+
+   static bool Equal(const char *a, const char *b, size_t length)
+   {
+      return memcmp(a, b, length) == 0;
+   }
+};
+
+struct NoCaseText {
+   /* Each byte from 'A' to 'Z' in lower case. */
+   static uint64_t Fold(uint64_t word)
+   {
+      const uint64_t low = word & 0x7F * BYTE_ONES;
+      const uint64_t fromA = low + (0x80 - 'A') * BYTE_ONES;
+      const uint64_t beyondZ = low + (0x7F - 'Z') * BYTE_ONES;
+      return word | (fromA & ~beyondZ & ~word & 0x80 * BYTE_ONES) >> 2;
+   }
+
+   static bool Equal(const char *a, const char *b, size_t length)
+   {
+      if (length < WORD_SIZE) {
+         return length == 0 || Fold(HashTableLoadShort(a, length)) == Fold(HashTableLoadShort(b, length));
+      }
+      const size_t last = length - WORD_SIZE;
+      for (size_t i = 0; i < last; i += WORD_SIZE) {
+         if (Fold(HashTableLoad<uint64_t>(a + i)) != Fold(HashTableLoad<uint64_t>(b + i))) {
+            return false;
+         }
+      }
+      return Fold(HashTableLoad<uint64_t>(a + last)) == Fold(HashTableLoad<uint64_t>(b + last));
+   }
+};
+
+/* Inlined, because a lookup of a short key is mostly this. */
+template <typename Text> [[gnu::always_inline]] inline uint32_t HashTableHash(const char *key, size_t length)
+{
+   if (length == 0) {
+      return 0;
+   }
+
+   /* The first word takes 1 to 8 bytes, so that whole words are left. It is filled up with zero bytes in front, which
+      leave the hash at 0. */
+   const size_t missing = WORD_SIZE - 1 - (length - 1) % WORD_SIZE;
+   const uint64_t word = length < WORD_SIZE ? HashTableLoadShort(key, length) : HashTableLoad<uint64_t>(key);
+   uint32_t hash = HashTableHashWord(Text::Fold(word << (8 * missing)));
+   const char *end = key + length;
+   for (const char *at = key + (WORD_SIZE - missing); at != end; at += WORD_SIZE) {
+      hash = std::rotl(hash, 8) ^ HashTableHashWord(Text::Fold(HashTableLoad<uint64_t>(at)));
    }
    return hash;
 }
 
-uint32_t HashTableHashStringNoCase(const char *key)
-{
-   uint32_t hash = 0;
-   for (; *key != '\0'; key++) {
-      const int lower = tolower(static_cast<unsigned char>(*key));
-      hash = std::rotl(hash ^ static_cast<uint32_t>(lower), HASH_ROTATION);
+/* The kinds of key: how one is measured and hashed, and whether two with the same hash and length are equal. */
+template <typename Text> struct StringKey {
+   static HashKey Make(const void *key)
+   {
+      const char *string = static_cast<const char *>(key);
+      const size_t length = strlen(string);
+      return {.key = key,
+              .length = static_cast<uint32_t>(std::min<size_t>(length, LONG_STRING)),
+              .hash = HashTableHash<Text>(string, length)};
    }
-   return hash;
-}
 
-uint32_t HashTableHashInt(const void *key)
-{
-   const auto number = std::bit_cast<uint64_t>(key);
-   return static_cast<uint32_t>(((number >> HASH_BITS) ^ number) * INT_KEY_MULTIPLIER);
-}
+   static bool Equal(const HashKey &a, const HashKey &b)
+   {
+      const char *stringA = static_cast<const char *>(a.key);
+      const char *stringB = static_cast<const char *>(b.key);
+      size_t length = a.length;
+      if (length == LONG_STRING) {
+         length = strlen(stringA);
+         if (length != strlen(stringB)) {
+            return false;
+         }
+      }
+      return Text::Equal(stringA, stringB, length);
+   }
+};
 
-uint32_t HashTableHash(const HashTable *table, const void *key)
+struct IntKey {
+   static HashKey Make(const void *key)
+   {
+      const auto number = std::bit_cast<uint64_t>(key);
+      const uint64_t product = ((number >> HASH_BITS) ^ number) * INT_KEY_MULTIPLIER;
+      return {.key = key, .length = 0, .hash = static_cast<uint32_t>(product)};
+   }
+
+   static bool Equal(const HashKey &a, const HashKey &b)
+   {
+      return a.key == b.key;
+   }
+};
+
+/* Calls work with the table's kind of key: each has code of its own, with no further choices in it. */
+template <typename Work> auto HashTableWithKeyType(const HashTable *table, Work work)
 {
    switch (table->keyType) {
    case HASH_STRING_KEY:
-      return HashTableHashString(static_cast<const char *>(key));
+      return work(StringKey<ExactText>{});
    case HASH_ISTRING_KEY:
-      return HashTableHashStringNoCase(static_cast<const char *>(key));
+      return work(StringKey<NoCaseText>{});
    case HASH_INT_KEY:
-      return HashTableHashInt(key);
+      return work(IntKey{});
    default:
       Panic("NOT_REACHED %s:%d\n", MODULE, __LINE__);
    }
 }
 
-/* The exclusive or of the hash's pieces of bucketBits bits each, which is what repeated folding of the top onto the
-   low piece comes to. Each round doubles the number of pieces gathered in the lowest, so that the number of
-   rounds does not depend on the key. */
-uint32_t HashTableFold(uint32_t hash, uint32_t bucketBits)
+/* The exclusive or of the hash's pieces of bucketBits bits each, which is what folding the top onto the low piece
+   until nothing is left of it comes to. Each round doubles the number of pieces gathered in the lowest, so
+   that the number of rounds does not depend on the key. A single bucket has 0 bits: no round, not one without
+   end. */
+uint32_t HashTableBucket(const HashTable *table, const HashKey &key)
 {
-   if (bucketBits == 0) {
-      return 0;
+   uint32_t folded = key.hash;
+   for (uint32_t shift = table->bucketBits; shift - 1 < HASH_BITS - 1; shift *= 2) {
+      folded ^= folded >> shift;
    }
-   for (uint32_t shift = bucketBits; shift < HASH_BITS; shift *= 2) {
-      hash ^= hash >> shift;
-   }
-   return hash & ((1U << bucketBits) - 1);
+   return folded & (table->bucketCount - 1);
 }
 
-uint32_t HashTableBucket(const HashTable *table, const void *key)
+template <typename Type> HashEntry *HashTableFindFrom(HashEntry *head, const HashKey &key)
 {
-   return HashTableFold(HashTableHash(table, key), table->bucketBits);
+   for (HashEntry *entry = head; entry != nullptr; entry = entry->next) {
+      if (entry->key.hash == key.hash && entry->key.length == key.length && Type::Equal(entry->key, key)) {
+         return entry;
+      }
+   }
+   return nullptr;
 }
 
-bool HashTableMatches(uint32_t keyType, const void *a, const void *b)
+template <typename Type> [[gnu::noinline]] HashEntry *HashTableFindAs(const HashTable *table, const void *key)
 {
-   switch (keyType) {
-   case HASH_STRING_KEY:
-      return strcmp(static_cast<const char *>(a), static_cast<const char *>(b)) == 0;
-   case HASH_ISTRING_KEY:
-      return strcasecmp(static_cast<const char *>(a), static_cast<const char *>(b)) == 0;
-   default:
-      return a == b;
-   }
-}
-
-HashEntry *HashTableFindFrom(const HashTable *table, HashEntry *head, const void *key)
-{
-   HashEntry *entry = head;
-   while (entry != nullptr && !HashTableMatches(table->keyType, entry->key, key)) {
-      entry = entry->next;
-   }
-   return entry;
+   const HashKey wanted = Type::Make(key);
+   return HashTableFindFrom<Type>(HashTableHead(table, HashTableBucket(table, wanted)), wanted);
 }
 
 HashEntry *HashTableFind(const HashTable *table, const void *key)
 {
-   return HashTableFindFrom(table, HashTableHead(table, HashTableBucket(table, key)), key);
+   return HashTableWithKeyType(table, [=]<typename Type>(Type) { return HashTableFindAs<Type>(table, key); });
 }
 
-HashEntry *HashTableNewEntry(const HashTable *table, const void *key, void *value)
+HashEntry *HashTableNewEntry(const HashTable *table, const HashKey &key, void *value)
 {
-   const size_t keySize = table->copyKeys ? strlen(static_cast<const char *>(key)) + 1 : 0;
+   const size_t keySize = table->copyKeys ? strlen(static_cast<const char *>(key.key)) + 1 : 0;
    auto *entry = static_cast<HashEntry *>(Util_SafeMalloc(sizeof(HashEntry) + keySize));
-   const void *ownKey = keySize == 0 ? key : memcpy(entry + 1, key, keySize);
-   *entry = {.next = nullptr, .key = ownKey, .value = value};
+   *entry = {.next = nullptr, .key = key, .value = value};
+   if (table->copyKeys) {
+      entry->key.key = memcpy(entry + 1, key.key, keySize);
+   }
    return entry;
 }
 
@@ -157,7 +274,7 @@ void HashTableCountUp(HashTable *table)
 
 bool HashTableLink(HashTable *table, uint32_t bucket, HashEntry *head, HashEntry *entry)
 {
-   const std::atomic_ref slot(table->buckets[bucket]);
+   const std::atomic_ref slot(table->buckets[bucket].head);
    entry->next = head;
    if (!table->atomic) {
       slot.store(entry, std::memory_order_relaxed);
@@ -166,26 +283,34 @@ bool HashTableLink(HashTable *table, uint32_t bucket, HashEntry *head, HashEntry
    return slot.compare_exchange_strong(head, entry, std::memory_order_release, std::memory_order_relaxed);
 }
 
-/* The entry that holds the key already, or null if a new entry was linked. */
-HashEntry *HashTableFindOrLink(HashTable *table, const void *key, void *value)
+template <typename Type>
+[[gnu::noinline]] HashEntry *HashTableFindOrLinkAs(HashTable *table, const void *key, void *value)
 {
-   const uint32_t bucket = HashTableBucket(table, key);
+   const HashKey wanted = Type::Make(key);
+   const uint32_t bucket = HashTableBucket(table, wanted);
    HashEntry *prepared = nullptr;
 
    while (true) {
       HashEntry *head = HashTableHead(table, bucket);
-      if (HashEntry *found = HashTableFindFrom(table, head, key); found != nullptr) {
+      if (HashEntry *found = HashTableFindFrom<Type>(head, wanted); found != nullptr) {
          free(prepared);
          return found;
       }
       if (prepared == nullptr) {
-         prepared = HashTableNewEntry(table, key, value);
+         prepared = HashTableNewEntry(table, wanted, value);
       }
       if (HashTableLink(table, bucket, head, prepared)) {
          HashTableCountUp(table);
          return nullptr;
       }
    }
+}
+
+/* The entry that holds the key already, or null if a new entry was linked. */
+HashEntry *HashTableFindOrLink(HashTable *table, const void *key, void *value)
+{
+   return HashTableWithKeyType(
+       table, [=]<typename Type>(Type) { return HashTableFindOrLinkAs<Type>(table, key, value); });
 }
 
 void HashTableDiscardValue(const HashTable *table, void *value)
@@ -243,7 +368,7 @@ HashTable *HashTable_Alloc(uint32_t bucketCount, uint32_t flags, HashTableFreeVa
        .atomic = (flags & HASH_FLAG_ATOMIC) != 0,
        .copyKeys = (flags & HASH_FLAG_COPYKEY) != 0 && keyType < HASH_INT_KEY,
        .freeValue = freeValue,
-       .buckets = static_cast<HashEntry **>(Util_SafeCalloc(bucketCount, sizeof(HashEntry *))),
+       .buckets = static_cast<HashBucket *>(Util_SafeCalloc(bucketCount, sizeof(HashBucket))),
        .count = 0,
    };
    return table;
@@ -282,8 +407,8 @@ void HashTable_FreeUnsafe(HashTable *table)
 void HashTable_Clear(HashTable *table)
 {
    for (uint32_t bucket = 0; bucket < table->bucketCount; bucket++) {
-      while (HashEntry *entry = table->buckets[bucket]) {
-         table->buckets[bucket] = entry->next;
+      while (HashEntry *entry = table->buckets[bucket].head) {
+         table->buckets[bucket].head = entry->next;
          HashTableDiscardValue(table, entry->value);
          free(entry);
       }
@@ -352,13 +477,13 @@ bool HashTable_Lookup(const HashTable *table, const void *key, void **value)
 
 bool HashTable_LookupAndDelete(HashTable *table, const void *key, void **value)
 {
-   HashEntry **link = &table->buckets[HashTableBucket(table, key)];
-   while (*link != nullptr && !HashTableMatches(table->keyType, (*link)->key, key)) {
-      link = &(*link)->next;
-   }
-   HashEntry *found = *link;
+   HashEntry *found = HashTableFind(table, key);
    if (found == nullptr) {
       return false;
+   }
+   HashEntry **link = &table->buckets[HashTableBucket(table, found->key)].head;
+   while (*link != found) {
+      link = &(*link)->next;
    }
    *link = found->next;
 
@@ -387,7 +512,7 @@ size_t HashTable_GetNumElements(const HashTable *table)
 
 void HashTable_KeyArray(const HashTable *table, const void ***keys, size_t *size)
 {
-   HashTableArray(table, keys, size, [](const HashEntry *entry) { return entry->key; });
+   HashTableArray(table, keys, size, [](const HashEntry *entry) { return entry->key.key; });
 }
 
 void HashTable_ValueArray(const HashTable *table, void ***values, size_t *size)
@@ -398,6 +523,6 @@ void HashTable_ValueArray(const HashTable *table, void ***values, size_t *size)
 int HashTable_ForEach(const HashTable *table, HashTableForEachCallback callback, void *clientData)
 {
    return HashTableVisit(table, [&](HashEntry *entry) {
-      return callback(static_cast<const char *>(entry->key), entry->value, clientData);
+      return callback(static_cast<const char *>(entry->key.key), entry->value, clientData);
    });
 }

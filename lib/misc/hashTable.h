@@ -23,8 +23,9 @@ using HashTableFreeValue = void (*)(void *value);
 using HashTableForEachCallback = int (*)(const char *key, void *value, void *clientData);
 
 /* Creation flags: one key type and any of the two options. The keys are NUL-terminated strings, compared byte by
-   byte or without regard to case (as tolower and strcasecmp have it, so the locale must not change while the
-   table lives), or else the pointer itself is the key, a 64-bit integer. */
+   byte or without regard to case, or else the pointer itself is the key, a 64-bit integer. Case is what
+   tolower and strcasecmp take it to be in the C locale, the only one this system runs in: A to Z. A process
+   that sets another one still finds every key that it has put in. */
 constexpr uint32_t HASH_STRING_KEY = 0;
 constexpr uint32_t HASH_ISTRING_KEY = 1;
 constexpr uint32_t HASH_INT_KEY = 2;

@@ -1,0 +1,22 @@
+#ifndef TESSEL_TESTS_SUPPORT_ALLOCATIONFAULTS_H
+#define TESSEL_TESTS_SUPPORT_ALLOCATIONFAULTS_H
+
+#include <climits>
+
+/* Exhausted memory, on demand. A test that links allocation-faults has the calls of malloc, calloc and realloc
+   that are linked into it pass through here (the linker's --wrap), under every sanitizer; those of shared
+   libraries do not. Requests beyond what any machine has are answered with null under the sanitizers too. */
+
+/* While it lives, the allocations from the first-th on (counted from 1) up to the last-th fail. */
+class FailingAllocations {
+ public:
+   explicit FailingAllocations(int first, int last = INT_MAX);
+   ~FailingAllocations();
+   FailingAllocations(const FailingAllocations &) = delete;
+   FailingAllocations &operator=(const FailingAllocations &) = delete;
+
+   /* Whether one has failed so far. */
+   [[nodiscard]] static bool Failed();
+};
+
+#endif
