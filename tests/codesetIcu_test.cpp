@@ -188,6 +188,7 @@ TEST_F(CodeSetIcu, CarriesASampleThroughEveryUsableEncoding)
 TEST_F(CodeSetIcu, ConvertsOnManyThreadsAtOnce)
 {
    std::vector<std::thread> threads;
+   threads.reserve(4);
    for (int i = 0; i < 4; i++) {
       threads.emplace_back([] {
          for (int k = 0; k < 100; k++) {

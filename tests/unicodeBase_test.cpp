@@ -3,6 +3,7 @@
 #include "lib/misc/codeset.h"
 #include "tests/support/testSupport.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -21,7 +22,7 @@ std::string Bytes(void *bytes, size_t length)
 TEST(UnicodeAlloc, MakesAStringOfABuffer)
 {
    const std::unique_ptr<char, Freed> unterminated(static_cast<char *>(malloc(4)));
-   memcpy(unterminated.get(), "a\xC3\xA9z", 4);
+   std::copy_n("a\xC3\xA9z", 4, unterminated.get());
    EXPECT_EQ(Take(Unicode_AllocWithLength(unterminated.get(), 4, ENCODING_UTF8)), "a\xC3\xA9z");
    EXPECT_EQ(Take(Unicode_AllocWithLength(unterminated.get(), 1, ENCODING_DEFAULT)), "a");
    EXPECT_EQ(Take(Unicode_AllocWithLength("a\xC3\xA9", -1, ENCODING_UTF8)), "a\xC3\xA9");
@@ -154,43 +155,41 @@ TEST(UnicodeGetBytes, EncodesWithATerminatorBehind)
    EXPECT_FALSE(Unicode_CanGetBytesWithEncoding("\xC3\xA9", ENCODING_US_ASCII));
 }
 
-struct CopyCase {
-   std::string string;
-   EncodingId encoding;
-   size_t size;
-   bool complete;
-   std::string bytes; /* without the terminator */
-};
-
 /* The destination is of exactly the size given. */
 TEST(UnicodeCopyBytes, CutsBetweenCharacters)
 {
    const std::string emoji = "a\xF0\x9F\x98\x80z";
-   const CopyCase cases[] = {
-       {"a\xC3\xA9", ENCODING_UTF8, 3, false, "a"},
-       {"a\xC3\xA9", ENCODING_UTF8, 4, true, "a\xC3\xA9"},
-       {"a\xC3\xA9z", ENCODING_DEFAULT, 4, false, "a\xC3\xA9"},
-       {emoji, ENCODING_UTF8, 3, false, "a"},
-       {emoji, ENCODING_UTF8, 5, false, "a"},
-       {emoji, ENCODING_UTF8, 6, false, "a\xF0\x9F\x98\x80"},
-       {"abc", ENCODING_UTF8, 3, false, "ab"},
-       {"abc", ENCODING_UTF8, 1, false, ""},
-       {"", ENCODING_UTF8, 1, true, ""},
+   const struct {
+      std::string string;
+      size_t size;
+      EncodingId encoding;
+      bool complete;
+      std::string bytes; /* without the terminator */
+   } cases[] = {
+       {"a\xC3\xA9", 3, ENCODING_UTF8, false, "a"},
+       {"a\xC3\xA9", 4, ENCODING_UTF8, true, "a\xC3\xA9"},
+       {"a\xC3\xA9z", 4, ENCODING_DEFAULT, false, "a\xC3\xA9"},
+       {emoji, 3, ENCODING_UTF8, false, "a"},
+       {emoji, 5, ENCODING_UTF8, false, "a"},
+       {emoji, 6, ENCODING_UTF8, false, "a\xF0\x9F\x98\x80"},
+       {"abc", 3, ENCODING_UTF8, false, "ab"},
+       {"abc", 1, ENCODING_UTF8, false, ""},
+       {"", 1, ENCODING_UTF8, true, ""},
        /* Not UTF-8: what stands before the continuation bytes goes with them. */
-       {"a\x80\x80z", ENCODING_UTF8, 4, false, ""},
-       {"\x80\x80z", ENCODING_UTF8, 3, false, ""},
-       {"\xE2\x82\x80\x80\x80z", ENCODING_UTF8, 6, false, ""},
-       {"abc", ENCODING_US_ASCII, 3, false, "ab"},
-       {"abc", ENCODING_US_ASCII, 4, true, "abc"},
-       {"\xC3\xA9", ENCODING_US_ASCII, 4, false, ""},
-       {"ab", ENCODING_UTF16_LE, 6, true, "a\0b\0"s},
-       {"ab", ENCODING_UTF16_LE, 5, false, "a\0"s},
-       {"ab", ENCODING_UTF16_LE, 2, false, ""},
-       {emoji, ENCODING_UTF16_LE, 6, false, "a\0"s},
-       {emoji, ENCODING_UTF16_LE, 8, false, "a\0\x3D\xD8\x00\xDE"s},
-       {"a", ENCODING_ISO_8859_1, 4, false, ""},
+       {"a\x80\x80z", 4, ENCODING_UTF8, false, ""},
+       {"\x80\x80z", 3, ENCODING_UTF8, false, ""},
+       {"\xE2\x82\x80\x80\x80z", 6, ENCODING_UTF8, false, ""},
+       {"abc", 3, ENCODING_US_ASCII, false, "ab"},
+       {"abc", 4, ENCODING_US_ASCII, true, "abc"},
+       {"\xC3\xA9", 4, ENCODING_US_ASCII, false, ""},
+       {"ab", 6, ENCODING_UTF16_LE, true, "a\0b\0"s},
+       {"ab", 5, ENCODING_UTF16_LE, false, "a\0"s},
+       {"ab", 2, ENCODING_UTF16_LE, false, ""},
+       {emoji, 6, ENCODING_UTF16_LE, false, "a\0"s},
+       {emoji, 8, ENCODING_UTF16_LE, false, "a\0\x3D\xD8\x00\xDE"s},
+       {"a", 4, ENCODING_ISO_8859_1, false, ""},
    };
-   for (const CopyCase &c : cases) {
+   for (const auto &c : cases) {
       const std::unique_ptr<char, Freed> destination(static_cast<char *>(malloc(c.size)));
       memset(destination.get(), '#', c.size);
       size_t written = 99;
