@@ -1,0 +1,15 @@
+#ifndef TESSEL_LIB_USER_DICTIONARYREAD_H
+#define TESSEL_LIB_USER_DICTIONARYREAD_H
+
+#include "lib/unicode/unicodeSimpleTypes.h"
+
+#include <cstdio>
+
+struct Dictionary;
+struct MsgList;
+
+/* Reads a stream, at its start, to its end into the dictionary; fileName is what messages call it. */
+bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileName,
+                         EncodingId defaultEncoding, MsgList *messages);
+
+#endif
