@@ -92,15 +92,12 @@ bool DictionaryIsUsable(EncodingId encoding)
            CodeSet_IsEncodingSupported(Unicode_EncodingEnumToName(encoding)));
 }
 
-/* In UTF-8, as a new string; the length is given, since the units of a wide encoding would be looked for past the end
-   of a string of bytes. Null if the text is not valid in the encoding. */
+/* In UTF-8, as a new string; null if the text is not valid in the encoding, which the conversion finds out by itself:
+   the separate check would leave a copy behind. The length is given, since the units of a wide encoding would
+   be looked for past the end of a string of bytes. */
 SecretString DictionaryDecode(const char *text, EncodingId encoding)
 {
-   const auto length = static_cast<ssize_t>(strlen(text));
-   if (!Unicode_IsBufferValid(text, length, encoding)) {
-      return nullptr;
-   }
-   return SecretString(UnicodeAllocInternal(text, length, encoding, true));
+   return SecretString(UnicodeAllocInternal(text, static_cast<ssize_t>(strlen(text)), encoding, true));
 }
 
 /* Whether every value can be converted; the first that cannot is reported. */
