@@ -148,9 +148,7 @@ bool DictionaryReadHandle(Dictionary *dictionary, const FileIOHandle *handle, Ms
 bool DictionaryExport(Dictionary *dictionary, MsgList *messages, DynBuf *text)
 {
    if (!DictionaryRender(dictionary, true, messages, text)) {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.writefile.export") "An error occurred while exporting a "
-                                                               "dictionary to a buffer.\n");
+      DictionaryReportExport(messages);
       return false;
    }
    return true;

@@ -159,6 +159,15 @@ void DictionaryFileReportOpen(const char *path, int error, MsgList *messages)
    }
 }
 
+bool DictionaryFileOpen(FileIOHandle *file, const char *path, int flags, mode_t mode, MsgList *messages)
+{
+   if (!FileIO_Open(file, path, O_RDWR | flags, mode)) {
+      DictionaryFileReportOpen(path, errno, messages);
+      return false;
+   }
+   return true;
+}
+
 } // namespace
 
 bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages)
@@ -166,11 +175,12 @@ bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages
    struct stat old;
    const mode_t mode = stat(path, &old) == 0 ? old.st_mode & 07777 : NEW_FILE_MODE;
 
-   if (!FileIO_Open(file, path, O_RDWR | O_CREAT, mode)) {
-      DictionaryFileReportOpen(path, errno, messages);
-      return false;
-   }
-   return true;
+   return DictionaryFileOpen(file, path, O_CREAT, mode, messages);
+}
+
+bool DictionaryFile_OpenOld(FileIOHandle *file, const char *path, MsgList *messages)
+{
+   return DictionaryFileOpen(file, path, 0, 0, messages);
 }
 
 bool DictionaryFile_Store(FileIOHandle *file, FileIOHandle *temporary, std::string_view text,

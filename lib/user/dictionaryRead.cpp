@@ -76,13 +76,6 @@ SecretString DictionaryPrintable(const char *text)
    return SecretString(UnicodeEscapeBuffer(text, static_cast<ssize_t>(strlen(text)), ENCODING_US_ASCII));
 }
 
-bool DictionaryIsEncodingName(const char *name)
-{
-   return strcmp(name, ".encoding") == 0 ||
-          std::any_of(OLDER_SPELLINGS.begin(), OLDER_SPELLINGS.end(),
-                      [name](const char *older) { return strcasecmp(name, older) == 0; });
-}
-
 bool DictionaryIsAscii(const char *name)
 {
    return Unicode_IsBufferValid(name, static_cast<ssize_t>(strlen(name)), ENCODING_US_ASCII);
@@ -239,6 +232,13 @@ bool DictionaryTakeText(Dictionary *dictionary, const char *text, size_t size, M
 }
 
 } // namespace
+
+bool DictionaryIsEncodingName(const char *name)
+{
+   return strcmp(name, ".encoding") == 0 ||
+          std::any_of(OLDER_SPELLINGS.begin(), OLDER_SPELLINGS.end(),
+                      [name](const char *older) { return strcasecmp(name, older) == 0; });
+}
 
 bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileName,
                          EncodingId defaultEncoding, MsgList *messages)

@@ -12,4 +12,7 @@ struct MsgList;
 bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileName,
                          EncodingId defaultEncoding, MsgList *messages);
 
+/* Whether the name is ".encoding" or one of its older spellings. */
+bool DictionaryIsEncodingName(const char *name);
+
 #endif

@@ -52,12 +52,6 @@ bool DictionaryIsSet(const Dictionary *dictionary, const char *name)
    return Dictionary_ParseBool(text.get(), &invalid);
 }
 
-bool DictionaryIsIntact(const Dictionary *dictionary)
-{
-   const bool marked = dictionary->protectionKey != nullptr || Dictionary_IsDefined(dictionary, KEY_SAFE);
-   return !marked || dictionary->integrityVerified || !DictionaryIsSet(dictionary, INTEGRITY_PROTECTED);
-}
-
 /* The line that an entry is kept with, be it in the file already or not. */
 char **DictionaryLineText(DictionaryEntry *entry)
 {
@@ -213,10 +207,25 @@ bool DictionaryUpgrade(Dictionary *dictionary)
 
 } // namespace
 
+bool DictionaryCheckIntegrity(const Dictionary *dictionary)
+{
+   const bool marked = dictionary->protectionKey != nullptr || Dictionary_IsDefined(dictionary, KEY_SAFE);
+   if (!marked || dictionary->integrityVerified || !DictionaryIsSet(dictionary, INTEGRITY_PROTECTED)) {
+      return true;
+   }
+   Log("%s: Dictionary integrity is not valid.", WRITE_TO_BUFFER);
+   return false;
+}
+
+void DictionaryReportExport(MsgList *messages)
+{
+   MsgList_Append(messages, MSGLIST_ID("dictionary.writefile.export") "An error occurred while exporting a "
+                                                                      "dictionary to a buffer.\n");
+}
+
 bool DictionaryRender(Dictionary *dictionary, bool protect, MsgList *messages, DynBuf *text)
 {
-   if (!DictionaryIsIntact(dictionary)) {
-      Log("%s: Dictionary integrity is not valid.", WRITE_TO_BUFFER);
+   if (!DictionaryCheckIntegrity(dictionary)) {
       return false;
    }
    while (true) {
