@@ -71,18 +71,6 @@ bool DictLLTakeValue(std::string_view *text, DictLLParts *parts)
    return true;
 }
 
-char *DictLLUnescape(std::string_view value)
-{
-   if (value.find(ESCAPE) == std::string_view::npos) {
-      return Util_SafeStrndup(value.data(), value.size());
-   }
-   char *const plain = Escape_Unescape(ESCAPE, value.data(), value.size(), nullptr);
-   if (plain == nullptr) {
-      Panic("NOT_REACHED %s:%d\n", MODULE, __LINE__);
-   }
-   return plain;
-}
-
 void DictLLHandOut(std::string_view text, char **line, char **name, char **value)
 {
    DictLLParts parts;
@@ -90,7 +78,7 @@ void DictLLHandOut(std::string_view text, char **line, char **name, char **value
    *line = Util_SafeStrndup(text.data(), text.size());
    if (DictLL_ParseLine(text, &parts)) {
       *name = Util_SafeStrndup(parts.name.data(), parts.name.size());
-      *value = DictLLUnescape(parts.value);
+      *value = DictLL_Unescape(parts.value);
    }
 }
 
@@ -191,6 +179,23 @@ bool DictLL_ParseLine(std::string_view line, DictLLParts *parts)
    }
    *parts = found;
    return true;
+}
+
+bool DictLL_IsEscaped(std::string_view value)
+{
+   return value.find(ESCAPE) != std::string_view::npos;
+}
+
+char *DictLL_Unescape(std::string_view value)
+{
+   if (!DictLL_IsEscaped(value)) {
+      return Util_SafeStrndup(value.data(), value.size());
+   }
+   char *const plain = Escape_Unescape(ESCAPE, value.data(), value.size(), nullptr);
+   if (plain == nullptr) {
+      Panic("NOT_REACHED %s:%d\n", MODULE, __LINE__);
+   }
+   return plain;
 }
 
 const char *DictLL_UnmarshalLine(const char *buffer, size_t size, char **line, char **name, char **value)

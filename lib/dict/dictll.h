@@ -31,6 +31,10 @@ struct DictLLParts {
 /* Whether the line, given without its line feed, is a definition; *parts, which point into it, are set only then. */
 [[nodiscard]] bool DictLL_ParseLine(std::string_view line, DictLLParts *parts);
 
+/* Whether there is anything to unescape in the value of a definition, and that value unescaped. */
+[[nodiscard]] bool DictLL_IsEscaped(std::string_view value);
+[[nodiscard]] char *DictLL_Unescape(std::string_view value);
+
 /* Takes the first line of size bytes. Gives the start of the next line, which is the end of the buffer after the last
    one; null for size 0. *line has no line feed; *name and *value are null unless the line is a definition,
    and all three if the result is null. */

@@ -26,19 +26,16 @@ constexpr const char *LOAD = "DictionaryLoad";
 constexpr const char *SAVE_COPY = "DictionarySaveFileCopy";
 constexpr const char *MAKE_EXECUTABLE = "Dictionary_MakeExecutable";
 
-constexpr size_t BUFFER_SIZE = size_t{64} * 1024;
-
 std::atomic<int> sCopies;
 
-/* A stream to read secrets from: its buffer is known, and zeroed at the end. */
+/* A stream to read secrets from. It is read in large blocks and needs no buffer, which would keep a part of them. */
 class InputStream {
  public:
    /* Null: none; errno is kept for the caller to look at. */
-   explicit InputStream(FILE *stream) : stream_(stream), buffer_(nullptr)
+   explicit InputStream(FILE *stream) : stream_(stream)
    {
       if (stream_ != nullptr) {
-         buffer_.reset(static_cast<char *>(Util_SafeMalloc(BUFFER_SIZE)));
-         static_cast<void>(setvbuf(stream_, buffer_.get(), _IOFBF, BUFFER_SIZE));
+         static_cast<void>(setvbuf(stream_, nullptr, _IONBF, 0));
       }
    }
 
@@ -47,7 +44,6 @@ class InputStream {
       if (stream_ != nullptr) {
          const int savedErrno = errno;
          static_cast<void>(fclose(stream_));
-         Secret_Zero(buffer_.get(), BUFFER_SIZE);
          errno = savedErrno;
       }
    }
@@ -62,7 +58,6 @@ class InputStream {
 
  private:
    FILE *stream_;
-   Owned<char> buffer_;
 };
 
 FILE *DictionaryOpenStream(const char *path)

@@ -8,14 +8,16 @@
 #include "lib/user/msgList.h"
 
 #include <cstring>
-#include <utility>
 
 namespace {
 
 /* Invalid bytes have no place in a message. */
-void DictionaryReportBadInput(const Dictionary *dictionary, const char *name, const char *value,
-                              const char *encoding, MsgList *messages)
+void DictionaryReportBadInput(const Dictionary *dictionary, const DictionaryEntry *entry,
+                              EncodingId encodingId, MsgList *messages)
 {
+   const char *name = entry->name;
+   const char *value = entry->value.text;
+   const char *encoding = Unicode_EncodingEnumToName(encodingId);
    const SecretString shown(
        UnicodeEscapeBuffer(value, static_cast<ssize_t>(strlen(value)), ENCODING_US_ASCII));
    if (dictionary->fileName == nullptr) {
@@ -93,20 +95,27 @@ bool DictionaryIsUsable(EncodingId encoding)
 }
 
 /* In UTF-8, as a new string; null if the text is not valid in the encoding, which the conversion finds out by itself:
-   the separate check would leave a copy behind. The length is given, since the units of a wide encoding would
+   a check of its own would leave a copy behind. The length is given, since the units of a wide encoding would
    be looked for past the end of a string of bytes. */
 SecretString DictionaryDecode(const char *text, EncodingId encoding)
 {
    return SecretString(UnicodeAllocInternal(text, static_cast<ssize_t>(strlen(text)), encoding, true));
 }
 
-/* Whether every value can be converted; the first that cannot is reported. */
+bool DictionaryIsValid(const char *text, EncodingId encoding)
+{
+   if (DictionaryIsUtf8Subset(encoding)) {
+      return Unicode_IsBufferValid(text, static_cast<ssize_t>(strlen(text)), encoding);
+   }
+   return DictionaryDecode(text, encoding) != nullptr;
+}
+
+/* Whether every value is valid; the first that is not is reported. */
 bool DictionaryCheckValues(const Dictionary *dictionary, EncodingId encoding, MsgList *messages)
 {
    for (const DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
-      if (DictionaryIsText(entry->type) && DictionaryDecode(entry->value.text, encoding) == nullptr) {
-         DictionaryReportBadInput(dictionary, entry->name, entry->value.text,
-                                  Unicode_EncodingEnumToName(encoding), messages);
+      if (DictionaryIsText(entry->type) && !DictionaryIsValid(entry->value.text, encoding)) {
+         DictionaryReportBadInput(dictionary, entry, encoding, messages);
          return false;
       }
    }
@@ -117,8 +126,7 @@ void DictionaryConvertValues(Dictionary *dictionary, EncodingId encoding)
 {
    for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
       if (DictionaryIsText(entry->type)) {
-         const SecretString old(entry->value.text);
-         entry->value.text = DictionaryDecode(old.get(), encoding).release();
+         DictionaryReplaceText(entry, DictionaryDecode(entry->value.text, encoding).release());
       }
    }
 }
@@ -154,22 +162,17 @@ bool DictionarySetEncodingByName(Dictionary *dictionary, const char *name, MsgLi
    return DictionarySettleEncoding(dictionary, UnicodeIANALookup(name), name, messages);
 }
 
-bool DictionaryDecodeValue(const Dictionary *dictionary, const char *name, SecretString *value,
-                           MsgList *messages)
+bool DictionaryDecodeValue(const Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages)
 {
    const EncodingId encoding = dictionary->encoding;
-   SecretString converted;
 
-   if (encoding == ENCODING_UTF8 && CodeSet_IsValidUtf8(value->get())) {
-      return true;
-   }
-   converted = DictionaryDecode(value->get(), encoding);
-   if (converted == nullptr) {
-      DictionaryReportBadInput(dictionary, name, value->get(), Unicode_EncodingEnumToName(encoding),
-                               messages);
+   if (!DictionaryIsValid(entry->value.text, encoding)) {
+      DictionaryReportBadInput(dictionary, entry, encoding, messages);
       return false;
    }
-   *value = std::move(converted);
+   if (!DictionaryIsUtf8Subset(encoding)) {
+      DictionaryReplaceText(entry, DictionaryDecode(entry->value.text, encoding).release());
+   }
    return true;
 }
 

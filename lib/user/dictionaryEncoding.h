@@ -5,15 +5,15 @@
 #include "lib/unicode/unicodeSimpleTypes.h"
 
 struct Dictionary;
+struct DictionaryEntry;
 struct MsgList;
 
 /* Settles the encoding by the name that a file gives; see Dictionary_SetEncoding. */
 bool DictionarySetEncodingByName(Dictionary *dictionary, const char *name, MsgList *messages);
 
-/* Turns a value as the file holds it, in the dictionary's known encoding, into UTF-8. False, with a message for the
-   named variable and the value as it was, if it is not valid there. */
-bool DictionaryDecodeValue(const Dictionary *dictionary, const char *name, SecretString *value,
-                           MsgList *messages);
+/* Turns the value of an entry, as the file holds it in the dictionary's known encoding, into UTF-8. False, with a message
+   and the value as it was, if it is not valid there. */
+bool DictionaryDecodeValue(const Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages);
 
 /* A value in an encoding, as a new string; null if the encoding cannot hold it. */
 SecretString DictionaryEncodeValue(const char *value, EncodingId encoding);

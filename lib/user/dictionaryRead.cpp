@@ -4,6 +4,7 @@
 #include "lib/misc/codeset.h"
 #include "lib/misc/escape.h"
 #include "lib/misc/secret.h"
+#include "lib/misc/util.h"
 #include "lib/public/owned.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 #include "lib/user/dictionary.h"
@@ -14,27 +15,32 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <strings.h>
 
 namespace {
 
+constexpr const char *MODULE = "lib/user/dictionary";
+
 constexpr int MAXIMUM_DUPLICATES = 100;
+constexpr size_t BLOCK_SIZE = size_t{64} * 1024;
 
 constexpr const char *READ_LINE = "DictionaryParseReadLine";
 
 /* What the metavariable ".encoding" was called before there were metavariables. */
-constexpr std::array OLDER_SPELLINGS = {"config.encoding", "preferences.encoding", "vmlist.encoding",
-                                        "snapshot.encoding"};
+constexpr std::array<std::string_view, 4> OLDER_SPELLINGS = {"config.encoding", "preferences.encoding",
+                                                             "vmlist.encoding", "snapshot.encoding"};
 
 /* What became of a line. */
 enum class LineResult : uint8_t { TAKEN, DUPLICATE, FAILED };
 
-/* A line as it was read; the parts are null unless it is a definition. */
+/* A line in the text that is read, ended by a NUL where its line feed was. */
 struct ReadLine {
-   SecretString text;
-   SecretString name;
-   SecretString value;
+   char *text;
+   size_t length;
+   bool isDefinition;
+   DictLLParts parts; /* If it is one. */
 };
 
 void DictionaryReportSyntaxError(const Dictionary *dictionary, MsgList *messages)
@@ -76,112 +82,193 @@ SecretString DictionaryPrintable(const char *text)
    return SecretString(UnicodeEscapeBuffer(text, static_cast<ssize_t>(strlen(text)), ENCODING_US_ASCII));
 }
 
+/* A part of a line as a string of its own. */
+SecretString DictionaryString(std::string_view part)
+{
+   return SecretString(Util_SafeStrndup(part.data(), part.size()));
+}
+
+/* The first value of an entry in the arena, which it needs a block of its own for only if it is escaped. */
+void DictionarySetValue(Dictionary *dictionary, DictionaryEntry *entry, std::string_view value)
+{
+   if (DictLL_IsEscaped(value)) {
+      DictionaryReplaceText(entry, DictLL_Unescape(value));
+   } else {
+      entry->value.text = SecretArena_CopyString(&dictionary->arena, value.data(), value.size());
+   }
+}
+
+void DictionaryGather(DynBuf *text, const char *bytes, size_t count)
+{
+   if (!Secret_Append(text, bytes, count)) {
+      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
+   }
+}
+
 bool DictionaryIsAscii(const char *name)
 {
    return Unicode_IsBufferValid(name, static_cast<ssize_t>(strlen(name)), ENCODING_US_ASCII);
 }
 
 /* A comment or an empty line, which is kept, or else the end of the reading. */
-LineResult DictionaryTakeOtherLine(Dictionary *dictionary, ReadLine *line, MsgList *messages)
+LineResult DictionaryTakeOtherLine(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
 {
-   const char *start = line->text.get() + strspn(line->text.get(), " \t");
+   const char *start = line.text + strspn(line.text, " \t");
    if (*start == '\0' || *start == '#') {
-      DictionaryAddLine(dictionary, &dictionary->lines, line->text.release());
+      DictionaryAddReadLine(dictionary, line.text);
       return LineResult::TAKEN;
    }
-   Log("%s: syntax error with line, \"%s\".\n", READ_LINE, DictionaryPrintable(line->text.get()).get());
+   Log("%s: syntax error with line, \"%s\".\n", READ_LINE, DictionaryPrintable(line.text).get());
    DictionaryReportSyntaxError(dictionary, messages);
    return LineResult::FAILED;
 }
 
-LineResult DictionaryTakeSetting(Dictionary *dictionary, ReadLine *line, MsgList *messages)
+bool DictionaryTakeName(Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages)
 {
-   if (DictionaryFind(dictionary, line->name.get()) != nullptr) {
-      DictionaryReportDuplicate(dictionary, line->name.get(), messages);
-      DictionaryAddLine(dictionary, &dictionary->lines, line->text.release());
-      return LineResult::DUPLICATE;
-   }
-   if (!DictionaryIsAscii(line->name.get())) {
+   if (!DictionaryIsAscii(entry->name)) {
       MsgList_Append(messages,
                      MSGLIST_ID("dictionary.nameNotASCII") "File \"%s\" line %d: Variable \"%s\" is not "
                                                            "valid ASCII.\n",
-                     dictionary->fileName, dictionary->lineNumber,
-                     DictionaryPrintable(line->name.get()).get());
+                     dictionary->fileName, dictionary->lineNumber, DictionaryPrintable(entry->name).get());
+      return false;
+   }
+   return dictionary->encoding == ENCODING_UNKNOWN || DictionaryDecodeValue(dictionary, entry, messages);
+}
+
+LineResult DictionaryTakeSetting(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
+{
+   DictionaryEntry *entry = DictionaryAddEntry(dictionary, line.parts.name);
+   DictionaryLine *kept;
+
+   if (entry == nullptr) {
+      DictionaryReportDuplicate(dictionary, DictionaryString(line.parts.name).get(), messages);
+      DictionaryAddReadLine(dictionary, line.text);
+      return LineResult::DUPLICATE;
+   }
+   DictionarySetValue(dictionary, entry, line.parts.value);
+   if (!DictionaryTakeName(dictionary, entry, messages)) {
+      DictionaryDropEntry(dictionary, entry);
       return LineResult::FAILED;
    }
-   if (dictionary->encoding != ENCODING_UNKNOWN &&
-       !DictionaryDecodeValue(dictionary, line->name.get(), &line->value, messages)) {
-      return LineResult::FAILED;
-   }
-   DictionaryEntry *entry = DictionaryAddEntry(dictionary, line->name.release(), line->value.release());
-   entry->line = DictionaryAddLine(dictionary, &dictionary->lines, line->text.release());
-   entry->line->entry = entry;
+   kept = DictionaryAddReadLine(dictionary, line.text);
+   kept->entry = entry;
+   entry->line = kept;
    return LineResult::TAKEN;
 }
 
-LineResult DictionaryTakeLine(Dictionary *dictionary, ReadLine *line, MsgList *messages)
+LineResult DictionaryTakeMetavariable(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
 {
-   const char *name = line->name.get();
+   if (!DictionaryIsEncodingName(line.parts.name)) {
+      Log("%s: \"%s\" line %d: unrecognized metavariable \"%s\"\n", READ_LINE, dictionary->fileName,
+          dictionary->lineNumber, DictionaryPrintable(DictionaryString(line.parts.name).get()).get());
+      return LineResult::TAKEN;
+   }
+   const SecretString value(DictLL_Unescape(line.parts.value));
+   return DictionarySetEncodingByName(dictionary, value.get(), messages) ? LineResult::TAKEN
+                                                                         : LineResult::FAILED;
+}
 
-   if (name == nullptr) {
+LineResult DictionaryTakeLine(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
+{
+   if (!line.isDefinition) {
       return DictionaryTakeOtherLine(dictionary, line, messages);
    }
-   if (DictionaryIsEncodingName(name)) {
-      const bool set = DictionarySetEncodingByName(dictionary, line->value.get(), messages);
-      return set ? LineResult::TAKEN : LineResult::FAILED;
-   }
-   if (name[0] == '.') {
-      Log("%s: \"%s\" line %d: unrecognized metavariable \"%s\"\n", READ_LINE, dictionary->fileName,
-          dictionary->lineNumber, DictionaryPrintable(name).get());
-      return LineResult::TAKEN;
+   if (line.parts.name.front() == '.' || DictionaryIsEncodingName(line.parts.name)) {
+      return DictionaryTakeMetavariable(dictionary, line, messages);
    }
    return DictionaryTakeSetting(dictionary, line, messages);
 }
 
-/* As DictLL_ReadLine. */
-int DictionaryNextLine(FILE *stream, ReadLine *line)
+/* Takes the first line off a text that has a writable byte behind its end. */
+ReadLine DictionarySplitLine(char **text, size_t *size)
 {
-   char *text;
-   char *name;
-   char *value;
+   auto *feed = static_cast<char *>(memchr(*text, '\n', *size));
+   const size_t length = feed != nullptr ? static_cast<size_t>(feed - *text) : *size;
+   ReadLine line = {.text = *text, .length = length, .isDefinition = false, .parts = {}};
 
-   const int result = DictLL_ReadLine(stream, &text, &name, &value);
-   line->text.reset(text);
-   line->name.reset(name);
-   line->value.reset(value);
-   return result;
+   line.isDefinition = DictLL_ParseLine({line.text, length}, &line.parts);
+   line.text[length] = '\0';
+   const size_t taken = feed != nullptr ? length + 1 : length;
+   *text += taken;
+   *size -= taken;
+   return line;
+}
+
+/* How the lines of a text were taken. */
+struct TextResult {
+   bool complete; /* To the end. */
+   bool unique;   /* Without a duplicate. */
+};
+
+/* Takes all lines of a text in the arena, which become the dictionary's, up to the first error or the first duplicate
+   too many. */
+TextResult DictionaryTakeText(Dictionary *dictionary, char *text, size_t size, int maximumDuplicates,
+                              MsgList *messages)
+{
+   int duplicates = 0;
+
+   while (size != 0) {
+      const ReadLine line = DictionarySplitLine(&text, &size);
+      dictionary->lineNumber++;
+      const LineResult result = DictionaryTakeLine(dictionary, line, messages);
+      if (result == LineResult::DUPLICATE && ++duplicates > maximumDuplicates) {
+         Log("%s: \"%s\" line %d: too many duplicate entries in dictionary, quitting.\n",
+             "DictionaryReadLines", dictionary->fileName, dictionary->lineNumber);
+         return {.complete = false, .unique = false};
+      }
+      if (result == LineResult::FAILED) {
+         return {.complete = false, .unique = duplicates == 0};
+      }
+   }
+   return {.complete = true, .unique = duplicates == 0};
+}
+
+/* Gathers the rest of a stream. 0, or the error that ended it. */
+int DictionaryReadStream(FILE *stream, DynBuf *text)
+{
+   const Owned<char> block(static_cast<char *>(Util_SafeMalloc(BLOCK_SIZE)));
+   int error = 0;
+
+   while (error == 0) {
+      const size_t count = fread(block.get(), 1, BLOCK_SIZE, stream);
+      error = ferror(stream) != 0 ? errno : 0;
+      DictionaryGather(text, block.get(), count);
+      if (error == EINTR) {
+         clearerr(stream);
+         error = 0;
+      } else if (count < BLOCK_SIZE) {
+         break;
+      }
+   }
+   Secret_Zero(block.get(), BLOCK_SIZE);
+   return error;
+}
+
+/* Of a file that breaks off with an error, the lines that came before, without the broken one. */
+size_t DictionaryWholeLines(const DynBuf *text)
+{
+   const size_t feed = std::string_view(text->data, text->size).rfind('\n');
+   return feed == std::string_view::npos ? 0 : feed + 1;
 }
 
 /* Takes all lines of the stream. False: there was a duplicate, or the reading stopped. */
 bool DictionaryTakeStream(Dictionary *dictionary, FILE *stream, MsgList *messages)
 {
-   ReadLine line;
-   int duplicates = 0;
-   int result;
+   SecretBuffer text;
 
-   while ((result = DictionaryNextLine(stream, &line)) == 2) {
-      dictionary->lineNumber++;
-      switch (DictionaryTakeLine(dictionary, &line, messages)) {
-      case LineResult::TAKEN:
-         break;
-      case LineResult::DUPLICATE:
-         if (++duplicates > MAXIMUM_DUPLICATES) {
-            Log("%s: \"%s\" line %d: too many duplicate entries in dictionary, quitting.\n",
-                "DictionaryReadLines", dictionary->fileName, dictionary->lineNumber);
-            return false;
-         }
-         break;
-      case LineResult::FAILED:
-         return false;
-      }
-   }
-   if (result == 0) {
-      const int error = errno;
+   const int error = DictionaryReadStream(stream, text.get());
+   const size_t size = error == 0 ? text.get()->size : DictionaryWholeLines(text.get());
+   DictionaryGather(text.get(), "", 1);
+   const size_t allocated = text.get()->allocated;
+   auto *lines = static_cast<char *>(DynBuf_Detach(text.get()));
+   SecretArena_Adopt(&dictionary->arena, lines, allocated);
+   const TextResult result = DictionaryTakeText(dictionary, lines, size, MAXIMUM_DUPLICATES, messages);
+   if (result.complete && error != 0) {
       MsgList_Append(messages, MSGLIST_ID("dictionary.read.readError") "File \"%s\" line %d: %s.\n",
                      dictionary->fileName, dictionary->lineNumber + 1, strerror(error));
       return false;
    }
-   return duplicates == 0;
+   return result.complete && result.unique;
 }
 
 /* A file that said nothing of its encoding. The mark alone is a guess, which the default may still correct. */
@@ -205,39 +292,14 @@ bool DictionarySettleDefault(Dictionary *dictionary, bool marked, EncodingId def
    return false;
 }
 
-/* Takes all lines of a text, without a limit on duplicates; *complete: it did not stop before the end. */
-bool DictionaryTakeText(Dictionary *dictionary, const char *text, size_t size, MsgList *messages,
-                        bool *complete)
-{
-   const char *const end = text + size;
-   bool unique = true;
-   char *line;
-   char *name;
-   char *value;
-
-   *complete = true;
-   while ((text = DictLL_UnmarshalLine(text, static_cast<size_t>(end - text), &line, &name, &value)) !=
-          nullptr) {
-      ReadLine read = {SecretString(line), SecretString(name), SecretString(value)};
-      dictionary->lineNumber++;
-      const LineResult result = DictionaryTakeLine(dictionary, &read, messages);
-      unique = unique && result == LineResult::TAKEN;
-      if (result == LineResult::FAILED) {
-         *complete = false;
-         break;
-      }
-   }
-   dictionary->lineNumber = 0;
-   return unique;
-}
-
 } // namespace
 
-bool DictionaryIsEncodingName(const char *name)
+bool DictionaryIsEncodingName(std::string_view name)
 {
-   return strcmp(name, ".encoding") == 0 ||
-          std::any_of(OLDER_SPELLINGS.begin(), OLDER_SPELLINGS.end(),
-                      [name](const char *older) { return strcasecmp(name, older) == 0; });
+   return name == ".encoding" ||
+          std::any_of(OLDER_SPELLINGS.begin(), OLDER_SPELLINGS.end(), [name](std::string_view older) {
+             return name.size() == older.size() && strncasecmp(name.data(), older.data(), name.size()) == 0;
+          });
 }
 
 bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileName,
@@ -258,7 +320,6 @@ bool Dictionary_Unmarshal(Dictionary *dictionary, const char *text, bool append,
                           MsgList *messages)
 {
    size_t size = 0;
-   bool complete;
 
    if (!append) {
       Dictionary_Clear(dictionary);
@@ -266,12 +327,14 @@ bool Dictionary_Unmarshal(Dictionary *dictionary, const char *text, bool append,
          dictionary->hooks.cleared(dictionary, dictionary->hooks.context);
       }
    }
-   const SecretString stripped(Escape_StripCarriageReturns(text, strlen(text), &size));
+   char *const stripped = Escape_StripCarriageReturns(text, strlen(text), &size);
    if (stripped == nullptr) {
-      Panic("MEM_ALLOC %s:%d\n", "lib/user/dictionary", __LINE__);
+      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
    }
-   const bool unique = DictionaryTakeText(dictionary, stripped.get(), size, messages, &complete);
-   if (!complete) {
+   SecretArena_Adopt(&dictionary->arena, stripped, size + 1);
+   const TextResult result = DictionaryTakeText(dictionary, stripped, size, INT_MAX, messages);
+   dictionary->lineNumber = 0;
+   if (!result.complete) {
       return false;
    }
    if (dictionary->encoding == ENCODING_UNKNOWN &&
@@ -284,5 +347,5 @@ bool Dictionary_Unmarshal(Dictionary *dictionary, const char *text, bool append,
    if (DictionaryEntry *entry = DictionaryFind(dictionary, "encryption.unspecified.default")) {
       entry->isProtected = true;
    }
-   return unique;
+   return result.unique;
 }

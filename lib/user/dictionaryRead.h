@@ -4,6 +4,7 @@
 #include "lib/unicode/unicodeSimpleTypes.h"
 
 #include <cstdio>
+#include <string_view>
 
 struct Dictionary;
 struct MsgList;
@@ -13,6 +14,6 @@ bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileN
                          EncodingId defaultEncoding, MsgList *messages);
 
 /* Whether the name is ".encoding" or one of its older spellings. */
-bool DictionaryIsEncodingName(const char *name);
+bool DictionaryIsEncodingName(std::string_view name);
 
 #endif

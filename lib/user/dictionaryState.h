@@ -1,8 +1,11 @@
 #ifndef TESSEL_LIB_USER_DICTIONARYSTATE_H
 #define TESSEL_LIB_USER_DICTIONARYSTATE_H
 
+#include "lib/misc/secretArena.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
 #include "lib/user/dictionary_core.h"
+
+#include <string_view>
 
 /* What a dictionary is made of, for the sources of this module alone: dictionary_core.cpp keeps it, the others read
    it from files and write it to them. */
@@ -17,9 +20,11 @@ struct DictionaryEntry;
 
 /* A line of the file, in file order. */
 struct DictionaryLine : DictionaryLink {
-   char *text;             /* As read, without its line feed. Owned. */
+   char *text;             /* As read, without its line feed. */
    DictionaryEntry *entry; /* What the line defines, or null. */
    int number;             /* From 1; 0 if the line was not read. */
+   bool inArena;           /* The line itself is in the dictionary's arena. */
+   bool ownsText;          /* The text is a block of its own, not in the arena. */
 };
 
 /* One of the two holds the value: text for the types DICTIONARY_UNTYPED and DICTIONARY_STRING, never null there,
@@ -30,13 +35,15 @@ struct DictionaryValue {
 };
 
 struct DictionaryEntry : DictionaryLink {
-   char *name; /* Owned; also the key in the table. */
+   char *name; /* Also the key in the table. */
    DictionaryValue value;
    uint32_t type;
    bool modified; /* Since the last read or write. */
    bool written;  /* Of use to the writer only while it works. */
    bool notPersistent;
    bool isProtected;
+   bool inArena;         /* The entry itself and its name are in the dictionary's arena. */
+   bool ownsText;        /* The value's text is a block of its own, not in the arena. */
    DictionaryLine *line; /* The line that defines it, or null. */
    char *lineText;       /* Without a line: what it was last written as, or null. Owned. */
 };
@@ -48,6 +55,7 @@ struct Dictionary {
    DictionaryLink lines;
    HashTable *table; /* Of DictionaryEntry, by name. */
    size_t entryCount;
+   SecretArena arena;    /* For what is read from files, nearly all of which stays to the end. */
    const char *fileName; /* While a file is being read, else null. */
    int lineNumber;       /* Of the line being read, else 0. */
    EncodingId encoding;  /* ENCODING_UNKNOWN until it is settled; never ENCODING_DEFAULT. */
@@ -117,11 +125,22 @@ template <typename Member> class DictionaryRing {
 /* The entry of a name, or null. */
 DictionaryEntry *DictionaryFind(const Dictionary *dictionary, const char *name);
 
-/* Adds an untyped entry of the default protection, not modified. Takes both strings over; the name must be new. */
-DictionaryEntry *DictionaryAddEntry(Dictionary *dictionary, char *name, char *text);
+/* Adds an untyped entry of the default protection, without a value yet and not modified, in the arena. Null if there is
+   one of that name. */
+DictionaryEntry *DictionaryAddEntry(Dictionary *dictionary, std::string_view name);
 
-/* Puts a line with this text, which is taken over, before another one or, with the list's head, at the end. */
-DictionaryLine *DictionaryAddLine(Dictionary *dictionary, DictionaryLink *before, char *text);
+/* Takes an entry that was just added out again, as if it had never been. */
+void DictionaryDropEntry(Dictionary *dictionary, DictionaryEntry *entry);
+
+/* Adds a line at the end, whose text lies in the arena. */
+DictionaryLine *DictionaryAddReadLine(Dictionary *dictionary, char *text);
+
+/* Puts a line before another one, with a text of its own, which is taken over. */
+void DictionaryInsertLine(DictionaryLink *before, char *text);
+
+/* Gives an entry or a line another text of its own, which is taken over, or for null none; the old one is zeroed. */
+void DictionaryReplaceText(DictionaryEntry *entry, char *text);
+void DictionaryReplaceText(DictionaryLine *line, char *text);
 
 /* The value of an entry as a file holds it, in UTF-8 and unescaped: a new string. An unknown type ends the process. */
 char *DictionaryFormatValue(const DictionaryEntry *entry);

@@ -52,10 +52,20 @@ bool DictionaryIsSet(const Dictionary *dictionary, const char *name)
    return Dictionary_ParseBool(text.get(), &invalid);
 }
 
-/* The line that an entry is kept with, be it in the file already or not. */
-char **DictionaryLineText(DictionaryEntry *entry)
+/* What an entry was read from or last written as, or null. */
+const char *DictionaryLineText(const DictionaryEntry *entry)
 {
-   return entry->line != nullptr ? &entry->line->text : &entry->lineText;
+   return entry->line != nullptr ? entry->line->text : entry->lineText;
+}
+
+void DictionarySetLineText(DictionaryEntry *entry, char *text)
+{
+   if (entry->line != nullptr) {
+      DictionaryReplaceText(entry->line, text);
+   } else {
+      Secret_FreeString(entry->lineText);
+      entry->lineText = text;
+   }
 }
 
 /* Puts a new line into the entry's place for it. False, reported: the encoding cannot hold the value. */
@@ -76,19 +86,17 @@ bool DictionaryMarshalEntry(const Writer &writer, DictionaryEntry *entry)
       value = std::move(encoded);
    }
    DictionaryMarshal(line.get(), entry->name, value.get());
-   char **const place = DictionaryLineText(entry);
-   Secret_FreeString(*place);
-   *place = Util_SafeStrndup(line.get()->data, line.get()->size - 1);
+   DictionarySetLineText(entry, Util_SafeStrndup(line.get()->data, line.get()->size - 1));
    return true;
 }
 
 bool DictionaryWriteEntry(const Writer &writer, DictionaryEntry *entry, DynBuf *output)
 {
    entry->written = true;
-   if ((entry->modified || *DictionaryLineText(entry) == nullptr) && !DictionaryMarshalEntry(writer, entry)) {
+   if ((entry->modified || DictionaryLineText(entry) == nullptr) && !DictionaryMarshalEntry(writer, entry)) {
       return false;
    }
-   DictionaryMarshal(output, nullptr, *DictionaryLineText(entry));
+   DictionaryMarshal(output, nullptr, DictionaryLineText(entry));
    return true;
 }
 
@@ -276,7 +284,7 @@ bool Dictionary_AddInterpreterLine(Dictionary *dictionary, const char *interpret
    if (first != &dictionary->lines && strncmp(static_cast<DictionaryLine *>(first)->text, "#!", 2) == 0) {
       return false;
    }
-   DictionaryAddLine(dictionary, first, Str_SafeAsprintf(nullptr, "#!%s", interpreter));
+   DictionaryInsertLine(first, Str_SafeAsprintf(nullptr, "#!%s", interpreter));
    return true;
 }
 
@@ -296,6 +304,6 @@ void Dictionary_AddHeaderLines(Dictionary *dictionary, const char *const *lines)
    }
    /* All of them, also after a partial match: which lines were a header once cannot be told. */
    for (; *lines != nullptr; lines++) {
-      DictionaryAddLine(dictionary, first, Util_SafeStrdup(*lines));
+      DictionaryInsertLine(first, Util_SafeStrdup(*lines));
    }
 }

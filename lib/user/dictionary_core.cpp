@@ -58,46 +58,68 @@ void DictionaryUnlink(DictionaryLink *link)
    link->next->previous = link->previous;
 }
 
+/* Zeroes a string, and frees it if it is a block of its own. */
+void DictionaryReleaseText(char *text, bool isOwn)
+{
+   if (isOwn) {
+      Secret_FreeString(text);
+   } else if (text != nullptr) {
+      Secret_Zero(text, strlen(text));
+   }
+}
+
+/* The same for an entry or a line. */
+template <typename Member> void DictionaryReleaseMember(Member *member)
+{
+   const Owned<Member> owned(member->inArena ? nullptr : member);
+   Secret_Zero(static_cast<void *>(member), sizeof *member);
+}
+
 void DictionaryRemoveLine(DictionaryLine *line)
 {
-   const Owned<DictionaryLine> owned(line);
    DictionaryUnlink(line);
-   Secret_FreeString(line->text);
+   DictionaryReleaseText(line->text, line->ownsText);
+   DictionaryReleaseMember(line);
 }
 
 /* Out of the ring and into nothing; the table is the caller's to mind. */
 void DictionaryRemoveEntry(Dictionary *dictionary, DictionaryEntry *entry)
 {
-   const Owned<DictionaryEntry> owned(entry);
    DictionaryUnlink(entry);
    dictionary->entryCount--;
    if (entry->line != nullptr) {
       DictionaryRemoveLine(entry->line);
    }
-   Secret_FreeString(entry->name);
-   Secret_FreeString(entry->value.text);
+   DictionaryReleaseText(entry->name, !entry->inArena);
+   DictionaryReleaseText(entry->value.text, entry->ownsText);
    Secret_FreeString(entry->lineText);
-   Secret_Zero(entry, sizeof *entry);
+   DictionaryReleaseMember(entry);
 }
 
 void DictionaryUnsetEntry(Dictionary *dictionary, DictionaryEntry *entry)
 {
    dictionary->changed = dictionary->changed || !entry->notPersistent;
-   HashTable_Delete(dictionary->table, entry->name);
-   DictionaryRemoveEntry(dictionary, entry);
+   DictionaryDropEntry(dictionary, entry);
 }
 
-DictionaryEntry *DictionaryNewEntry(Dictionary *dictionary, char *name, uint32_t type, DictionaryValue value,
-                                    bool isProtected)
+void DictionaryLinkEntry(Dictionary *dictionary, DictionaryEntry *entry)
 {
-   auto *entry = static_cast<DictionaryEntry *>(Util_SafeCalloc(1, sizeof(DictionaryEntry)));
-   entry->name = name;
-   entry->type = type;
-   entry->value = value;
-   entry->isProtected = isProtected;
    DictionaryLinkBefore(&dictionary->entries, entry);
    dictionary->entryCount++;
-   HashTable_Insert(dictionary->table, name, entry);
+}
+
+/* An entry that no file has; the value is taken over, and the name must be new. */
+DictionaryEntry *DictionaryNewEntry(Dictionary *dictionary, const char *name, uint32_t type,
+                                    DictionaryValue value, bool isProtected)
+{
+   auto *entry = static_cast<DictionaryEntry *>(Util_SafeCalloc(1, sizeof(DictionaryEntry)));
+   entry->name = Util_SafeStrdup(name);
+   entry->type = type;
+   entry->value = value;
+   entry->ownsText = true;
+   entry->isProtected = isProtected;
+   DictionaryLinkEntry(dictionary, entry);
+   HashTable_Insert(dictionary->table, entry->name, entry);
    return entry;
 }
 
@@ -118,11 +140,9 @@ bool DictionaryConvertEntry(const Dictionary *dictionary, DictionaryEntry *entry
       entry->type = type;
       return true;
    }
-   const SecretString text(entry->value.text);
-   uint64_t bits;
-   const bool valid =
-       DictionaryConvertText(text.get(), type, fallback, entry->name, dictionary->messages, &bits);
-   entry->value = {.text = nullptr, .bits = bits};
+   const bool valid = DictionaryConvertText(entry->value.text, type, fallback, entry->name,
+                                            dictionary->messages, &entry->value.bits);
+   DictionaryReplaceText(entry, nullptr);
    entry->type = type;
    return valid;
 }
@@ -169,8 +189,8 @@ GivenValue DictionaryGet(Dictionary *dictionary, GivenValue fallback, uint32_t r
    DictionaryCheckType(type);
    if (entry == nullptr) {
       if (!DictionaryIsEmptyFallback(type, fallback)) {
-         entry = DictionaryNewEntry(dictionary, Util_SafeStrdup(name), type,
-                                    DictionaryCopyValue(type, fallback), wantsProtected);
+         entry =
+             DictionaryNewEntry(dictionary, name, type, DictionaryCopyValue(type, fallback), wantsProtected);
          entry->notPersistent = true;
       }
       return fallback;
@@ -224,14 +244,13 @@ char *DictionaryGetText(Dictionary *dictionary, const char *fallback, uint32_t r
 }
 
 /* Whether the entry now has another text. */
-bool DictionaryReplaceText(DictionaryEntry *entry, const char *text)
+bool DictionaryChangeText(DictionaryEntry *entry, const char *text)
 {
    const char *wanted = text != nullptr ? text : "";
    if (strcmp(entry->value.text, wanted) == 0) {
       return false;
    }
-   const SecretString old(entry->value.text);
-   entry->value.text = Util_SafeStrdup(wanted);
+   DictionaryReplaceText(entry, Util_SafeStrdup(wanted));
    return true;
 }
 
@@ -255,15 +274,14 @@ bool DictionaryReplaceValue(const Dictionary *dictionary, DictionaryEntry *entry
    }
    if (DictionaryIsText(type)) {
       if (DictionaryIsText(entry->type)) {
-         return DictionaryReplaceText(entry, value.text);
+         return DictionaryChangeText(entry, value.text);
       }
       DictionaryConvertText(value.text != nullptr ? value.text : "", entry->type, entry->value.bits,
                             entry->name, dictionary->messages, &bits);
       return DictionaryReplaceBits(entry, bits);
    }
    if (entry->type != type) {
-      const SecretString old(entry->value.text);
-      entry->value.text = nullptr;
+      DictionaryReplaceText(entry, nullptr);
       entry->type = type;
       differs = true;
    }
@@ -278,8 +296,7 @@ void DictionarySet(Dictionary *dictionary, GivenValue value, uint32_t request, c
    DictionaryEntry *entry = DictionaryFind(dictionary, name);
 
    if (entry == nullptr) {
-      entry = DictionaryNewEntry(dictionary, Util_SafeStrdup(name), type, DictionaryCopyValue(type, value),
-                                 wantsProtected);
+      entry = DictionaryNewEntry(dictionary, name, type, DictionaryCopyValue(type, value), wantsProtected);
       entry->modified = true;
    } else {
       const bool differs = DictionaryReplaceValue(dictionary, entry, type, value);
@@ -348,19 +365,56 @@ DictionaryEntry *DictionaryFind(const Dictionary *dictionary, const char *name)
    return static_cast<DictionaryEntry *>(entry);
 }
 
-DictionaryEntry *DictionaryAddEntry(Dictionary *dictionary, char *name, char *text)
+DictionaryEntry *DictionaryAddEntry(Dictionary *dictionary, std::string_view name)
 {
-   return DictionaryNewEntry(dictionary, name, DICTIONARY_UNTYPED, {.text = text, .bits = 0},
-                             dictionary->defaultProtected);
+   auto *entry =
+       static_cast<DictionaryEntry *>(SecretArena_Take(&dictionary->arena, sizeof(DictionaryEntry)));
+   entry->inArena = true;
+   entry->name = SecretArena_CopyString(&dictionary->arena, name.data(), name.size());
+   if (!HashTable_Insert(dictionary->table, entry->name, entry)) {
+      return nullptr;
+   }
+   entry->isProtected = dictionary->defaultProtected;
+   DictionaryLinkEntry(dictionary, entry);
+   return entry;
 }
 
-DictionaryLine *DictionaryAddLine(Dictionary *dictionary, DictionaryLink *before, char *text)
+void DictionaryDropEntry(Dictionary *dictionary, DictionaryEntry *entry)
+{
+   HashTable_Delete(dictionary->table, entry->name);
+   DictionaryRemoveEntry(dictionary, entry);
+}
+
+DictionaryLine *DictionaryAddReadLine(Dictionary *dictionary, char *text)
+{
+   auto *line = static_cast<DictionaryLine *>(SecretArena_Take(&dictionary->arena, sizeof(DictionaryLine)));
+   line->inArena = true;
+   line->text = text;
+   line->number = dictionary->lineNumber;
+   DictionaryLinkBefore(&dictionary->lines, line);
+   return line;
+}
+
+void DictionaryInsertLine(DictionaryLink *before, char *text)
 {
    auto *line = static_cast<DictionaryLine *>(Util_SafeCalloc(1, sizeof(DictionaryLine)));
    line->text = text;
-   line->number = dictionary->lineNumber;
+   line->ownsText = true;
    DictionaryLinkBefore(before, line);
-   return line;
+}
+
+void DictionaryReplaceText(DictionaryEntry *entry, char *text)
+{
+   DictionaryReleaseText(entry->value.text, entry->ownsText);
+   entry->value.text = text;
+   entry->ownsText = true;
+}
+
+void DictionaryReplaceText(DictionaryLine *line, char *text)
+{
+   DictionaryReleaseText(line->text, line->ownsText);
+   line->text = text;
+   line->ownsText = true;
 }
 
 char *DictionaryFormatValue(const DictionaryEntry *entry)
@@ -410,6 +464,7 @@ void Dictionary_Clear(Dictionary *dictionary)
    for (DictionaryLine *line : DictionaryRing<DictionaryLine>(dictionary->lines)) {
       DictionaryRemoveLine(line);
    }
+   SecretArena_Clear(&dictionary->arena);
    dictionary->encoding = ENCODING_UNKNOWN;
    dictionary->changed = false;
 }
