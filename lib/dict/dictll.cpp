@@ -19,20 +19,20 @@ constexpr size_t CHUNK = 512;
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
-constexpr bool IsBlank(char byte)
+/* The classes of bytes, each a bit. */
+enum ByteClass : uint8_t { BLANK = 1, BARE = 2, NAME = 4 };
+
+constexpr std::array<uint8_t, 256> MakeClasses()
 {
-   return byte == '\t' || byte == ' ';
+   std::array<uint8_t, 256> classes{};
+   classes.fill(BARE | NAME);
+   classes['\0'] = classes['#'] = 0;
+   classes['\t'] = classes[' '] = BLANK;
+   classes['='] = BARE;
+   return classes;
 }
 
-constexpr bool IsBareByte(char byte)
-{
-   return byte != '\0' && byte != '#' && !IsBlank(byte);
-}
-
-constexpr bool IsNameByte(char byte)
-{
-   return IsBareByte(byte) && byte != '=';
-}
+constexpr std::array<uint8_t, 256> classes = MakeClasses();
 
 constexpr EscapeTable MakeEscaped()
 {
@@ -46,19 +46,22 @@ constexpr EscapeTable MakeEscaped()
 
 constexpr EscapeTable escaped = MakeEscaped();
 
-/* Takes the longest run of bytes of a kind off the front of the text. */
-std::string_view DictLLTake(std::string_view *text, bool (*belongs)(char))
+/* Takes the longest run of bytes of a class off the front of the text. */
+std::string_view DictLLTake(std::string_view *text, ByteClass wanted)
 {
-   const auto *const end = std::find_if_not(text->begin(), text->end(), belongs);
-   const std::string_view run = text->substr(0, static_cast<size_t>(end - text->begin()));
-   text->remove_prefix(run.size());
+   size_t length = 0;
+   while (length < text->size() && (classes[static_cast<unsigned char>((*text)[length])] & wanted) != 0) {
+      length++;
+   }
+   const std::string_view run = text->substr(0, length);
+   text->remove_prefix(length);
    return run;
 }
 
 bool DictLLTakeValue(std::string_view *text, DictLLParts *parts)
 {
    if (text->empty() || text->front() != '"') {
-      parts->token = parts->value = DictLLTake(text, IsBareByte);
+      parts->token = parts->value = DictLLTake(text, BARE);
       return true;
    }
    const size_t close = text->find('"', 1);
@@ -162,18 +165,18 @@ bool DictLL_ParseLine(std::string_view line, DictLLParts *parts)
 {
    DictLLParts found;
 
-   DictLLTake(&line, IsBlank);
-   found.name = DictLLTake(&line, IsNameByte);
-   DictLLTake(&line, IsBlank);
+   DictLLTake(&line, BLANK);
+   found.name = DictLLTake(&line, NAME);
+   DictLLTake(&line, BLANK);
    if (found.name.empty() || line.empty() || line.front() != '=') {
       return false;
    }
    line.remove_prefix(1);
-   DictLLTake(&line, IsBlank);
+   DictLLTake(&line, BLANK);
    if (!DictLLTakeValue(&line, &found)) {
       return false;
    }
-   DictLLTake(&line, IsBlank);
+   DictLLTake(&line, BLANK);
    if (!line.empty() && line.front() != '#') {
       return false;
    }

@@ -23,22 +23,29 @@ void Secret_FreeString(char *string)
    }
 }
 
+bool Secret_Reserve(DynBuf *buffer, size_t n)
+{
+   DynBuf larger;
+
+   if (n <= buffer->allocated - buffer->size) {
+      return true;
+   }
+   DynBuf_Init(&larger);
+   if (buffer->size + n < n || !DynBuf_Enlarge(&larger, buffer->allocated + buffer->size + n)) {
+      return false;
+   }
+   if (buffer->size != 0) {
+      memcpy(larger.data, buffer->data, buffer->size);
+   }
+   larger.size = buffer->size;
+   std::swap(*buffer, larger);
+   Secret_Destroy(&larger);
+   return true;
+}
+
 bool Secret_Append(DynBuf *buffer, const void *bytes, size_t n)
 {
-   if (n > buffer->allocated - buffer->size) {
-      DynBuf larger;
-      DynBuf_Init(&larger);
-      if (buffer->size + n < n || !DynBuf_Enlarge(&larger, buffer->allocated + buffer->size + n)) {
-         return false;
-      }
-      if (buffer->size != 0) {
-         memcpy(larger.data, buffer->data, buffer->size);
-      }
-      larger.size = buffer->size;
-      std::swap(*buffer, larger);
-      Secret_Destroy(&larger);
-   }
-   return DynBuf_Append(buffer, bytes, n);
+   return Secret_Reserve(buffer, n) && DynBuf_Append(buffer, bytes, n);
 }
 
 void Secret_Destroy(DynBuf *buffer)

@@ -16,6 +16,10 @@ void Secret_Zero(void *block, size_t size);
    not reached. */
 void Secret_FreeString(char *string);
 
+/* Makes room for n bytes more than are in use; a block that is outgrown is zeroed. False, with the buffer unchanged, if
+   memory is exhausted. */
+[[nodiscard]] bool Secret_Reserve(DynBuf *buffer, size_t n);
+
 /* DynBuf_Append for secrets: a block that is outgrown is zeroed. False, with the buffer unchanged, if memory is
    exhausted. */
 [[nodiscard]] bool Secret_Append(DynBuf *buffer, const void *bytes, size_t n);

@@ -15,19 +15,27 @@ struct SecretArenaBlock {
 
 namespace {
 
-constexpr size_t ALIGNMENT = alignof(std::max_align_t);
+constexpr size_t ALIGNMENT = alignof(void *);
 constexpr size_t SMALLEST_BLOCK = 4096;
-constexpr size_t LARGEST_BLOCK = size_t{1} << 20;
+constexpr size_t LARGEST_BLOCK = size_t{64} * 1024;
 
+/* A new block with room for size bytes, whatever is left of the last one. */
 void SecretArenaGrow(SecretArena *arena, size_t size)
 {
-   const size_t last = arena->blocks != nullptr ? arena->blocks->size : SMALLEST_BLOCK / 2;
+   const size_t last = arena->blocks != nullptr ? arena->blocks->size : 0;
    const size_t usual = std::clamp(last * 2, SMALLEST_BLOCK, LARGEST_BLOCK);
-   const size_t next = std::max(size, usual);
-   auto *memory = static_cast<char *>(Util_SafeCalloc(1, next));
-   SecretArena_Adopt(arena, memory, next);
+   const size_t blockSize = std::max(size, usual);
+   auto *memory = static_cast<char *>(Util_SafeMalloc(blockSize));
+   SecretArena_Adopt(arena, memory, blockSize);
    arena->next = memory;
-   arena->left = next;
+   arena->end = memory + blockSize;
+}
+
+void SecretArenaReserve(SecretArena *arena, size_t size)
+{
+   if (size > static_cast<size_t>(arena->end - arena->next)) {
+      SecretArenaGrow(arena, size);
+   }
 }
 
 } // namespace
@@ -35,22 +43,21 @@ void SecretArenaGrow(SecretArena *arena, size_t size)
 void *SecretArena_Take(SecretArena *arena, size_t size)
 {
    const size_t rounded = (size + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
-   if (rounded > arena->left) {
-      SecretArenaGrow(arena, rounded);
-   }
-   void *const piece = arena->next;
+   SecretArenaReserve(arena, rounded);
+   void *const piece = memset(arena->next, 0, rounded);
    arena->next += rounded;
-   arena->left -= rounded;
    return piece;
 }
 
 char *SecretArena_CopyString(SecretArena *arena, const char *string, size_t length)
 {
-   auto *copy = static_cast<char *>(SecretArena_Take(arena, length + 1));
+   SecretArenaReserve(arena, length + 1);
+   arena->end -= length + 1;
    if (length != 0) {
-      memcpy(copy, string, length);
+      memcpy(arena->end, string, length);
    }
-   return copy;
+   arena->end[length] = '\0';
+   return arena->end;
 }
 
 void SecretArena_Adopt(SecretArena *arena, void *memory, size_t size)

@@ -9,8 +9,9 @@ struct SecretArenaBlock;
 
 struct SecretArena {
    SecretArenaBlock *blocks;
-   char *next;
-   size_t left;
+   char *
+       next; /* Between these two the latest block is free: pieces are taken from below, strings from above. */
+   char *end;
 };
 
 /* size bytes of zeros, aligned for any pointer or number; valid until the arena is cleared. */

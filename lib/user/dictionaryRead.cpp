@@ -18,6 +18,7 @@
 #include <climits>
 #include <cstring>
 #include <strings.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -25,6 +26,8 @@ constexpr const char *MODULE = "lib/user/dictionary";
 
 constexpr int MAXIMUM_DUPLICATES = 100;
 constexpr size_t BLOCK_SIZE = size_t{64} * 1024;
+constexpr uint64_t HIGH_BITS = 0x8080808080808080;
+constexpr size_t LARGEST_EXPECTATION = size_t{16} << 20;
 
 constexpr const char *READ_LINE = "DictionaryParseReadLine";
 
@@ -39,6 +42,7 @@ enum class LineResult : uint8_t { TAKEN, DUPLICATE, FAILED };
 struct ReadLine {
    char *text;
    size_t length;
+   bool isAscii;
    bool isDefinition;
    DictLLParts parts; /* If it is one. */
 };
@@ -98,16 +102,24 @@ void DictionarySetValue(Dictionary *dictionary, DictionaryEntry *entry, std::str
    }
 }
 
-void DictionaryGather(DynBuf *text, const char *bytes, size_t count)
+void DictionaryReserve(DynBuf *text, size_t size)
 {
-   if (!Secret_Append(text, bytes, count)) {
+   if (!Secret_Reserve(text, size)) {
       Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
    }
 }
 
-bool DictionaryIsAscii(const char *name)
+bool DictionaryIsAscii(std::string_view bytes)
 {
-   return Unicode_IsBufferValid(name, static_cast<ssize_t>(strlen(name)), ENCODING_US_ASCII);
+   uint64_t all = 0;
+   uint64_t word = 0;
+   for (; bytes.size() >= sizeof word; bytes.remove_prefix(sizeof word)) {
+      memcpy(&word, bytes.data(), sizeof word);
+      all |= word;
+   }
+   word = 0;
+   memcpy(&word, bytes.data(), bytes.size());
+   return ((all | word) & HIGH_BITS) == 0;
 }
 
 /* A comment or an empty line, which is kept, or else the end of the reading. */
@@ -123,16 +135,28 @@ LineResult DictionaryTakeOtherLine(Dictionary *dictionary, const ReadLine &line,
    return LineResult::FAILED;
 }
 
-bool DictionaryTakeName(Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages)
+bool DictionaryCheckName(const Dictionary *dictionary, const char *name, MsgList *messages)
 {
-   if (!DictionaryIsAscii(entry->name)) {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.nameNotASCII") "File \"%s\" line %d: Variable \"%s\" is not "
-                                                           "valid ASCII.\n",
-                     dictionary->fileName, dictionary->lineNumber, DictionaryPrintable(entry->name).get());
-      return false;
+   if (DictionaryIsAscii(name)) {
+      return true;
    }
-   return dictionary->encoding == ENCODING_UNKNOWN || DictionaryDecodeValue(dictionary, entry, messages);
+   MsgList_Append(messages,
+                  MSGLIST_ID("dictionary.nameNotASCII") "File \"%s\" line %d: Variable \"%s\" is not "
+                                                        "valid ASCII.\n",
+                  dictionary->fileName, dictionary->lineNumber, DictionaryPrintable(name).get());
+   return false;
+}
+
+/* Whether name and value of a new entry are as they should be, the value then in UTF-8. */
+bool DictionaryCheckEntry(const Dictionary *dictionary, DictionaryEntry *entry, bool isAscii,
+                          MsgList *messages)
+{
+   /* The common case: nothing to convert, and nothing that could be wrong. */
+   if (isAscii && !entry->ownsText && dictionary->encoding == ENCODING_UTF8) {
+      return true;
+   }
+   return DictionaryCheckName(dictionary, entry->name, messages) &&
+          (dictionary->encoding == ENCODING_UNKNOWN || DictionaryDecodeValue(dictionary, entry, messages));
 }
 
 LineResult DictionaryTakeSetting(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
@@ -146,7 +170,7 @@ LineResult DictionaryTakeSetting(Dictionary *dictionary, const ReadLine &line, M
       return LineResult::DUPLICATE;
    }
    DictionarySetValue(dictionary, entry, line.parts.value);
-   if (!DictionaryTakeName(dictionary, entry, messages)) {
+   if (!DictionaryCheckEntry(dictionary, entry, line.isAscii, messages)) {
       DictionaryDropEntry(dictionary, entry);
       return LineResult::FAILED;
    }
@@ -184,7 +208,11 @@ ReadLine DictionarySplitLine(char **text, size_t *size)
 {
    auto *feed = static_cast<char *>(memchr(*text, '\n', *size));
    const size_t length = feed != nullptr ? static_cast<size_t>(feed - *text) : *size;
-   ReadLine line = {.text = *text, .length = length, .isDefinition = false, .parts = {}};
+   ReadLine line = {.text = *text,
+                    .length = length,
+                    .isAscii = DictionaryIsAscii({*text, length}),
+                    .isDefinition = false,
+                    .parts = {}};
 
    line.isDefinition = DictLL_ParseLine({line.text, length}, &line.parts);
    line.text[length] = '\0';
@@ -223,25 +251,36 @@ TextResult DictionaryTakeText(Dictionary *dictionary, char *text, size_t size, i
    return {.complete = true, .unique = duplicates == 0};
 }
 
+/* How much of a stream to expect: its file's size, within reason, or else a block. */
+size_t DictionaryExpectedSize(FILE *stream)
+{
+   struct stat attributes;
+   if (fstat(fileno(stream), &attributes) == -1 || !S_ISREG(attributes.st_mode)) {
+      return BLOCK_SIZE;
+   }
+   return std::clamp(static_cast<size_t>(attributes.st_size), BLOCK_SIZE, LARGEST_EXPECTATION);
+}
+
 /* Gathers the rest of a stream. 0, or the error that ended it. */
 int DictionaryReadStream(FILE *stream, DynBuf *text)
 {
-   const Owned<char> block(static_cast<char *>(Util_SafeMalloc(BLOCK_SIZE)));
-   int error = 0;
+   /* More than the file has, so that its end is seen, and a NUL has its place. */
+   size_t room = DictionaryExpectedSize(stream) + 2;
 
-   while (error == 0) {
-      const size_t count = fread(block.get(), 1, BLOCK_SIZE, stream);
-      error = ferror(stream) != 0 ? errno : 0;
-      DictionaryGather(text, block.get(), count);
-      if (error == EINTR) {
-         clearerr(stream);
-         error = 0;
-      } else if (count < BLOCK_SIZE) {
-         break;
+   while (true) {
+      DictionaryReserve(text, room);
+      room = text->allocated - text->size;
+      const size_t count = fread(text->data + text->size, 1, room, stream);
+      const int error = ferror(stream) != 0 ? errno : 0;
+      text->size += count;
+      if (error != 0 && error != EINTR) {
+         return error;
       }
+      if (error == 0 && count < room) {
+         return 0;
+      }
+      clearerr(stream);
    }
-   Secret_Zero(block.get(), BLOCK_SIZE);
-   return error;
 }
 
 /* Of a file that breaks off with an error, the lines that came before, without the broken one. */
@@ -258,7 +297,7 @@ bool DictionaryTakeStream(Dictionary *dictionary, FILE *stream, MsgList *message
 
    const int error = DictionaryReadStream(stream, text.get());
    const size_t size = error == 0 ? text.get()->size : DictionaryWholeLines(text.get());
-   DictionaryGather(text.get(), "", 1);
+   DictionaryReserve(text.get(), 1);
    const size_t allocated = text.get()->allocated;
    auto *lines = static_cast<char *>(DynBuf_Detach(text.get()));
    SecretArena_Adopt(&dictionary->arena, lines, allocated);

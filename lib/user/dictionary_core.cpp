@@ -58,7 +58,7 @@ void DictionaryUnlink(DictionaryLink *link)
    link->next->previous = link->previous;
 }
 
-/* Zeroes a string, and frees it if it is a block of its own. */
+/* Zeroes a text, before the arena's end if it lies there, and frees it if it is a block of its own. */
 void DictionaryReleaseText(char *text, bool isOwn)
 {
    if (isOwn) {
@@ -68,18 +68,33 @@ void DictionaryReleaseText(char *text, bool isOwn)
    }
 }
 
-/* The same for an entry or a line. */
-template <typename Member> void DictionaryReleaseMember(Member *member)
+/* Release what has a block of its own; the arena does the rest at its end. */
+void DictionaryReleaseLine(DictionaryLine *line)
 {
-   const Owned<Member> owned(member->inArena ? nullptr : member);
-   Secret_Zero(static_cast<void *>(member), sizeof *member);
+   const Owned<DictionaryLine> owned(line->inArena ? nullptr : line);
+   if (line->ownsText) {
+      Secret_FreeString(line->text);
+   }
+}
+
+void DictionaryReleaseEntry(DictionaryEntry *entry)
+{
+   const Owned<DictionaryEntry> owned(entry->inArena ? nullptr : entry);
+   if (!entry->inArena) {
+      Secret_FreeString(entry->name);
+   }
+   if (entry->ownsText) {
+      Secret_FreeString(entry->value.text);
+   }
+   Secret_FreeString(entry->lineText);
+   Secret_Zero(&entry->value, sizeof entry->value);
 }
 
 void DictionaryRemoveLine(DictionaryLine *line)
 {
    DictionaryUnlink(line);
-   DictionaryReleaseText(line->text, line->ownsText);
-   DictionaryReleaseMember(line);
+   DictionaryReplaceText(line, nullptr);
+   DictionaryReleaseLine(line);
 }
 
 /* Out of the ring and into nothing; the table is the caller's to mind. */
@@ -90,10 +105,8 @@ void DictionaryRemoveEntry(Dictionary *dictionary, DictionaryEntry *entry)
    if (entry->line != nullptr) {
       DictionaryRemoveLine(entry->line);
    }
-   DictionaryReleaseText(entry->name, !entry->inArena);
-   DictionaryReleaseText(entry->value.text, entry->ownsText);
-   Secret_FreeString(entry->lineText);
-   DictionaryReleaseMember(entry);
+   DictionaryReplaceText(entry, nullptr);
+   DictionaryReleaseEntry(entry);
 }
 
 void DictionaryUnsetEntry(Dictionary *dictionary, DictionaryEntry *entry)
@@ -457,14 +470,17 @@ void Dictionary_Free(Dictionary *dictionary)
 
 void Dictionary_Clear(Dictionary *dictionary)
 {
-   HashTable_Clear(dictionary->table);
    for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
-      DictionaryRemoveEntry(dictionary, entry);
+      DictionaryReleaseEntry(entry);
    }
    for (DictionaryLine *line : DictionaryRing<DictionaryLine>(dictionary->lines)) {
-      DictionaryRemoveLine(line);
+      DictionaryReleaseLine(line);
    }
+   DictionaryInitRing(&dictionary->entries);
+   DictionaryInitRing(&dictionary->lines);
+   dictionary->entryCount = 0;
    SecretArena_Clear(&dictionary->arena);
+   HashTable_Clear(dictionary->table);
    dictionary->encoding = ENCODING_UNKNOWN;
    dictionary->changed = false;
 }
