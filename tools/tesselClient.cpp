@@ -28,7 +28,8 @@ int main(int argc, char **argv)
    static constexpr ToolUsage usage = {.program = "tessel-client",
                                        .help = HELP,
                                        .version = "tessel-client " TESSEL_VERSION "\n",
-                                       .takesDaemon = false};
+                                       .takesDaemon = false,
+                                       .takesSocket = true};
    ToolOptions options;
    OwnedDescriptor hold;
 

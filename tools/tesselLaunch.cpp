@@ -71,7 +71,8 @@ int main(int argc, char **argv)
    static constexpr ToolUsage usage = {.program = "tessel-launch",
                                        .help = HELP,
                                        .version = "tessel-launch " TESSEL_VERSION "\n",
-                                       .takesDaemon = true};
+                                       .takesDaemon = true,
+                                       .takesSocket = true};
    ToolOptions options;
    ToolSocket made;
 

@@ -57,12 +57,12 @@ std::optional<int> ToolOptions_Parse(int argc, char **argv, const ToolUsage &usa
        {"quiet", no_argument, nullptr, 'q'},        {"help", no_argument, nullptr, 'h'},
        {"version", no_argument, nullptr, 'V'},      {nullptr, 0, nullptr, 0},
    };
-   const struct option *known = usage.takesDaemon ? all : all + 1;
+   const struct option *known = usage.takesDaemon ? all : all + (usage.takesSocket ? 1 : 3);
    int letter;
 
    ToolReport_SetProgram(usage.program);
    /* "+": the words of the command are not ours to read; ":": the reports are. */
-   while ((letter = getopt_long(argc, argv, "+:qh", known, nullptr)) != -1) {
+   while ((letter = getopt_long(argc, argv, usage.takesSocket ? "+:qh" : "+:h", known, nullptr)) != -1) {
       const std::optional<int> status = ToolOptionsTake(letter, argv[optind - 1], usage, options);
       if (status.has_value()) {
          return status;

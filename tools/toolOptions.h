@@ -8,6 +8,7 @@ struct ToolUsage {
    const char *help;    /* The whole text that --help prints. */
    const char *version; /* The line that --version prints. */
    bool takesDaemon;    /* Whether --daemon is one of the options. */
+   bool takesSocket;    /* Whether --socket and --quiet are. */
 };
 
 struct ToolOptions {

@@ -5,6 +5,7 @@
 #include "lib/string/str.h"
 
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <sys/uio.h>
 
@@ -12,6 +13,7 @@ namespace {
 
 const char *sProgram = "tessel";
 bool sQuiet = false;
+bool sLogToOutput = false;
 
 struct iovec ToolReportPart(const char *text, size_t length)
 {
@@ -48,6 +50,11 @@ void ToolReport_SetQuiet()
    sQuiet = true;
 }
 
+void ToolReport_SetLogToOutput()
+{
+   sLogToOutput = true;
+}
+
 bool ToolReport_Print(const char *text)
 {
    const size_t length = strlen(text);
@@ -58,11 +65,13 @@ void Log(const char *format, ...)
 {
    va_list args;
 
-   if (sQuiet) {
-      return;
-   }
    va_start(args, format);
-   ToolReportWrite(format, args);
+   if (sLogToOutput) {
+      const Owned<char> text(Str_SafeVasprintf(nullptr, format, args));
+      fputs(text.get(), stdout);
+   } else if (!sQuiet) {
+      ToolReportWrite(format, args);
+   }
    va_end(args);
 }
 
@@ -83,10 +92,4 @@ void Panic(const char *format, ...)
    ToolReportWrite(format, args);
    va_end(args);
    exit(EXIT_FAILURE);
-}
-
-/* The tools are not at a place of their own in the product. */
-LocationLookup Location_GetLookup()
-{
-   return nullptr;
 }

@@ -11,6 +11,9 @@ void ToolReport_SetProgram(const char *name);
 /* From now on Log says nothing. */
 void ToolReport_SetQuiet();
 
+/* From now on Log writes its lines, as they are, to standard output through stdio. */
+void ToolReport_SetLogToOutput();
+
 /* Writes text to standard output as it is. False with errno set. */
 [[nodiscard]] bool ToolReport_Print(const char *text);
 

@@ -28,4 +28,8 @@
 [[nodiscard]] char *UtilSafeStrndupInternal(const char *string, size_t n, int32_t bugNumber, const char *file,
                                             int line);
 
+/* The path with "~" or "~USER" at its start replaced by the home directory: for "~" that is $HOME, if set and not empty,
+   else the user database's for the real user. Null for null and for an unknown home. */
+[[nodiscard]] char *Util_ExpandHome(const char *path);
+
 #endif

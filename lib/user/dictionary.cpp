@@ -1,0 +1,332 @@
+#include "lib/user/dictionary.h"
+
+#include "lib/file/fileIO.h"
+#include "lib/misc/secret.h"
+#include "lib/misc/util.h"
+#include "lib/public/owned.h"
+#include "lib/string/str.h"
+#include "lib/user/dictionaryFile.h"
+#include "lib/user/dictionaryRead.h"
+#include "lib/user/dictionaryState.h"
+#include "lib/user/dictionaryWrite.h"
+#include "lib/user/msgList.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *LOAD = "DictionaryLoad";
+constexpr const char *SAVE_COPY = "DictionarySaveFileCopy";
+constexpr const char *MAKE_EXECUTABLE = "Dictionary_MakeExecutable";
+
+std::atomic<int> sCopies;
+
+/* A stream to read secrets from. It is read in large blocks and needs no buffer, which would keep a part of them. */
+class InputStream {
+ public:
+   /* Null: none; errno is kept for the caller to look at. */
+   explicit InputStream(FILE *stream) : stream_(stream)
+   {
+      if (stream_ != nullptr) {
+         static_cast<void>(setvbuf(stream_, nullptr, _IONBF, 0));
+      }
+   }
+
+   ~InputStream()
+   {
+      if (stream_ != nullptr) {
+         const int savedErrno = errno;
+         static_cast<void>(fclose(stream_));
+         errno = savedErrno;
+      }
+   }
+
+   InputStream(const InputStream &) = delete;
+   InputStream &operator=(const InputStream &) = delete;
+
+   [[nodiscard]] FILE *get() const
+   {
+      return stream_;
+   }
+
+ private:
+   FILE *stream_;
+};
+
+FILE *DictionaryOpenStream(const char *path)
+{
+   FILE *stream;
+   do {
+      stream = fopen(path, "re");
+   } while (stream == nullptr && errno == EINTR);
+   return stream;
+}
+
+bool DictionaryReportLoadOpen(const char *path, MsgList *messages)
+{
+   const int error = errno;
+   Log("%s: Cannot open file \"%s\": %s.\n", LOAD, path, strerror(error));
+   MsgList_Append(messages, MSGLIST_ID("dictionary.load.openFailed") "Cannot open file \"%s\": %s.\n", path,
+                  strerror(error));
+   return false;
+}
+
+bool DictionaryReportLoadStat(const char *path, MsgList *messages)
+{
+   const int error = errno;
+   Log("%s: Unable to get information about file \"%s\": %s.\n", LOAD, path, strerror(error));
+   MsgList_Append(messages,
+                  MSGLIST_ID("dictionary.load.statFailed") "Unable to get information about file \"%s\": "
+                                                           "%s.\n",
+                  path, strerror(error));
+   return false;
+}
+
+bool DictionaryReportLoadDirectory(const char *path, MsgList *messages)
+{
+   Log("%s: \"%s\" is a directory.\n", LOAD, path);
+   MsgList_Append(messages, MSGLIST_ID("dictionary.load.isDirectory") "\"%s\" is a directory.\n", path);
+   return false;
+}
+
+bool DictionaryLoadFile(Dictionary *dictionary, const char *path, EncodingId defaultEncoding,
+                        MsgList *messages)
+{
+   struct stat attributes;
+   const InputStream stream(DictionaryOpenStream(path));
+
+   if (stream.get() == nullptr) {
+      return DictionaryReportLoadOpen(path, messages);
+   }
+   if (fstat(fileno(stream.get()), &attributes) == -1) {
+      return DictionaryReportLoadStat(path, messages);
+   }
+   if (S_ISDIR(attributes.st_mode)) {
+      return DictionaryReportLoadDirectory(path, messages);
+   }
+   return DictionaryReadLines(dictionary, stream.get(), path, defaultEncoding, messages);
+}
+
+bool DictionarySeekStart(const FileIOHandle *handle, MsgList *messages)
+{
+   if (lseek(handle->fd, 0, SEEK_SET) == 0) {
+      return true;
+   }
+   MsgList_Append(messages, MSGLIST_ID("dictionary.loadFile.seekFailed") "Cannot seek file \"%s\": %s.\n",
+                  handle->path, strerror(errno));
+   return false;
+}
+
+/* On a copy of the descriptor, since the end of a stream closes its own. */
+bool DictionaryReadHandle(Dictionary *dictionary, const FileIOHandle *handle, MsgList *messages)
+{
+   OwnedDescriptor copy(fcntl(handle->fd, F_DUPFD_CLOEXEC, 0));
+   const InputStream stream(copy.get() != -1 ? fdopen(copy.get(), "r") : nullptr);
+
+   if (stream.get() == nullptr) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.loadFileStream.failed") "Cannot open file stream \"%s\": %s.\n",
+                     handle->path, strerror(errno));
+      return false;
+   }
+   [[maybe_unused]] const int now = copy.release();
+   return DictionaryReadLines(dictionary, stream.get(), handle->path, ENCODING_DEFAULT, messages);
+}
+
+bool DictionaryExport(Dictionary *dictionary, MsgList *messages, DynBuf *text)
+{
+   if (!DictionaryRender(dictionary, true, messages, text)) {
+      DictionaryReportExport(messages);
+      return false;
+   }
+   return true;
+}
+
+std::string_view DictionaryText(const DynBuf *text)
+{
+   return {text->data, text->size};
+}
+
+bool DictionaryWriteOpenFile(Dictionary *dictionary, FileIOHandle *file)
+{
+   SecretBuffer text;
+
+   if (!DictionaryExport(dictionary, dictionary->messages, text.get()) ||
+       !DictionaryFile_Replace(file, DictionaryText(text.get()), dictionary->messages)) {
+      return false;
+   }
+   DictionaryMarkSaved(dictionary);
+   return true;
+}
+
+/* One block of the file, with an interruption passed over. */
+template <typename Call> ssize_t DictionaryTransfer(Call call)
+{
+   ssize_t count;
+   do {
+      count = call();
+   } while (count == -1 && errno == EINTR);
+   return count;
+}
+
+bool DictionaryCopyContent(int from, int to)
+{
+   std::array<char, 4096> block;
+   ssize_t count;
+   bool complete = true;
+
+   while (complete &&
+          (count = DictionaryTransfer([&] { return read(from, block.data(), block.size()); })) != 0) {
+      complete = count != -1;
+      for (ssize_t done = 0; complete && done < count;) {
+         const ssize_t written = DictionaryTransfer(
+             [&] { return write(to, block.data() + done, static_cast<size_t>(count - done)); });
+         complete = written != -1;
+         done += written;
+      }
+   }
+   Secret_Zero(block.data(), block.size());
+   return complete;
+}
+
+bool DictionaryCopyTo(const FileIOHandle *handle, const char *path)
+{
+   struct stat attributes;
+   FileIOHandle copy;
+
+   if (fstat(handle->fd, &attributes) == -1) {
+      return false;
+   }
+   /* Never through a link, and never wider open than the file. */
+   if (unlink(path) == -1 && errno != ENOENT) {
+      return false;
+   }
+   if (!FileIO_Open(&copy, path, O_WRONLY | O_CREAT | O_EXCL, attributes.st_mode & 0777)) {
+      return false;
+   }
+   const bool copied = DictionaryCopyContent(handle->fd, copy.fd);
+   if (FileIO_Close(&copy) && copied) {
+      return true;
+   }
+   unlink(path);
+   return false;
+}
+
+} // namespace
+
+bool DictionaryLoad(Dictionary *dictionary, const char *path, bool clear, EncodingId defaultEncoding,
+                    MsgList *messages)
+{
+   if (clear) {
+      Dictionary_Clear(dictionary);
+   }
+   if (path == nullptr) {
+      return true;
+   }
+   if (strcmp(path, "-") == 0) {
+      return DictionaryReadLines(dictionary, stdin, "<stdin>", defaultEncoding, messages);
+   }
+   return DictionaryLoadFile(dictionary, path, defaultEncoding, messages);
+}
+
+bool Dictionary_Load(Dictionary *dictionary, const char *path)
+{
+   return DictionaryLoad(dictionary, path, true, ENCODING_DEFAULT, dictionary->messages);
+}
+
+bool Dictionary_LoadUTF8(Dictionary *dictionary, const char *path)
+{
+   return DictionaryLoad(dictionary, path, true, ENCODING_UTF8, dictionary->messages);
+}
+
+bool Dictionary_Append(Dictionary *dictionary, const char *path)
+{
+   return DictionaryLoad(dictionary, path, false, ENCODING_DEFAULT, dictionary->messages);
+}
+
+bool Dictionary_LoadFromFileHandle(Dictionary *dictionary, FileIOHandle *handle, MsgList *messages)
+{
+   Dictionary_Clear(dictionary);
+   if (!DictionarySeekStart(handle, messages)) {
+      return false;
+   }
+   const bool read = DictionaryReadHandle(dictionary, handle, messages);
+   return DictionarySeekStart(handle, messages) && read;
+}
+
+bool Dictionary_WriteFile(Dictionary *dictionary, const char *path)
+{
+   FileIOHandle file;
+
+   if (!DictionaryFile_Open(&file, path, dictionary->messages)) {
+      return false;
+   }
+   const bool written = DictionaryWriteOpenFile(dictionary, &file);
+   return DictionaryFile_Close(&file, dictionary->messages) && written;
+}
+
+bool Dictionary_WriteToFileHandle(Dictionary *dictionary, FileIOHandle *handle, FileIOHandle *temporary,
+                                  MsgList *messages)
+{
+   SecretBuffer text;
+
+   if (!DictionaryExport(dictionary, messages, text.get())) {
+      if (temporary != nullptr) {
+         FileIO_AtomicDiscard(temporary);
+      }
+      return false;
+   }
+   if (!DictionaryFile_Store(handle, temporary, DictionaryText(text.get()), messages)) {
+      return false;
+   }
+   DictionaryMarkSaved(dictionary);
+   return true;
+}
+
+bool Dictionary_MakeExecutable(const char *path)
+{
+   struct stat attributes;
+
+   if (stat(path, &attributes) == -1) {
+      const int error = errno;
+      Log("%s: cannot stat configuration file %s: %s\n", MAKE_EXECUTABLE, path, strerror(error));
+      return false;
+   }
+   const mode_t mode = attributes.st_mode & 07777;
+   if (chmod(path, mode | ((mode >> 2) & 0111)) == -1) {
+      const int error = errno;
+      Log("%s: cannot change mode of file %s: %s\n", MAKE_EXECUTABLE, path, strerror(error));
+      return false;
+   }
+   return true;
+}
+
+bool DictionarySaveFileCopy(FileIOHandle *handle)
+{
+   const off_t offset = lseek(handle->fd, 0, SEEK_CUR);
+   if (offset == -1) {
+      Warning("%s: Unable to record the current position of file %s\n", SAVE_COPY, handle->path);
+      return false;
+   }
+   if (lseek(handle->fd, 0, SEEK_SET) == -1) {
+      Warning("%s: Unable to get to the begining position of file %s\n", SAVE_COPY, handle->path);
+      return false;
+   }
+   const Owned<char> path(Str_SafeAsprintf(nullptr, "%s-%s-%d", handle->path, "copy", sCopies++));
+   const bool copied = DictionaryCopyTo(handle, path.get());
+   if (!copied) {
+      Warning("%s: Unable to save a copy of %s\n", SAVE_COPY, handle->path);
+   }
+   if (lseek(handle->fd, offset, SEEK_SET) == -1) {
+      Warning("%s: Unable to restore to original position for file %s\n", SAVE_COPY, handle->path);
+      return false;
+   }
+   return copied;
+}

@@ -1,0 +1,36 @@
+#include "platform/durable.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+template <typename Call> int Uninterrupted(Call call)
+{
+   int result;
+   do {
+      result = call();
+   } while (result == -1 && errno == EINTR);
+   return result;
+}
+
+/* The answers of file systems that know no full flush, network ones among them. */
+bool IsUnknownRequest(int error)
+{
+   return error == ENOTSUP || error == ENOTTY || error == EINVAL || error == ENOSYS;
+}
+
+} // namespace
+
+/* fsync leaves the data in the drive's own cache here; only the full flush empties that too. */
+bool Durable_File(int fd)
+{
+   if (Uninterrupted([fd] { return fcntl(fd, F_FULLFSYNC); }) != -1) {
+      return true;
+   }
+   if (!IsUnknownRequest(errno)) {
+      return false;
+   }
+   return Uninterrupted([fd] { return fsync(fd); }) == 0 || IsUnknownRequest(errno);
+}
