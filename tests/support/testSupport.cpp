@@ -62,6 +62,11 @@ std::string ScratchFolder::Path(const std::string &name) const
 
 CapturedLog::CapturedLog()
 {
+   Clear();
+}
+
+void CapturedLog::Clear() const
+{
    ServiceImpl_LogOpen(folder_.Path("log").c_str());
 }
 

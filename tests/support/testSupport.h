@@ -43,6 +43,9 @@ class CapturedLog {
    /* The same without the timestamp prefixes. */
    [[nodiscard]] std::string Text() const;
 
+   /* Forgets what was logged so far. */
+   void Clear() const;
+
  private:
    ScratchFolder folder_;
 };
