@@ -27,13 +27,13 @@ class DynBufTest : public testing::Test {
 
 TEST_F(DynBufTest, GrowsByTheRuleAndAppendOnlyWhenFull)
 {
-   for (const auto &[minSize, capacity] : {std::pair{0, 128}, {10, 256}, {513, 513}, {900000, 900000}}) {
+   for (const auto &[minSize, capacity] : {std::pair{0UL, 128UL}, {10, 256}, {513, 513}, {900000, 900000}}) {
       ASSERT_TRUE(DynBuf_Enlarge(&buffer_, minSize));
       ExpectContent("", capacity);
    }
    DynBuf_Destroy(&buffer_);
    std::string expected;
-   for (const auto &[length, capacity] : {std::pair{0, 0},
+   for (const auto &[length, capacity] : {std::pair{0UL, 0UL},
                                           {1, 128},
                                           {127, 128},
                                           {300, 428},
