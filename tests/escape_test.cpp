@@ -81,7 +81,7 @@ constexpr struct {
                 {STRIP, "a\\,b\\\\\\\\x\\", "a,b\\\\x"},
                 {COMMA, "a,b\\c", "a\\,b\\\\c"},
                 {OCTAL, R"(a\\b\nc\1018\060\\101\777)", "a\\b\ncA80\\101\xFF"},
-                {OCTAL, R"(\10 \18 \108\ 12\q\)", R"(\10 \18 \108\ 12\q\)"},
+                {OCTAL, R"(\10 \180 \108\ 12\q\)", R"(\10 \180 \108\ 12\q\)"},
                 {OCTAL, R"(a\000b)", "a"}};
 
 TEST(Escape, ExamplesOfEveryRoutine)
