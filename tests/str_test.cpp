@@ -37,7 +37,7 @@ TEST(Str, SnprintfCutsAtTheEndOfACharacter)
       EXPECT_EQ(buffer[size], '?');
    }
    char buffer[] = "????????";
-   EXPECT_EQ(Str_Snprintf(buffer, sizeof buffer, "ab%lc", NO_CHARACTER), -1);
+   EXPECT_EQ(Str_Snprintf(buffer, 4, "ab\xC3%lc", NO_CHARACTER), -1);
    EXPECT_STREQ(buffer, "ab");
    EXPECT_EQ(Str_Snprintf(nullptr, 0, "%d", 1), -1);
 }
