@@ -235,11 +235,14 @@ TEST(HashTableAtomic, OneTableIsMadeAndOneInsertOfEachKeyWins)
    const std::vector<std::string> keys = SampleKeys(100);
    for (int round = 0; round < 100; round++) {
       std::atomic<HashTable *> variable = nullptr;
+      std::atomic<HashTable *> large = nullptr; /* takes long enough to make for others to come in */
       std::atomic<size_t> inserted = 0;
       Race([&](size_t thread) {
+         const HashTable *got = HashTable_AllocOnce(&large, 1U << 16, 0, nullptr);
+         EXPECT_EQ(got, large.load());
          constexpr uint32_t flags = HASH_ISTRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY;
          HashTable *table = HashTable_AllocOnce(&variable, 2, flags, nullptr);
-         EXPECT_EQ(table, variable);
+         EXPECT_EQ(table, variable.load());
          for (const std::string &key : keys) {
             void *mine = Number(thread + 1);
             void *found = nullptr;
@@ -252,6 +255,7 @@ TEST(HashTableAtomic, OneTableIsMadeAndOneInsertOfEachKeyWins)
       });
       EXPECT_EQ(inserted, keys.size());
       HashTable_Free(variable);
+      HashTable_Free(large);
    }
 }
 
