@@ -1,9 +1,10 @@
 #include "tests/support/allocationFaults.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 
-/* The names are the linker's and the sanitizers'. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c) */
+/* The names are the linker's and the sanitizer's. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c) */
 
 namespace {
 
@@ -14,6 +15,7 @@ std::atomic<int> sRequests;
 bool Fails()
 {
    const int request = ++sRequests;
+   errno = ENOMEM;
    return request >= sFirst && request <= sLast;
 }
 
@@ -58,11 +60,6 @@ void *__wrap_realloc(void *block, size_t size)
 }
 
 const char *__asan_default_options()
-{
-   return "allocator_may_return_null=1";
-}
-
-const char *__tsan_default_options()
 {
    return "allocator_may_return_null=1";
 }
