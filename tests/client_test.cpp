@@ -2,7 +2,6 @@
 
 #include "tests/support/scriptedPeer.h"
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -75,22 +74,20 @@ TEST(TesselClientRegister, TellsEveryEndOfTheConversationApart)
 /* A peer that has gone would end this process by SIGPIPE. */
 TEST(TesselClientRegister, SurvivesOnManyThreadsThatThePeerHangsUpAtAnyMoment)
 {
-   constexpr int ATTEMPTS = 50;
-   std::array<std::thread, 4> threads;
    std::string script;
-   for (size_t i = 0; i < ATTEMPTS * threads.size(); i++) {
+   while (script.size() < 400) {
       script += "ag";
    }
    const ScriptedPeer peer(script);
    ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-   for (std::thread &thread : threads) {
-      thread = std::thread([&peer] {
-         for (int i = 0; i < ATTEMPTS; i++) {
-            int hold;
-            EXPECT_EQ(Register(peer, TESSEL_NO_LIMIT, &hold), TESSEL_DAEMON_GONE);
-         }
-      });
-   }
+   const auto attempts = [&peer] {
+      for (int i = 0; i < 50; i++) {
+         int hold;
+         EXPECT_EQ(Register(peer, TESSEL_NO_LIMIT, &hold), TESSEL_DAEMON_GONE);
+      }
+   };
+   std::thread threads[] = {std::thread(attempts), std::thread(attempts), std::thread(attempts),
+                            std::thread(attempts)};
    for (std::thread &thread : threads) {
       thread.join();
    }

@@ -1,8 +1,6 @@
 #include "platform/descriptors.h"
 
-#include "lib/public/owned.h"
-#include "platform/localStream.h"
-#include "tests/support/testSupport.h"
+#include "tests/support/daemonHarness.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +10,6 @@
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <vector>
 
@@ -72,20 +69,11 @@ TEST(DescriptorsCloseAllBut, ClosesTheGapsBetweenKeptDescriptors)
 
 TEST(DescriptorsAccept, ClosesTheConnectionOnExec)
 {
-   const OwnedDescriptor listener(LocalStream_Socket());
-   const OwnedDescriptor client(LocalStream_Socket());
-   struct sockaddr_un address = {};
-   auto *const name = reinterpret_cast<struct sockaddr *>(&address);
-   socklen_t length = sizeof address.sun_family;
-   address.sun_family = AF_UNIX;
-   ASSERT_EQ(bind(listener.get(), name, length), 0); /* The kernel makes up a name. */
-   length = sizeof address;
-   ASSERT_EQ(getsockname(listener.get(), name, &length), 0);
-   ASSERT_EQ(listen(listener.get(), 1), 0);
-   ASSERT_EQ(connect(client.get(), name, length), 0);
-
-   const OwnedDescriptor accepted(Descriptors_Accept(listener.get(), nullptr, nullptr));
-   EXPECT_EQ(fcntl(accepted.get(), F_GETFD), FD_CLOEXEC);
+   DaemonProcess daemon([](int listener, int /*launcher*/) {
+      _exit(fcntl(Descriptors_Accept(listener, nullptr, nullptr), F_GETFD) == FD_CLOEXEC ? 0 : 1);
+   });
+   const Connection client(daemon);
+   EXPECT_EQ(daemon.ExitStatus(), 0);
 }
 
 } // namespace

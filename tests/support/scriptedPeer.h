@@ -26,10 +26,10 @@ class ScriptedPeer : public DaemonProcess {
  public:
    explicit ScriptedPeer(const std::string &script)
        : DaemonProcess([&script](int listener, int launcher) {
-            State state{listener, launcher, OwnedDescriptor(), OwnedDescriptor()};
             alarm(20);
+            Stage stage{listener, launcher, OwnedDescriptor(), OwnedDescriptor()};
             for (const char step : script) {
-               if (!Take(step, &state)) {
+               if (!stage.Take(step)) {
                   _exit(step);
                }
             }
@@ -39,56 +39,57 @@ class ScriptedPeer : public DaemonProcess {
    }
 
  private:
-   struct State {
+   struct Stage {
+      bool Take(char step)
+      {
+         struct pollfd client = {.fd = listener, .events = POLLIN, .revents = 0};
+         switch (step) {
+         case 'a':
+            connection.reset();
+            connection.reset(accept(listener, nullptr, nullptr));
+            return connection.get() != -1;
+         case 'c':
+            return poll(&client, 1, -1) == 1;
+         case 'r':
+            return Receive();
+         case 'e':
+            return ReadToEnd(received.get());
+         case 'n':
+            return listen(listener, 0) == 0;
+         case 's':
+            return usleep(30000) == 0;
+         case 'w':
+            return ReadToEnd(launcher);
+         default:
+            step = step == 'g' ? '\0' : step;
+            return send(connection.get(), &step, 1, MSG_NOSIGNAL) == 1;
+         }
+      }
+
+      bool Receive()
+      {
+         uint8_t byte;
+         int descriptor = -1;
+         const auto result = DescriptorMessage_Receive(connection.get(), &byte, &descriptor);
+         received.reset(descriptor);
+         return result == DescriptorMessageResult::Received;
+      }
+
+      static bool ReadToEnd(int descriptor)
+      {
+         char byte;
+         ssize_t length = 1;
+         while (length == 1) {
+            length = read(descriptor, &byte, 1);
+         }
+         return length == 0;
+      }
+
       int listener;
       int launcher;
       OwnedDescriptor connection;
       OwnedDescriptor received;
    };
-
-   static bool Receive(State *state)
-   {
-      uint8_t byte;
-      int descriptor = -1;
-      const auto result = DescriptorMessage_Receive(state->connection.get(), &byte, &descriptor);
-      state->received.reset(descriptor);
-      return result == DescriptorMessageResult::Received;
-   }
-
-   static bool ReadToEnd(int descriptor)
-   {
-      char byte;
-      ssize_t length;
-      while ((length = read(descriptor, &byte, 1)) == 1) {
-      }
-      return length == 0;
-   }
-
-   static bool Take(char step, State *state)
-   {
-      struct pollfd client = {.fd = state->listener, .events = POLLIN, .revents = 0};
-      switch (step) {
-      case 'a':
-         state->connection.reset();
-         state->connection.reset(accept(state->listener, nullptr, nullptr));
-         return state->connection.get() != -1;
-      case 'c':
-         return poll(&client, 1, -1) == 1;
-      case 'r':
-         return Receive(state);
-      case 'e':
-         return ReadToEnd(state->received.get());
-      case 'n':
-         return listen(state->listener, 0) == 0;
-      case 's':
-         return usleep(30000) == 0;
-      case 'w':
-         return ReadToEnd(state->launcher);
-      default:
-         step = step == 'g' ? '\0' : step;
-         return send(state->connection.get(), &step, 1, MSG_NOSIGNAL) == 1;
-      }
-   }
 };
 
 #endif
