@@ -1,144 +1,95 @@
 #ifndef TESSEL_TESTS_SUPPORT_SCRIPTEDPEER_H
 #define TESSEL_TESTS_SUPPORT_SCRIPTEDPEER_H
 
-#include "lib/public/owned.h"
 #include "platform/descriptorMessage.h"
-#include "platform/localStream.h"
-#include "tests/support/testSupport.h"
+#include "tests/support/daemonHarness.h"
 
 #include <csignal>
-#include <functional>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
-/* True once the descriptor is readable or at its end. */
-inline bool Readable(int descriptor, int waitMs)
-{
-   struct pollfd wanted = {.fd = descriptor, .events = POLLIN, .revents = 0};
-   return poll(&wanted, 1, waitMs) == 1;
-}
+/* Takes the daemon's place in the conversation, one step a letter:
 
-inline bool AtEnd(int descriptor)
-{
-   char byte;
-   return Readable(descriptor, 5000) && read(descriptor, &byte, 1) == 0;
-}
+      a   accept a client, and hang up on the one before
+      c   wait for a client without accepting it
+      r   receive a descriptor
+      e   read from the descriptor to its end
+      g   send a greeting
+      n   have room for a single client in the queue
+      s   sleep for a while
+      w   wait for ever
 
-/* The daemon's place in the conversation, taken by a test's script on a thread of its own. */
-class Peer {
+   Any other letter is sent as it is. The status at the end of the script is 0; a step that fails ends the
+   process with its letter, and one that takes very long by a signal. */
+class ScriptedPeer : public DaemonProcess {
  public:
-   using Script = std::function<void(Peer &)>;
-
-   /* Without a script nobody accepts. */
-   explicit Peer(const Script &script = nullptr, int backlog = 1) : listener_(LocalStream_Socket())
+   explicit ScriptedPeer(const std::string &script)
+       : DaemonProcess([&script](int listener, int launcher) {
+            alarm(20);
+            Stage stage{listener, launcher, OwnedDescriptor(), OwnedDescriptor()};
+            for (const char step : script) {
+               if (!stage.Take(step)) {
+                  _exit(step);
+               }
+            }
+            _exit(0);
+         })
    {
-      struct sockaddr_un address = {};
-      address.sun_family = AF_UNIX;
-      Path().copy(address.sun_path, sizeof address.sun_path - 1);
-      EXPECT_EQ(bind(listener_.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof address), 0);
-      EXPECT_EQ(listen(listener_.get(), backlog), 0);
-      if (script != nullptr) {
-         thread_ = std::thread([this, script] { Run(script); });
-      }
-   }
-
-   ~Peer()
-   {
-      Join();
-   }
-
-   Peer(const Peer &) = delete;
-   Peer &operator=(const Peer &) = delete;
-
-   void Join()
-   {
-      if (thread_.joinable()) {
-         thread_.join();
-      }
-   }
-
-   void StopListening()
-   {
-      listener_.reset();
-   }
-
-   void AwaitConnection()
-   {
-      EXPECT_TRUE(Readable(listener_.get(), 5000));
-   }
-
-   void Accept()
-   {
-      connection_.reset(accept(listener_.get(), nullptr, nullptr));
-   }
-
-   void Write(char byte)
-   {
-      EXPECT_EQ(send(connection_.get(), &byte, 1, MSG_NOSIGNAL), 1);
-   }
-
-   void Receive()
-   {
-      uint8_t byte;
-      int descriptor = -1;
-      EXPECT_EQ(DescriptorMessage_Receive(connection_.get(), &byte, &descriptor),
-                DescriptorMessageResult::Received);
-      received_.reset(descriptor);
-   }
-
-   void Close()
-   {
-      connection_.reset();
-   }
-
-   /* Until the client hangs up. */
-   void Wait()
-   {
-      char byte;
-      while (read(connection_.get(), &byte, 1) == 1) {
-      }
-   }
-
-   [[nodiscard]] int Received() const
-   {
-      return received_.get();
-   }
-
-   [[nodiscard]] std::string Path() const
-   {
-      return folder_.Path("socket");
    }
 
  private:
-   void Run(const Script &script)
-   {
-      sigset_t all;
-      sigfillset(&all);
-      pthread_sigmask(SIG_BLOCK, &all, nullptr);
-      script(*this);
-      Close();
-   }
+   struct Stage {
+      bool Take(char step)
+      {
+         struct pollfd client = {.fd = listener, .events = POLLIN, .revents = 0};
+         switch (step) {
+         case 'a':
+            connection.reset();
+            connection.reset(accept(listener, nullptr, nullptr));
+            return connection.get() != -1;
+         case 'c':
+            return poll(&client, 1, -1) == 1;
+         case 'r':
+            return Receive();
+         case 'e':
+            return ReadToEnd(received.get());
+         case 'n':
+            return listen(listener, 0) == 0;
+         case 's':
+            return usleep(30000) == 0;
+         case 'w':
+            return ReadToEnd(launcher);
+         default:
+            step = step == 'g' ? '\0' : step;
+            return send(connection.get(), &step, 1, MSG_NOSIGNAL) == 1;
+         }
+      }
 
-   ScratchFolder folder_;
-   OwnedDescriptor listener_;
-   OwnedDescriptor connection_;
-   OwnedDescriptor received_;
-   std::thread thread_;
-};
+      bool Receive()
+      {
+         uint8_t byte;
+         int descriptor = -1;
+         const auto result = DescriptorMessage_Receive(connection.get(), &byte, &descriptor);
+         received.reset(descriptor);
+         return result == DescriptorMessageResult::Received;
+      }
 
-/* A daemon that answers everybody the same. */
-inline Peer::Script Daemon(char greeting, char reply)
-{
-   return [=](Peer &peer) {
-      peer.Accept();
-      peer.Write(greeting);
-      peer.Receive();
-      peer.Write(reply);
+      static bool ReadToEnd(int descriptor)
+      {
+         char byte;
+         ssize_t length = 1;
+         while (length == 1) {
+            length = read(descriptor, &byte, 1);
+         }
+         return length == 0;
+      }
+
+      int listener;
+      int launcher;
+      OwnedDescriptor connection;
+      OwnedDescriptor received;
    };
-}
+};
 
 #endif
