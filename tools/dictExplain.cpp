@@ -3,11 +3,16 @@
 #include "lib/config/preference.h"
 #include "lib/dict/dictll.h"
 #include "lib/public/owned.h"
+#include "lib/public/program.h"
 #include "lib/string/str.h"
 
 #include <cstdio>
 
 namespace {
+
+/* The preferences ask for the product's files. Named here, the resolver is linked from the location library, which
+   the linker meets before it meets the preferences. */
+[[gnu::used]] const auto sResolver = Location_GetLookup;
 
 struct Explanation {
    const char *name;
