@@ -79,15 +79,17 @@ void DictionaryReleaseLine(DictionaryLine *line)
 
 void DictionaryReleaseEntry(DictionaryEntry *entry)
 {
-   const Owned<DictionaryEntry> owned(entry->inArena ? nullptr : entry);
-   if (!entry->inArena) {
-      Secret_FreeString(entry->name);
-   }
    if (entry->ownsText) {
       Secret_FreeString(entry->value.text);
    }
-   Secret_FreeString(entry->lineText);
-   Secret_Zero(&entry->value, sizeof entry->value);
+   if (entry->lineText != nullptr) {
+      Secret_FreeString(entry->lineText);
+   }
+   if (!entry->inArena) {
+      const Owned<DictionaryEntry> owned(entry);
+      Secret_FreeString(entry->name);
+      Secret_Zero(&entry->value, sizeof entry->value);
+   }
 }
 
 void DictionaryRemoveLine(DictionaryLine *line)
@@ -479,6 +481,7 @@ void Dictionary_Clear(Dictionary *dictionary)
    DictionaryInitRing(&dictionary->entries);
    DictionaryInitRing(&dictionary->lines);
    dictionary->entryCount = 0;
+   dictionary->fileSize = 0;
    SecretArena_Clear(&dictionary->arena);
    HashTable_Clear(dictionary->table);
    dictionary->encoding = ENCODING_UNKNOWN;
