@@ -560,7 +560,8 @@ TEST_F(DictionaryFiles, ZeroValuesBeforeTheyAreReleased)
    EXPECT_EQ(0, sLeakedSecrets);
 
    /* The watch itself works. */
-   free(strdup(secret.c_str()));
+   char *volatile unzeroed = strdup(secret.c_str());
+   free(unzeroed);
    EXPECT_EQ(1, sLeakedSecrets);
    sSecret = {};
 }

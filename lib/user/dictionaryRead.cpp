@@ -42,7 +42,6 @@ enum class LineResult : uint8_t { TAKEN, DUPLICATE, FAILED };
 struct ReadLine {
    char *text;
    size_t length;
-   bool isAscii;
    bool isDefinition;
    DictLLParts parts; /* If it is one. */
 };
@@ -159,7 +158,8 @@ bool DictionaryCheckEntry(const Dictionary *dictionary, DictionaryEntry *entry, 
           (dictionary->encoding == ENCODING_UNKNOWN || DictionaryDecodeValue(dictionary, entry, messages));
 }
 
-LineResult DictionaryTakeSetting(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
+LineResult DictionaryTakeSetting(Dictionary *dictionary, const ReadLine &line, bool isAscii,
+                                 MsgList *messages)
 {
    DictionaryEntry *entry = DictionaryAddEntry(dictionary, line.parts.name);
    DictionaryLine *kept;
@@ -170,7 +170,7 @@ LineResult DictionaryTakeSetting(Dictionary *dictionary, const ReadLine &line, M
       return LineResult::DUPLICATE;
    }
    DictionarySetValue(dictionary, entry, line.parts.value);
-   if (!DictionaryCheckEntry(dictionary, entry, line.isAscii, messages)) {
+   if (!DictionaryCheckEntry(dictionary, entry, isAscii, messages)) {
       DictionaryDropEntry(dictionary, entry);
       return LineResult::FAILED;
    }
@@ -192,7 +192,8 @@ LineResult DictionaryTakeMetavariable(Dictionary *dictionary, const ReadLine &li
                                                                          : LineResult::FAILED;
 }
 
-LineResult DictionaryTakeLine(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
+/* isAscii: the whole text is. */
+LineResult DictionaryTakeLine(Dictionary *dictionary, const ReadLine &line, bool isAscii, MsgList *messages)
 {
    if (!line.isDefinition) {
       return DictionaryTakeOtherLine(dictionary, line, messages);
@@ -200,7 +201,7 @@ LineResult DictionaryTakeLine(Dictionary *dictionary, const ReadLine &line, MsgL
    if (line.parts.name.front() == '.' || DictionaryIsEncodingName(line.parts.name)) {
       return DictionaryTakeMetavariable(dictionary, line, messages);
    }
-   return DictionaryTakeSetting(dictionary, line, messages);
+   return DictionaryTakeSetting(dictionary, line, isAscii, messages);
 }
 
 /* Takes the first line off a text that has a writable byte behind its end. */
@@ -208,11 +209,7 @@ ReadLine DictionarySplitLine(char **text, size_t *size)
 {
    auto *feed = static_cast<char *>(memchr(*text, '\n', *size));
    const size_t length = feed != nullptr ? static_cast<size_t>(feed - *text) : *size;
-   ReadLine line = {.text = *text,
-                    .length = length,
-                    .isAscii = DictionaryIsAscii({*text, length}),
-                    .isDefinition = false,
-                    .parts = {}};
+   ReadLine line = {.text = *text, .length = length, .isDefinition = false, .parts = {}};
 
    line.isDefinition = DictLL_ParseLine({line.text, length}, &line.parts);
    line.text[length] = '\0';
@@ -233,12 +230,14 @@ struct TextResult {
 TextResult DictionaryTakeText(Dictionary *dictionary, char *text, size_t size, int maximumDuplicates,
                               MsgList *messages)
 {
+   const bool isAscii = DictionaryIsAscii({text, size});
+   dictionary->fileSize += size;
    int duplicates = 0;
 
    while (size != 0) {
       const ReadLine line = DictionarySplitLine(&text, &size);
       dictionary->lineNumber++;
-      const LineResult result = DictionaryTakeLine(dictionary, line, messages);
+      const LineResult result = DictionaryTakeLine(dictionary, line, isAscii, messages);
       if (result == LineResult::DUPLICATE && ++duplicates > maximumDuplicates) {
          Log("%s: \"%s\" line %d: too many duplicate entries in dictionary, quitting.\n",
              "DictionaryReadLines", dictionary->fileName, dictionary->lineNumber);

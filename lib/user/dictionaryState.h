@@ -56,6 +56,7 @@ struct Dictionary {
    HashTable *table; /* Of DictionaryEntry, by name. */
    size_t entryCount;
    SecretArena arena;    /* For what is read from files, nearly all of which stays to the end. */
+   size_t fileSize;      /* Of what was read or written last: how large a text to expect. */
    const char *fileName; /* While a file is being read, else null. */
    int lineNumber;       /* Of the line being read, else 0. */
    EncodingId encoding;  /* ENCODING_UNKNOWN until it is settled; never ENCODING_DEFAULT. */

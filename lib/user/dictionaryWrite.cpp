@@ -17,6 +17,9 @@ namespace {
 constexpr const char *MODULE = "lib/user/dictionary";
 constexpr const char *WRITE_TO_BUFFER = "Dictionary_WriteToBuffer";
 
+/* For what a usual change adds. */
+constexpr size_t SIZE_MARGIN = 4096;
+
 constexpr const char *KEY_SAFE = "encryption.keySafe";
 constexpr const char *INTEGRITY_PROTECTED = "encryption.integrityProtected";
 constexpr const char *INTEGRITY_HASH = "encryption.integrityHash";
@@ -236,6 +239,9 @@ bool DictionaryRender(Dictionary *dictionary, bool protect, MsgList *messages, D
    if (!DictionaryCheckIntegrity(dictionary)) {
       return false;
    }
+   if (!Secret_Reserve(text, dictionary->fileSize + SIZE_MARGIN)) {
+      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
+   }
    while (true) {
       const EncodingId encoding = dictionary->encoding != ENCODING_UNKNOWN
                                       ? dictionary->encoding
@@ -244,6 +250,7 @@ bool DictionaryRender(Dictionary *dictionary, bool protect, MsgList *messages, D
       const Writer writer = {dictionary, encoding, messages, text, protectedSection.get()};
       const Rendered rendered = DictionaryRenderOnce(writer, protect);
       if (rendered != Rendered::NOT_REPRESENTABLE) {
+         dictionary->fileSize = text->size;
          return rendered == Rendered::DONE;
       }
       Log("%s: upgrading encoding from %s to %s\n", WRITE_TO_BUFFER, Unicode_EncodingEnumToName(encoding),

@@ -79,15 +79,17 @@ void DictionaryReleaseLine(DictionaryLine *line)
 
 void DictionaryReleaseEntry(DictionaryEntry *entry)
 {
-   const Owned<DictionaryEntry> owned(entry->inArena ? nullptr : entry);
-   if (!entry->inArena) {
-      Secret_FreeString(entry->name);
-   }
    if (entry->ownsText) {
       Secret_FreeString(entry->value.text);
    }
-   Secret_FreeString(entry->lineText);
-   Secret_Zero(&entry->value, sizeof entry->value);
+   if (entry->lineText != nullptr) {
+      Secret_FreeString(entry->lineText);
+   }
+   if (!entry->inArena) {
+      const Owned<DictionaryEntry> owned(entry);
+      Secret_FreeString(entry->name);
+      Secret_Zero(&entry->value, sizeof entry->value);
+   }
 }
 
 void DictionaryRemoveLine(DictionaryLine *line)
@@ -223,12 +225,11 @@ GivenValue DictionaryGet(Dictionary *dictionary, GivenValue fallback, uint32_t r
 
 using NameBuffer = std::array<char, NAME_SIZE>;
 
-const char *DictionaryFormatName(NameBuffer *name, const char *format, va_list args) FORMAT_ARGUMENTS(2, 0);
+void DictionaryFormatName(NameBuffer *name, const char *format, va_list args) FORMAT_ARGUMENTS(2, 0);
 
-const char *DictionaryFormatName(NameBuffer *name, const char *format, va_list args)
+void DictionaryFormatName(NameBuffer *name, const char *format, va_list args)
 {
    Str_Vsnprintf(name->data(), name->size(), format, args);
-   return name->data();
 }
 
 uint64_t DictionaryGetBits(Dictionary *dictionary, uint64_t fallback, uint32_t type, const char *format,
@@ -479,6 +480,7 @@ void Dictionary_Clear(Dictionary *dictionary)
    DictionaryInitRing(&dictionary->entries);
    DictionaryInitRing(&dictionary->lines);
    dictionary->entryCount = 0;
+   dictionary->fileSize = 0;
    SecretArena_Clear(&dictionary->arena);
    HashTable_Clear(dictionary->table);
    dictionary->encoding = ENCODING_UNKNOWN;
@@ -510,65 +512,89 @@ void Dictionary_SetDefaultProtection(Dictionary *dictionary, bool defaultProtect
    dictionary->defaultProtected = defaultProtected;
 }
 
-/* A getter's body: the name is formatted from the arguments behind format. */
-#define DICTIONARY_WITH_ARGUMENTS(result, call)                                                              \
-   va_list args;                                                                                             \
-   va_start(args, format);                                                                                   \
-   const auto result = call;                                                                                 \
-   va_end(args)
-
 bool Dictionary_GetBool(Dictionary *dictionary, bool fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(bits,
-                             DictionaryGetBits(dictionary, fallback ? 1 : 0, DICTIONARY_BOOL, format, args));
+   va_list args;
+
+   va_start(args, format);
+   const uint64_t bits = DictionaryGetBits(dictionary, fallback ? 1 : 0, DICTIONARY_BOOL, format, args);
+   va_end(args);
    return bits != 0;
 }
 
 int32_t Dictionary_GetTriState(Dictionary *dictionary, int32_t fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(
-       bits, DictionaryGetBits(dictionary, DictionaryWiden(fallback), DICTIONARY_TRISTATE, format, args));
+   va_list args;
+
+   va_start(args, format);
+   const uint64_t bits =
+       DictionaryGetBits(dictionary, DictionaryWiden(fallback), DICTIONARY_TRISTATE, format, args);
+   va_end(args);
    return static_cast<int32_t>(bits);
 }
 
 int32_t Dictionary_GetInt32(Dictionary *dictionary, int32_t fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(
-       bits, DictionaryGetBits(dictionary, DictionaryWiden(fallback), DICTIONARY_INT32, format, args));
+   va_list args;
+
+   va_start(args, format);
+   const uint64_t bits =
+       DictionaryGetBits(dictionary, DictionaryWiden(fallback), DICTIONARY_INT32, format, args);
+   va_end(args);
    return static_cast<int32_t>(bits);
 }
 
 int64_t Dictionary_GetInt64(Dictionary *dictionary, int64_t fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(
-       bits, DictionaryGetBits(dictionary, DictionaryWiden(fallback), DICTIONARY_INT64, format, args));
+   va_list args;
+
+   va_start(args, format);
+   const uint64_t bits =
+       DictionaryGetBits(dictionary, DictionaryWiden(fallback), DICTIONARY_INT64, format, args);
+   va_end(args);
    return static_cast<int64_t>(bits);
 }
 
 double Dictionary_GetDouble(Dictionary *dictionary, double fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(bits, DictionaryGetBits(dictionary, std::bit_cast<uint64_t>(fallback),
-                                                     DICTIONARY_DOUBLE, format, args));
+   va_list args;
+
+   va_start(args, format);
+   const uint64_t bits =
+       DictionaryGetBits(dictionary, std::bit_cast<uint64_t>(fallback), DICTIONARY_DOUBLE, format, args);
+   va_end(args);
    return std::bit_cast<double>(bits);
 }
 
 char *Dictionary_GetString(Dictionary *dictionary, const char *fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(text, DictionaryGetText(dictionary, fallback, DICTIONARY_STRING, format, args));
+   va_list args;
+
+   va_start(args, format);
+   char *const text = DictionaryGetText(dictionary, fallback, DICTIONARY_STRING, format, args);
+   va_end(args);
    return text;
 }
 
 char *Dictionary_GetStringPlain(Dictionary *dictionary, const char *fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(
-       text, DictionaryGetText(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PLAIN, format, args));
+   va_list args;
+
+   va_start(args, format);
+   char *const text =
+       DictionaryGetText(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PLAIN, format, args);
+   va_end(args);
    return text;
 }
 
 char *Dictionary_GetStringProtected(Dictionary *dictionary, const char *fallback, const char *format, ...)
 {
-   DICTIONARY_WITH_ARGUMENTS(
-       text, DictionaryGetText(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PROTECTED, format, args));
+   va_list args;
+
+   va_start(args, format);
+   char *const text =
+       DictionaryGetText(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PROTECTED, format, args);
+   va_end(args);
    return text;
 }
 
@@ -606,9 +632,12 @@ void Dictionary_SetStringFormat(Dictionary *dictionary, const char *value, uint3
                                 ...)
 {
    NameBuffer name;
+   va_list args;
 
-   DICTIONARY_WITH_ARGUMENTS(formatted, DictionaryFormatName(&name, format, args));
-   Dictionary_SetString(dictionary, value, flags, formatted);
+   va_start(args, format);
+   DictionaryFormatName(&name, format, args);
+   va_end(args);
+   Dictionary_SetString(dictionary, value, flags, name.data());
 }
 
 void Dictionary_SetFromString(Dictionary *dictionary, const char *text, bool noOverwrite, MsgList *messages)

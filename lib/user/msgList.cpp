@@ -24,7 +24,7 @@ struct Conversion {
 } // namespace
 
 struct MsgList {
-   MsgListMessage **messages;
+   MsgListMessage *messages;
    size_t count;
 };
 
@@ -62,11 +62,13 @@ struct Arguments {
 
 int64_t MsgListTakeInteger(Conversion conversion, Arguments *arguments)
 {
-   const bool isSigned = conversion.letter == 'd' || conversion.letter == 'i';
    if (conversion.longs != 0) {
       return va_arg(arguments->list, long long);
    }
-   return isSigned ? int64_t{va_arg(arguments->list, int)} : int64_t{va_arg(arguments->list, unsigned)};
+   if (conversion.letter == 'd' || conversion.letter == 'i') {
+      return va_arg(arguments->list, int);
+   }
+   return va_arg(arguments->list, unsigned);
 }
 
 MsgArgument MsgListTakeArgument(Conversion conversion, Arguments *arguments)
@@ -108,9 +110,8 @@ void MsgListFreeString(const char *string)
    Secret_FreeString(const_cast<char *>(string));
 }
 
-void MsgListFreeMessage(MsgListMessage *message)
+void MsgListEndMessage(const MsgListMessage *message)
 {
-   const Owned<MsgListMessage> owned(message);
    const Owned<MsgArgument> arguments(const_cast<MsgArgument *>(message->arguments));
    for (size_t i = 0; i < message->argumentCount; i++) {
       MsgListFreeString(message->arguments[i].string);
@@ -143,7 +144,7 @@ void MsgList_Free(MsgList *list)
       return;
    }
    MsgList_Rollback(list, 0);
-   const Owned<MsgListMessage *> messages(list->messages);
+   const Owned<MsgListMessage> messages(list->messages);
    const Owned<MsgList> owned(list);
 }
 
@@ -159,19 +160,18 @@ void MsgList_Append(MsgList *list, const char *format, ...)
    const int savedErrno = errno;
    const char *defaultText = MsgListDefaultText(format, &identifier);
    const size_t count = MsgListCountConversions(defaultText);
-   auto *message = static_cast<MsgListMessage *>(Util_SafeMalloc(sizeof(MsgListMessage)));
+   list->messages = static_cast<MsgListMessage *>(
+       Util_SafeRealloc(list->messages, (list->count + 1) * sizeof(MsgListMessage)));
    va_start(arguments.list, format);
    va_copy(forText, arguments.list);
-   *message = {.format = Util_SafeStrdup(format),
-               .identifier = Util_SafeStrndup(identifier.empty() ? "" : identifier.data(), identifier.size()),
-               .text = Str_SafeVasprintf(nullptr, defaultText, forText),
-               .arguments = MsgListTakeArguments(defaultText, count, &arguments),
-               .argumentCount = count};
+   list->messages[list->count++] = {
+       .format = Util_SafeStrdup(format),
+       .identifier = Util_SafeStrndup(identifier.empty() ? "" : identifier.data(), identifier.size()),
+       .text = Str_SafeVasprintf(nullptr, defaultText, forText),
+       .arguments = MsgListTakeArguments(defaultText, count, &arguments),
+       .argumentCount = count};
    va_end(forText);
    va_end(arguments.list);
-   list->messages = static_cast<MsgListMessage **>(
-       Util_SafeRealloc(list->messages, (list->count + 1) * sizeof(MsgListMessage *)));
-   list->messages[list->count++] = message;
    errno = savedErrno;
 }
 
@@ -183,13 +183,13 @@ size_t MsgList_Count(const MsgList *list)
 void MsgList_Rollback(MsgList *list, size_t mark)
 {
    while (MsgList_Count(list) > mark) {
-      MsgListFreeMessage(list->messages[--list->count]);
+      MsgListEndMessage(&list->messages[--list->count]);
    }
 }
 
 const MsgListMessage *MsgList_Get(const MsgList *list, size_t index)
 {
-   return list->messages[index];
+   return &list->messages[index];
 }
 
 char *MsgList_ToString(const MsgList *list)
@@ -198,7 +198,7 @@ char *MsgList_ToString(const MsgList *list)
    bool complete = true;
 
    for (size_t i = 0; i < MsgList_Count(list); i++) {
-      const char *one = list->messages[i]->text;
+      const char *one = list->messages[i].text;
       complete = complete && Secret_Append(text.get(), one, strlen(one));
    }
    if (!complete || !Secret_Append(text.get(), "", 1)) {

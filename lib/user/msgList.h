@@ -22,7 +22,7 @@ struct MsgArgument {
    double number;
 };
 
-/* A message as its reader sees it. All of it is the list's and lives until the message is dropped. */
+/* A message as its reader sees it. All of it is the list's and lives until the list changes. */
 struct MsgListMessage {
    const char *format;     /* As appended: the identifier in its wrapping, then the default text. */
    const char *identifier; /* Such as "msg.dictionary.open"; empty if the format has none. */
