@@ -601,12 +601,20 @@ class RandomFile {
       return text;
    }
 
+   static std::string Quoted(const std::string &text)
+   {
+      std::string quoted = "\"";
+      quoted += text;
+      quoted += '"';
+      return quoted;
+   }
+
    std::string Setting(int number)
    {
       const std::string accent = latin_ ? "\xE9" : "\xC3\xA9";
       const std::vector<std::string> bare = {"a", "Z", "0", "=", "|z", "|41", "|0A", "\\", ".", "'", accent};
       const std::vector<std::string> quoted = {"a", "Z", " ", "\t", "#", "=", "|22", "|7C", "|zz", accent};
-      const std::string value = Below(2) == 0 ? "x" + Run(bare) : "\"" + Run(quoted) + "\"";
+      const std::string value = Below(2) == 0 ? "x" + Run(bare) : Quoted(Run(quoted));
       const std::string note = Below(4) == 0 ? "# " + Run({"note", "\"", "=", " "}) : "";
       return Blanks() + (Below(2) == 0 ? "Name:" : "name.") + std::to_string(number) + Blanks() + "=" +
              Blanks() + value + Blanks() + note;
