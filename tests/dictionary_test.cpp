@@ -592,9 +592,9 @@ class RandomFile {
       return blanks[Below(std::size(blanks))];
    }
 
-   std::string Run(const std::vector<std::string> &pieces)
+   std::string Run(const char *start, const std::vector<std::string> &pieces)
    {
-      std::string text;
+      std::string text = start;
       for (size_t i = Below(30); i > 0; i--) {
          text += pieces[Below(pieces.size())];
       }
@@ -606,15 +606,15 @@ class RandomFile {
       const std::string accent = latin_ ? "\xE9" : "\xC3\xA9";
       const std::vector<std::string> bare = {"a", "Z", "0", "=", "|z", "|41", "|0A", "\\", ".", "'", accent};
       const std::vector<std::string> quoted = {"a", "Z", " ", "\t", "#", "=", "|22", "|7C", "|zz", accent};
-      const std::string value = Below(2) == 0 ? "x" + Run(bare) : "\"" + Run(quoted) + "\"";
-      const std::string note = Below(4) == 0 ? "# " + Run({"note", "\"", "=", " "}) : "";
+      const std::string value = Below(2) == 0 ? Run("x", bare) : Run("\"", quoted) + "\"";
+      const std::string note = Below(4) == 0 ? Run("# ", {"note", "\"", "=", " "}) : "";
       return Blanks() + (Below(2) == 0 ? "Name:" : "name.") + std::to_string(number) + Blanks() + "=" +
              Blanks() + value + Blanks() + note;
    }
 
    std::string Comment()
    {
-      return Blanks() + (Below(8) == 0 ? "" : "#" + Run({" ", "word", "=", "\"", "|", "\t", "#"}));
+      return Blanks() + (Below(8) == 0 ? "" : Run("#", {" ", "word", "=", "\"", "|", "\t", "#"}));
    }
 
    std::mt19937 random_;
