@@ -1,12 +1,14 @@
 #include "platform/posix/descriptorMessageSide.h"
 
+#include <cstddef>
 #include <fcntl.h>
 #include <sys/socket.h>
 
 /* The wire and the kernel fix these. */
 static_assert(SOL_SOCKET == 0xffff);
 static_assert(SCM_RIGHTS == 1);
-static_assert(sizeof(struct cmsghdr) == 12);
+static_assert(sizeof(struct cmsghdr) == 12 && offsetof(struct cmsghdr, cmsg_level) == 4);
+static_assert(sizeof(struct msghdr) == 48 && sizeof(struct iovec) == 16);
 static_assert(CMSG_LEN(sizeof(int)) == 16 && CMSG_SPACE(sizeof(int)) == 16);
 
 const int DESCRIPTOR_MESSAGE_RECEIVE_FLAGS = 0;

@@ -1,5 +1,6 @@
 #include "platform/eventQueue.h"
 
+#include <cstddef>
 #include <sys/event.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -7,6 +8,11 @@
 namespace {
 
 static_assert(sizeof(QueueHandler) == sizeof(void *), "a handler travels in the event's user data");
+
+/* The kernel fixes these. */
+static_assert(sizeof(struct kevent) == 32 && offsetof(struct kevent, filter) == 8);
+static_assert(offsetof(struct kevent, data) == 16 && offsetof(struct kevent, udata) == 24);
+static_assert(EVFILT_READ == -1 && EV_ADD == 1 && NOTE_LOWAT == 1);
 
 } // namespace
 

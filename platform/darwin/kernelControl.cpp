@@ -1,5 +1,6 @@
 #include "platform/kernelControl.h"
 
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -17,9 +18,14 @@
 #define AF_SYS_CONTROL 2
 #endif
 
+/* The kernel fixes these. */
 static_assert(PF_SYSTEM == 32 && AF_SYSTEM == 32 && SOCK_DGRAM == 2);
 static_assert(SYSPROTO_CONTROL == 2 && AF_SYS_CONTROL == 2);
 static_assert(sizeof(struct ctl_info) == 100 && sizeof(struct sockaddr_ctl) == 32);
+static_assert(offsetof(struct ctl_info, ctl_id) == 0 && offsetof(struct ctl_info, ctl_name) == 4);
+static_assert(offsetof(struct sockaddr_ctl, ss_sysaddr) == 2 && offsetof(struct sockaddr_ctl, sc_id) == 4 &&
+              offsetof(struct sockaddr_ctl, sc_unit) == 8);
+static_assert(CTLIOCGINFO == 0xC0644E03);
 static_assert(sizeof(ctl_info::ctl_name) == sizeof(KernelControlInfo::name));
 
 int KernelControl_Open()

@@ -3,9 +3,15 @@
 #include "lib/public/owned.h"
 #include "platform/posix/descriptorMessageSide.h"
 
+#include <cstddef>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+/* The kernel fixes these. */
+static_assert(AF_UNIX == 1 && SOCK_STREAM == 1);
+static_assert(sizeof(struct sockaddr_un) == 106 && offsetof(struct sockaddr_un, sun_path) == 2);
 
 /* The signal is switched off while the socket is new: the option is refused once the peer has gone. */
 int LocalStream_Socket()
