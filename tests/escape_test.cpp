@@ -1,6 +1,5 @@
 #include "lib/misc/escape.h"
 
-#include "tests/support/allocationFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <cstring>
@@ -142,8 +141,6 @@ TEST(Escape, UnescapeUndoesBytesForEveryByte)
    EXPECT_EQ(back, std::string(257, 'x'));
    EXPECT_TRUE(Escape_UnescapeToBuffer('\\', escaped.data(), escaped.size(), back.data(), 257));
    EXPECT_EQ(back, all + '\0');
-   const FailingAllocations faults(1);
-   EXPECT_FALSE(Escape_UnescapeToBuffer('\\', "x", 1, back.data(), 257));
 }
 
 TEST(Escape, ShellTakesTheQuotedTextForOneWord)
@@ -165,26 +162,6 @@ TEST(Escape, FindUnescapedSkipsWhatIsEscaped)
    for (const auto &[string, character, index] : searches) {
       const char *found = Escape_FindUnescaped('\\', string, character);
       EXPECT_EQ(found != nullptr ? found - string : -1, index) << string;
-   }
-}
-
-/* Whichever allocation fails; what the routine then leaks, the leak checker reports. */
-TEST(Escape, ExhaustionGivesNullAndLeavesTheLengthAlone)
-{
-   const std::string input(300, '\n');
-   const std::string marked = input + ",,''..\\\\\r\n";
-   for (const Routine routine : ALLOCATING) {
-      int failures = 0;
-      for (bool failed = true; failed; failures++) {
-         size_t length = 4711;
-         const FailingAllocations faults(failures + 1);
-         char *result = routine(marked, &length);
-         failed = FailingAllocations::Failed();
-         EXPECT_EQ(result == nullptr, failed);
-         EXPECT_EQ(length == 4711, failed);
-         free(result);
-      }
-      EXPECT_GE(failures, 2);
    }
 }
 

@@ -16,35 +16,6 @@
 
 namespace {
 
-int sAllocationsLeft = -1; /* before one fails; -1: none does */
-
-bool AllocationFails()
-{
-   return sAllocationsLeft >= 0 && sAllocationsLeft-- == 0;
-}
-
-} // namespace
-
-/* The linker sends the allocations of the code under test here (tests/CMakeLists.txt). */
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_realloc(void *block, size_t size);
-
-void *__wrap_malloc(size_t size)
-{
-   errno = ENOMEM;
-   return AllocationFails() ? nullptr : __real_malloc(size);
-}
-
-void *__wrap_realloc(void *block, size_t size)
-{
-   errno = ENOMEM;
-   return AllocationFails() ? nullptr : __real_realloc(block, size);
-}
-}
-
-namespace {
-
 constexpr double INF = std::numeric_limits<double>::infinity();
 constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 
@@ -405,27 +376,6 @@ TEST(FmtFormat, FailsWhereTheCountWouldNotFitAnInt)
    }
    EXPECT_EQ(Fixed(&unused, 0, "%*d", INT_MIN, 1), -1);
    EXPECT_EQ(unused, '?');
-}
-
-TEST(FmtFormat, SurvivesEveryFailedAllocation)
-{
-   const std::string text(500, 'x');
-   int failures = 0;
-
-   for (std::string result = "<-1>"; result == "<-1>"; failures++) {
-      errno = 77;
-      sAllocationsLeft = failures;
-      result = F("%s%ls%s%1000d%.300f", text.c_str(), L"wide", text.c_str(), 1, 1.5);
-      sAllocationsLeft = -1;
-      EXPECT_EQ(errno, 77);
-   }
-   EXPECT_GE(failures, 5) << "the first block, growth, the wide text, growth, and none";
-   EXPECT_EXIT(
-       {
-          sAllocationsLeft = 1;
-          F("%8$d", 1, 2, 3, 4, 5, 6, 7, 8);
-       },
-       testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST(FmtFormat, LeavesErrnoAlone)

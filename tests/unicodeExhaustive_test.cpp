@@ -1,15 +1,17 @@
 #include "lib/misc/codeset.h"
 #include "lib/misc/codesetBuiltin.h"
 #include "lib/misc/dynbuf.h"
+#include "lib/unicode/caseFolding.h"
 #include "tests/support/testSupport.h"
 
 #include <array>
 #include <cstring>
 #include <iconv.h>
+#include <unicode/uchar.h>
 #include <unicode/utf16.h>
 #include <unicode/utf8.h>
 
-/* Every input there is, up to a length, against ICU's macros and iconv. */
+/* Every input there is, up to a length, against ICU and iconv. */
 
 namespace {
 
@@ -277,5 +279,16 @@ TEST(Utf16Units, AreRefusedUnlessTheyPair)
       for (const uint16_t other : others) {
          ASSERT_TRUE(check({unit, other}) && check({other, unit})) << surrogate << ", " << other;
       }
+   }
+}
+
+TEST(CaseFolding, IsThatOfUnicode50)
+{
+   for (uint32_t unit = 0; unit < 0x10000; unit++) {
+      UVersionInfo age;
+      u_charAge(static_cast<UChar32>(unit), age);
+      const bool existed = age[0] > 0 && age[0] <= 5 && !(age[0] == 5 && age[1] > 0);
+      const auto folded = static_cast<uint32_t>(u_foldCase(static_cast<UChar32>(unit), U_FOLD_CASE_DEFAULT));
+      ASSERT_EQ(CaseFolding_Unit(static_cast<char16_t>(unit)), existed ? folded : unit) << std::hex << unit;
    }
 }

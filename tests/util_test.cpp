@@ -1,6 +1,5 @@
 #include "lib/misc/util.h"
 
-#include "tests/support/allocationFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <cstdint>
@@ -25,33 +24,6 @@ TEST(UtilSafe, GivesWhatTheLibraryGives)
    EXPECT_EQ(Take(Util_SafeStrndup("text", 0)), "");
    EXPECT_EQ(Take(Util_SafeStrndup("text", SIZE_MAX)), "text");
    EXPECT_EQ(Take(Util_SafeStrndup(unterminated, sizeof unterminated)), "abc");
-}
-
-TEST(UtilSafe, ARequestForNothingMayFail)
-{
-   const FailingAllocations faults(1);
-   EXPECT_EQ(Util_SafeMalloc(0), nullptr);
-   EXPECT_EQ(Util_SafeRealloc(nullptr, 0), nullptr);
-   EXPECT_EQ(Util_SafeCalloc(0, 8), nullptr);
-   EXPECT_EQ(Util_SafeCalloc(8, 0), nullptr);
-}
-
-TEST(UtilSafe, ExhaustionEndsTheProcessInEveryForm)
-{
-   const FailingAllocations faults(1);
-   EXPECT_PANIC(free(Util_SafeMalloc(8)), FAILURE "\n");
-   EXPECT_PANIC(free(Util_SafeRealloc(nullptr, 8)), FAILURE "\n");
-   EXPECT_PANIC(free(Util_SafeCalloc(1, 8)), FAILURE "\n");
-   EXPECT_PANIC(free(Util_SafeStrdup("")), FAILURE "\n");
-   EXPECT_PANIC(free(Util_SafeStrndup("text", 3)), FAILURE "\n");
-   EXPECT_PANIC(free(UtilSafeMallocInternal(8, -1, "a/file", 12)), FAILURE " at a/file:12\n");
-   EXPECT_PANIC(free(UtilSafeReallocInternal(nullptr, 8, 4711, "a/file", 12)),
-                FAILURE " at a/file:12\\.  Bug number: 4711\n");
-   EXPECT_PANIC(free(UtilSafeCallocInternal(1, 8, 4711, "a/file", 12)),
-                FAILURE " at a/file:12\\.  Bug number: 4711\n");
-   EXPECT_PANIC(free(UtilSafeStrdupInternal("text", 4711, "a/file", 12)),
-                FAILURE " at a/file:12\\.  Bug number: 4711\n");
-   EXPECT_PANIC(free(UtilSafeStrndupInternal("text", 2, -1, "a/file", 12)), FAILURE " at a/file:12\n");
 }
 
 /* Refused by the C library itself: more than there is, and a product that wraps. */

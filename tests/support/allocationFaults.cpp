@@ -1,6 +1,7 @@
 #include "tests/support/allocationFaults.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 
 /* The names are the linker's and the sanitizers'. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c) */
@@ -10,8 +11,10 @@ namespace {
 std::atomic<int> sFirstFailure;
 std::atomic<int> sRequests;
 
+/* Any allocation may leave its mark in errno, also one that goes well. */
 bool Fails()
 {
+   errno = ENOMEM;
    const int request = ++sRequests;
    const int first = sFirstFailure;
    return first != 0 && request >= first;
@@ -59,16 +62,6 @@ void *__wrap_calloc(size_t count, size_t size)
 void *__wrap_realloc(void *block, size_t size)
 {
    return Fails() ? nullptr : __real_realloc(block, size);
-}
-
-const char *__asan_default_options()
-{
-   return "allocator_may_return_null=1";
-}
-
-const char *__tsan_default_options()
-{
-   return "allocator_may_return_null=1";
 }
 }
 

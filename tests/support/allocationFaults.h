@@ -3,7 +3,7 @@
 
 /* Exhausted memory, on demand. A test that links allocation-faults has the calls of malloc, calloc and realloc
    that are linked into it pass through here (the linker's --wrap), under every sanitizer; those of shared
-   libraries do not. Requests beyond what any machine has are answered with null under the sanitizers too. */
+   libraries do not. */
 
 /* While it lives, the n-th allocation from now on (the first is 1) and all later ones fail; 0: none does. */
 class FailingAllocations {

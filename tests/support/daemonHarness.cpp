@@ -50,14 +50,6 @@ OwnedDescriptor Listen(const std::string &path)
 
 } // namespace
 
-Pipe::Pipe()
-{
-   int ends[2];
-   Require(pipe(ends) == 0, "pipe");
-   reader.reset(CloseOnExec(ends[0]));
-   writer.reset(CloseOnExec(ends[1]));
-}
-
 DaemonProcess::DaemonProcess(const Body &body) : socketPath_(folder_.Path("socket"))
 {
    const OwnedDescriptor listener = Listen(socketPath_);

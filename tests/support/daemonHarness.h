@@ -2,6 +2,7 @@
 #define TESSEL_TESTS_SUPPORT_DAEMONHARNESS_H
 
 #include "lib/public/owned.h"
+#include "tests/support/pipe.h"
 #include "tests/support/testSupport.h"
 
 #include <cstdint>
@@ -11,13 +12,6 @@
 #include <sys/types.h>
 #include <utility>
 #include <vector>
-
-/* Both ends of a pipe, closed on exec. */
-struct Pipe {
-   Pipe();
-   OwnedDescriptor reader;
-   OwnedDescriptor writer;
-};
 
 /* A daemon in a process of its own, with a listening socket and a launcher descriptor as a launcher makes them. */
 class DaemonProcess {

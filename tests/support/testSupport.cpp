@@ -117,6 +117,22 @@ void LogToStandardError()
    PointLogAt(STDERR_FILENO);
 }
 
+/* Requests beyond what any machine has are answered with null under the sanitizers too. The names are theirs.
+   NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c) */
+extern "C" {
+
+const char *__asan_default_options()
+{
+   return "allocator_may_return_null=1";
+}
+
+const char *__tsan_default_options()
+{
+   return "allocator_may_return_null=1";
+}
+}
+/* NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c) */
+
 int main(int argc, char **argv)
 {
    /* The foundation calls this and the log; naming both here has the linker take them from the program's own
