@@ -26,6 +26,7 @@ sub prose {
    $comment =~ s{\s*\*/\s*$}{};
    my @paragraphs;
    for my $paragraph (split /\n\s*\n/, $comment) {
+      $paragraph =~ s/^\s+//;
       $paragraph =~ s/\n\s*\*?\s*/ /g;
       $paragraph =~ s/([.:]\)?) +(?=[A-Z"])/$1\n/g;
       push @paragraphs, join('', map { escaped($_) . "\n" } split /\n/, $paragraph);
@@ -67,7 +68,7 @@ close $in;
 $source =~ s{^#ifndef \S+_H\n#define \S+_H\n}{}m or die "$header: no guard\n";
 $source =~ s{\n#endif\n\z}{\n};
 $source =~ s{^#ifdef __cplusplus\n.*?\n#endif\n}{}msg;
-$source =~ s{^\s*/\* NOLINT.*?\*/\n}{}msg;
+$source =~ s{^[ \t]*/\* NOLINT.*?\*/\n}{}msg;
 $source =~ s{^#include .*\n}{}mg;
 
 my $upper = uc $name;
