@@ -295,7 +295,8 @@ TEST_F(Daemon, HelperGetsNoDescriptorButTheFirstThree)
    /* The shell has files and copies of its own, from 10 up. */
    const std::string listing = ReadFile("/Library/descriptors");
    EXPECT_NE(listing.find(" 0 -> "), std::string::npos) << listing;
-   for (const char *leak : {" 3 -> ", " 4 -> ", " 5 -> ", " 6 -> ", " 7 -> ", "socket:", "eventpoll", ".log"}) {
+   for (const char *leak :
+        {" 3 -> ", " 4 -> ", " 5 -> ", " 6 -> ", " 7 -> ", "socket:", "eventpoll", ".log"}) {
       EXPECT_EQ(listing.find(leak), std::string::npos) << leak << " in\n" << listing;
    }
 }
