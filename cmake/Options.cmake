@@ -12,6 +12,11 @@ if(TESSEL_SANITIZE)
   target_link_options(tessel-options INTERFACE -fsanitize=${TESSEL_SANITIZE})
 endif()
 
+# What is released does not tell where it was built.
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_options(tessel-options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+endif()
+
 add_library(tessel-product-options INTERFACE)
 target_link_libraries(tessel-product-options INTERFACE tessel-options)
 target_compile_options(tessel-product-options INTERFACE
@@ -19,10 +24,6 @@ target_compile_options(tessel-product-options INTERFACE
 # The fortified calls need an optimising build and get in the way of the sanitizers' own checks.
 if(NOT TESSEL_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_options(tessel-product-options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
-endif()
-# What ships does not tell where it was built.
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
-  target_compile_options(tessel-product-options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   target_link_options(tessel-product-options INTERFACE -Wl,-z,relro,-z,now,--as-needed)
@@ -33,7 +34,7 @@ endif()
 add_library(tessel-program-options INTERFACE)
 target_link_libraries(tessel-program-options INTERFACE tessel-product-options)
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT TESSEL_SANITIZE)
-  target_link_options(tessel-program-options INTERFACE -static-libstdc++ -static-libgcc)
+  target_link_options(tessel-program-options INTERFACE -static-libstdc++ -static-libgcc $<$<CONFIG:Release>:-s>)
 elseif(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
   target_link_options(tessel-program-options INTERFACE -Wl,-dead_strip_dylibs)
 endif()

@@ -24,7 +24,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# The headers of the C library are annotated in parts only. Without -s the linker notes where each object file was.
-set(CMAKE_CXX_FLAGS_INIT "-Wno-nullability-completeness")
+# The headers of the C library are annotated in parts only. Without -g0 the compiler puts the paths of all headers into
+# the archives; without -s the linker notes where each object file was.
+set(CMAKE_CXX_FLAGS_INIT "-g0 -Wno-nullability-completeness")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-s -Wl,-dead_strip -Wl,-dead_strip_dylibs")
 set(CMAKE_TRY_COMPILE_CONFIGURATION Release)
