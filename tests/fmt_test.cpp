@@ -160,7 +160,8 @@ TEST(Fmt, GoesItsOwnWay)
    EXPECT_EQ(F("%5-d|%-+ 5d|% +d", 7, 7, 7), "7    |+7   |+7") << "any order; a blank never overrides a plus";
    EXPECT_EQ(F("%05s|%05c|%05%|%-05s|", "ab", 'c', "ab"), "000ab|0000c|0000%|ab   |") << "zeros for all";
    EXPECT_EQ(F("") + F("%5") + F("ab%"), "ab");
-   EXPECT_EQ(F("%+p|%#p|%8p|%08p|%.4p|%p", 0x1f, 0x1f, 0x1f, 0x1f, 0x1f, nullptr),
+   void *const address = reinterpret_cast<void *>(0x1f);
+   EXPECT_EQ(F("%+p|%#p|%8p|%08p|%.4p|%p", address, address, address, address, address, nullptr),
              "1F|1F|      1F|0000001F|001F|0");
    EXPECT_EQ(F("%a%A%y%d|%4a|%-3y|%\x80|%\x1f|%{", 1), "aAy1|   a|y  |\x80|\x1f|{")
        << "none takes an argument";
@@ -215,7 +216,7 @@ TEST(Fmt, TakesNumberedArguments)
    EXPECT_EQ(F("%s %2$s %s %1$s", "a", "b", "c"), "a b c a") << "numbers after the first conversion";
    EXPECT_EQ(F("%3$d %1$d", 1, 99, 3), "3 1") << "a gap is an int";
    EXPECT_EQ(F("%3$Lg %1$s %2$ld %4$d", "x", LONG_MIN, 2.5L, 4), "2.5 x -9223372036854775808 4");
-   EXPECT_EQ(F("%1$lc%1$d %2$g %3$p", 'a', 0.5, 0xab), "a97 0.5 AB");
+   EXPECT_EQ(F("%1$lc%1$d %2$g %3$p", 'a', 0.5, reinterpret_cast<void *>(0xab)), "a97 0.5 AB");
    EXPECT_EQ(F("%2$*1$d|%-*d|", 3, 5, -4, 6), "  5|6   |") << "after the second come the third and on";
    EXPECT_EQ(F("%*0$d|%2$d", 7, 8), "7|8") << "there is no argument 0";
    EXPECT_EQ(F("%30$s%9$s%1$d", 1, 2, 3, 4, 5, 6, 7, 8, "nine", 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20,
