@@ -45,7 +45,8 @@ int ToolSessionOutcome(const ToolChild &request)
 
 int ToolSessionStartCommand(ToolChild *child, char *const *command, const char *socketPath)
 {
-   if (setenv("TESSEL_SOCKET", socketPath, 1) == 0 && ToolProcess_StartCommand(child, command)) {
+   const bool prepared = socketPath == nullptr || setenv("TESSEL_SOCKET", socketPath, 1) == 0;
+   if (prepared && ToolProcess_StartCommand(child, command)) {
       return TOOL_EXIT_OK;
    }
    const int error = errno;
@@ -78,10 +79,10 @@ int ToolSessionAwaitCommand(ToolChild *command, ToolChild *daemon)
          ToolSessionReportEnd("the command", *command);
          return command->status;
       }
-      if (event.ended == daemon) {
-         Warning("the daemon has ended while its services are in use\n");
-      } else {
+      if (event.ended == nullptr) {
          ToolSessionPassOn(event, *command);
+      } else {
+         Warning("the daemon has ended while its services are in use\n");
       }
    }
 }

@@ -10,7 +10,7 @@
    reported: no daemon, refused, or 128 plus the number of a signal that came first. daemon may be null. */
 [[nodiscard]] int ToolSession_Register(const char *socketPath, ToolChild *daemon, OwnedDescriptor *hold);
 
-/* Runs the command, with TESSEL_SOCKET in its environment, to its end, and gives its exit status (126 or 127,
+/* Runs the command, with TESSEL_SOCKET in its environment unless socketPath is null, to its end, and gives its exit status (126 or 127,
    reported, if it cannot be run). Signals meant for this process alone are passed on to it. With command
    null: waits for a signal, or the end of the daemon, and gives 0. */
 [[nodiscard]] int ToolSession_Run(char *const *command, const char *socketPath, ToolChild *daemon);
