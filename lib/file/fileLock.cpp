@@ -244,7 +244,8 @@ FileLockToken *FileLockMakeToken(const FileLockAttempt &attempt, bool implicit)
 
 void FileLockTell(const FileLockHooks &hooks, int error)
 {
-   if (error != 0 && hooks.message != nullptr) {
+   /* That it gave up, the caller knows. */
+   if (error != 0 && error != ECANCELED && hooks.message != nullptr) {
       hooks.message(hooks.list, "@&!*@*@(msg.fileLock.posix)A file locking error (%d) has occurred: %s.",
                     error, strerror(error));
    }
