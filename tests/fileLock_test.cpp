@@ -354,11 +354,11 @@ TEST_F(FileLock, IsOneLockUnderAllNamesOfTheFolder)
    FileLock_Unlock(token, {});
 }
 
-void AppendMessage(void *list, const char *format, ...)
+void AppendMessage(MsgList *list, const char *format, ...)
 {
    va_list args;
    va_start(args, format);
-   *static_cast<std::string *>(list) +=
+   *reinterpret_cast<std::string *>(list) +=
        format + std::string("|") + ::Take(Str_Vasprintf(nullptr, format, args));
    va_end(args);
 }
@@ -368,7 +368,7 @@ TEST_F(FileLock, TellsTheUserWhatFailed)
    std::string said;
    FileLockHooks hooks;
    hooks.message = AppendMessage;
-   hooks.list = &said;
+   hooks.list = reinterpret_cast<MsgList *>(&said);
    EXPECT_EQ(FileLock_Lock(folder_.Path("none/file").c_str(), true, 0, hooks, &error_), nullptr);
    EXPECT_EQ(error_, ENOENT);
    EXPECT_EQ(said,

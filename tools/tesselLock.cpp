@@ -123,12 +123,12 @@ std::optional<int> LockParse(int argc, char **argv, LockOptions *options)
 }
 
 /* The words without the identifier before them. */
-void LockSay([[maybe_unused]] void *list, const char *idFormat, ...)
+void LockSay([[maybe_unused]] MsgList *list, const char *format, ...)
 {
    va_list args;
 
-   va_start(args, idFormat);
-   const Owned<char> text(Str_SafeVasprintf(nullptr, strchr(idFormat, ')') + 1, args));
+   va_start(args, format);
+   const Owned<char> text(Str_SafeVasprintf(nullptr, strchr(format, ')') + 1, args));
    va_end(args);
    Warning("%s\n", text.get());
 }

@@ -1,6 +1,5 @@
 #include "lib/file/file.h"
 
-#include "lib/file/nameList.h"
 #include "lib/misc/posixInt.h"
 #include "lib/misc/util.h"
 #include "lib/public/owned.h"
@@ -12,6 +11,24 @@
 #include <unistd.h>
 
 namespace {
+
+/* What File_ListDirectory gave, released with errno kept. */
+struct NameList {
+   char **names = nullptr;
+   int count = 0;
+
+   NameList() = default;
+   NameList(const NameList &) = delete;
+   NameList &operator=(const NameList &) = delete;
+
+   ~NameList()
+   {
+      const Owned<char *> array(names);
+      for (int i = 0; i < count; i++) {
+         const Owned<char> name(names[i]);
+      }
+   }
+};
 
 bool FileDeleteDirectoryTree(const char *path, bool contentOnly);
 
@@ -75,7 +92,7 @@ bool FileDeleteDirectoryTree(const char *path, bool contentOnly)
       return false;
    }
    list.count = count;
-   int error = FileDeleteEntries(path, list.All());
+   int error = FileDeleteEntries(path, {list.names, static_cast<size_t>(count)});
    if (!contentOnly && error == 0) {
       error = FileRemoveDirectory(path);
    }

@@ -23,11 +23,14 @@ constexpr uint32_t FILE_LOCK_WAIT_FOREVER = UINT32_MAX;
 /* A lock that is held, or counts as held. */
 struct FileLockToken;
 
+struct MsgList;
+
 /* What a caller may want to hear of, or say, meanwhile. All of it may be null. */
 struct FileLockHooks {
-   /* Takes a message for the user to a list: its identifier and text as a format, with the arguments. */
-   void (*message)(void *list, const char *idFormat, ...) = nullptr;
-   void *list = nullptr;
+   /* Takes a message for the user to the list: its identifier and text as a format, and the arguments. MsgList_Append is
+      such a routine, but what makes up those lists stands on this library. */
+   void (*message)(MsgList *list, const char *format, ...) = nullptr;
+   MsgList *list = nullptr;
    /* Asked about ten times a second while waiting: true ends the wait, and the attempt fails with ECANCELED. */
    bool (*giveUp)(void *context) = nullptr;
    void *context = nullptr;
