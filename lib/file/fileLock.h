@@ -40,10 +40,11 @@ struct FileLockHooks {
    looked at the time once after each pause, of 2 s at most). The token is to be given to FileLock_Unlock.
 
    Null with *error 0: the lock is busy, that is, the wait was over. Null with *error another number of
-   errno's: it cannot be taken, which has been logged and told to the hooks. Neither leaves anything behind.
+   errno's: it cannot be taken, which the hooks have been told (but for ECANCELED). Neither leaves anything
+   behind that another process of this machine does not clear away.
 
-   A shared lock where nothing can be created (EROFS, EACCES) is granted without a trace, as nobody can have
-   it exclusively by way of this machine; it keeps nobody out. */
+   A shared lock where this process can create nothing (EROFS, EACCES) is granted without a trace: it keeps
+   nobody out, and is kept out by nobody. */
 [[nodiscard]] FileLockToken *FileLock_Lock(const char *path, bool exclusive, uint32_t maxWaitMs,
                                            const FileLockHooks &hooks, int *error);
 
