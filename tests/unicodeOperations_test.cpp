@@ -24,7 +24,8 @@ std::string ToUtf8(const std::u32string &string)
 std::u32string Fold(std::u32string string)
 {
    std::transform(string.begin(), string.end(), string.begin(), [](char32_t codePoint) {
-      return codePoint < 0x10000 ? char32_t{CaseFolding_Unit(static_cast<char16_t>(codePoint))} : codePoint;
+      return codePoint < 0x10000 ? static_cast<char32_t>(CaseFolding_Unit(static_cast<char16_t>(codePoint)))
+                                 : codePoint;
    });
    return string;
 }
