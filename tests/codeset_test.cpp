@@ -339,6 +339,7 @@ TEST(CodeSetUtf8, IsMeasuredAndCheckedAsAString)
    EXPECT_EQ(CodeSet_GetUtf8(text + 1, text + 3, nullptr), 2);
    EXPECT_EQ(CodeSet_GetUtf8(text, text, nullptr), 0);
    EXPECT_TRUE(CodeSet_IsValidUtf8("a\0\xFF") && !CodeSet_IsValidUtf8("a\xFF"));
+   EXPECT_TRUE(CodeSet_IsValidUtf8NoNul(nullptr, 0));
    /* ASCII passed over in wide steps does not hide that it stands inside a sequence. */
    for (size_t before = 0; before < 64; before++) {
       const std::string broken = std::string(before, 'a') + "\xE2\x82" + std::string(128, 'a') + "\xAC";

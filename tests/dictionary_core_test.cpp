@@ -96,6 +96,8 @@ TEST_F(DictionaryValues, SayWhatIsWrongWithTheirText)
         [](Dictionary *d) { return !Dictionary_GetBool(d, false, "v"); }},
        {"maybe", "notTristate", "not a valid tristate value", "TRUE",
         [](Dictionary *d) { return Dictionary_GetTriState(d, 1, "v") == 1; }},
+       {"maybe", "notTristate", "not a valid tristate value", "FALSE",
+        [](Dictionary *d) { return Dictionary_GetTriState(d, 0, "v") == 0; }},
        {"maybe", "notTristate", "not a valid tristate value", "default",
         [](Dictionary *d) { return Dictionary_GetTriState(d, -1, "v") == -1; }},
        {"12abc", "notInteger", "not a valid integer value", "-7",

@@ -95,6 +95,7 @@ TEST_F(Preferences, AreDecidedByTheFirstLayer)
 
 TEST_F(Preferences, ComeInEveryTypeOnceTheyAreInitialised)
 {
+   Preference_Exit();
    EXPECT_EQ(3, Preference_GetInt32(3, "%s"));
    EXPECT_EQ("x", Get("s", "x"));
    EXPECT_TRUE(Preference_NotSet("a"));

@@ -135,6 +135,7 @@ TEST(UnicodeCopyBytes, CutsBetweenCharacters)
                 {emoji, 3, ENCODING_UTF8, false, "a"},
                 {emoji, 5, ENCODING_UTF8, false, "a"},
                 {emoji, 6, ENCODING_UTF8, false, "a\xF0\x9F\x98\x80"},
+                {"abc", 3, ENCODING_UTF8, false, "ab"},
                 {"abc", 1, ENCODING_UTF8, false, ""},
                 {"", 1, ENCODING_UTF8, true, ""},
                 /* Not UTF-8: what stands before the continuation bytes goes with them. */
