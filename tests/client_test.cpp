@@ -10,7 +10,6 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <thread>
 
 namespace {
 
@@ -27,14 +26,6 @@ TesselOutcome Register(const DaemonProcess &peer, int maxWaitMs, int *hold)
    return TesselClient_Register(peer.SocketPath().c_str(), maxWaitMs, hold).outcome;
 }
 
-std::string Described(TesselResult result, size_t size)
-{
-   std::string text(TESSEL_TEXT_SIZE, '#');
-   TesselClient_Describe(&result, text.data(), size);
-   EXPECT_EQ(text[size], '#');
-   return text.substr(0, text.find_first_of(std::string("\0#", 2)));
-}
-
 } // namespace
 
 TEST(TesselClientRegister, TellsEveryEndOfTheConversationApart)
@@ -43,20 +34,12 @@ TEST(TesselClientRegister, TellsEveryEndOfTheConversationApart)
       const char *script;
       TesselOutcome outcome;
       int limitMs;
-   } cases[] = {
-       {"agr1e", TESSEL_REGISTERED, 10000},
-       {"a0r1e", TESSEL_REGISTERED, 10000}, /* The greeting looks like a no. */
-       {"a1r0e", TESSEL_REFUSED, TESSEL_NO_LIMIT},
-       {"agr?e", TESSEL_UNEXPECTED_REPLY, 10000},
-       {"agrge", TESSEL_UNEXPECTED_REPLY, 10000},
-       {"a", TESSEL_DAEMON_GONE, 10000},
-       {"ag", TESSEL_DAEMON_GONE, 10000},
-       {"agr", TESSEL_DAEMON_GONE, TESSEL_NO_LIMIT},
-       {"c", TESSEL_DAEMON_GONE, 10000},
-       {"w", TESSEL_TIMED_OUT, SHORT_LIMIT_MS},
-       {"aw", TESSEL_TIMED_OUT, SHORT_LIMIT_MS},
-       {"agrw", TESSEL_TIMED_OUT, SHORT_LIMIT_MS},
-   };
+   } cases[] = {{"agr1e", TESSEL_REGISTERED, 10000},        {"a0r1e", TESSEL_REGISTERED, 10000},
+                {"a1r0e", TESSEL_REFUSED, TESSEL_NO_LIMIT}, {"agr?e", TESSEL_UNEXPECTED_REPLY, 10000},
+                {"agrge", TESSEL_UNEXPECTED_REPLY, 10000},  {"a", TESSEL_DAEMON_GONE, 10000},
+                {"ag", TESSEL_DAEMON_GONE, 10000},          {"agr", TESSEL_DAEMON_GONE, TESSEL_NO_LIMIT},
+                {"c", TESSEL_DAEMON_GONE, 10000},           {"w", TESSEL_TIMED_OUT, SHORT_LIMIT_MS},
+                {"aw", TESSEL_TIMED_OUT, SHORT_LIMIT_MS},   {"agrw", TESSEL_TIMED_OUT, SHORT_LIMIT_MS}};
    const auto before = OpenDescriptors();
    for (const auto &c : cases) {
       SCOPED_TRACE(c.script);
@@ -80,26 +63,12 @@ TEST(TesselClientRegister, SurvivesOnManyThreadsThatThePeerHangsUpAtAnyMoment)
    }
    const ScriptedPeer peer(script);
    ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-   const auto attempts = [&peer] {
+   OnThreads(4, [&peer](size_t) {
       for (int i = 0; i < 50; i++) {
          int hold;
          EXPECT_EQ(Register(peer, TESSEL_NO_LIMIT, &hold), TESSEL_DAEMON_GONE);
       }
-   };
-   std::thread threads[] = {std::thread(attempts), std::thread(attempts), std::thread(attempts),
-                            std::thread(attempts)};
-   for (std::thread &thread : threads) {
-      thread.join();
-   }
-}
-
-TEST(TesselClientRegister, WaitsForAPlaceInTheQueueOnlyAsLongAsItMay)
-{
-   const ScriptedPeer peer("nw");
-   int hold;
-   peer.AwaitCall({SYS_read});
-   const Connection first(peer);
-   EXPECT_EQ(Register(peer, SHORT_LIMIT_MS, &hold), TESSEL_TIMED_OUT);
+   });
 }
 
 TEST(TesselClientRegister, NamesWhatIsWrong)
@@ -142,49 +111,55 @@ TEST(TesselClientRegister, GoesOnAfterSignalsAndKeepsItsLimit)
    quiet.sa_handler = [](int) {};
    const ScriptedPeer slow("sasgrs1");
    const ScriptedPeer silent("w");
+   const ScriptedPeer full("nw");
    int hold;
+   full.AwaitCall({SYS_read});
+   const Connection first(full); /* Takes the only place in the queue. */
    ASSERT_EQ(sigaction(SIGALRM, &quiet, nullptr), 0);
    setitimer(ITIMER_REAL, &often, nullptr);
    EXPECT_EQ(Register(slow, TESSEL_NO_LIMIT, &hold), TESSEL_REGISTERED);
    TesselClient_LetGo(&hold);
    EXPECT_EQ(Register(silent, SHORT_LIMIT_MS, &hold), TESSEL_TIMED_OUT);
+   EXPECT_EQ(Register(full, SHORT_LIMIT_MS, &hold), TESSEL_TIMED_OUT);
    setitimer(ITIMER_REAL, &off, nullptr);
 }
 
 TEST(TesselClientLetGo, IsSeenAtOnceThoughAProgramStartedMeanwhileRunsOn)
 {
-   ScriptedPeer peer("agr1e");
+   ScriptedPeer peer("agr1eagr1e");
    int hold;
    ASSERT_EQ(Register(peer, TESSEL_NO_LIMIT, &hold), TESSEL_REGISTERED);
    FILE *other = popen("cat", "w"); // NOLINT(cert-env33-c): a fixed command
    peer.AwaitCall({SYS_read});
    errno = ENOTTY;
    TesselClient_LetGo(&hold);
+   TesselClient_LetGo(&hold);
    EXPECT_EQ(errno, ENOTTY);
    EXPECT_EQ(hold, -1);
-   EXPECT_EQ(peer.ExitStatus(), 0);
-   TesselClient_LetGo(&hold);
-   pclose(other);
-}
 
-TEST(TesselClientRegisterDescriptor, PassesTheCallersOwnAndLeavesItOpen)
-{
-   ScriptedPeer peer("agr1e");
+   /* The caller's own descriptor is passed and left open. */
    Pipe own;
-   EXPECT_EQ(
-       TesselClient_RegisterDescriptor(peer.SocketPath().c_str(), TESSEL_NO_LIMIT, own.reader.get()).outcome,
-       TESSEL_REGISTERED);
+   const char *const path = peer.SocketPath().c_str();
+   EXPECT_EQ(TesselClient_RegisterDescriptor(path, TESSEL_NO_LIMIT, own.reader.get()).outcome,
+             TESSEL_REGISTERED);
    EXPECT_NE(fcntl(own.reader.get(), F_GETFD), -1);
    own.writer.reset();
    EXPECT_EQ(peer.ExitStatus(), 0);
+   pclose(other);
 }
 
 TEST(TesselClientDescribe, SaysWhatHappenedInTheRoomThereIs)
 {
-   const TesselResult gone = {.outcome = TESSEL_DAEMON_GONE, .systemError = 0};
-   const TesselResult failed = {.outcome = TESSEL_SYSTEM_ERROR, .systemError = EMFILE};
-   EXPECT_EQ(Described(gone, 100), "the daemon went away before it answered");
-   EXPECT_EQ(Described(failed, 100), std::string("a system call failed (") + strerror(EMFILE) + ")");
-   EXPECT_EQ(Described(failed, 17), "a system call fa");
-   EXPECT_EQ(Described(failed, 0), "");
+   const std::string failed = std::string("a system call failed (") + strerror(EMFILE) + ")";
+   const std::tuple<TesselResult, size_t, std::string> cases[] = {
+       {{TESSEL_DAEMON_GONE, 0}, 100, "the daemon went away before it answered"},
+       {{TESSEL_SYSTEM_ERROR, EMFILE}, 100, failed},
+       {{TESSEL_SYSTEM_ERROR, EMFILE}, 17, failed.substr(0, 16)},
+       {{TESSEL_SYSTEM_ERROR, EMFILE}, 0, ""}};
+   for (const auto &[result, size, expected] : cases) {
+      std::string text(TESSEL_TEXT_SIZE, '#');
+      TesselClient_Describe(&result, text.data(), size);
+      EXPECT_EQ(text[size], '#');
+      EXPECT_EQ(text.substr(0, text.find_first_of(std::string("\0#", 2))), expected);
+   }
 }

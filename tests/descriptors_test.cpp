@@ -49,21 +49,15 @@ int CountWrong(int first, const std::vector<int> &keep)
 
 TEST(DescriptorsCloseAllBut, ClosesTheGapsBetweenKeptDescriptors)
 {
-   const struct {
-      int first;
-      std::vector<int> keep;
-   } cases[] = {
-       {3, {}},
-       {3, {3, HIGHEST}},
-       {3, {39, 5, 17, 5, 39, 4}},
-       {3, {INT_MAX, -1, INT_MIN, 0, 2, 9, INT_MAX - 1}},
-       {20, {3, 19, 21}},
-   };
-   for (const auto &c : cases) {
-      EXPECT_EXIT(_exit(CountWrong(c.first, c.keep)), testing::ExitedWithCode(0), "");
+   const std::pair<int, std::vector<int>> cases[] = {{3, {}},
+                                                     {3, {3, HIGHEST}},
+                                                     {3, {39, 5, 17, 5, 39, 4}},
+                                                     {3, {INT_MAX, -1, INT_MIN, 0, 2, 9, INT_MAX - 1}},
+                                                     {20, {3, 19, 21}}};
+   for (const auto &[first, keep] : cases) {
+      EXPECT_EXIT(_exit(CountWrong(first, keep)), testing::ExitedWithCode(0), "");
       /* Where the kernel, or a sandbox, refuses the short way, each one is tried. */
-      EXPECT_EXIT(_exit(RefuseCloseRange() ? CountWrong(c.first, c.keep) : 99), testing::ExitedWithCode(0),
-                  "");
+      EXPECT_EXIT(_exit(RefuseCloseRange() ? CountWrong(first, keep) : 99), testing::ExitedWithCode(0), "");
    }
 }
 

@@ -1,6 +1,5 @@
 #include "lib/misc/escape.h"
 
-#include "tests/support/allocationFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <cstring>
@@ -106,8 +105,6 @@ TEST(Escape, UnescapeToBufferTakesWhatFits)
    EXPECT_STREQ(buffer, "%41xyz");
    EXPECT_TRUE(Escape_UnescapeToBuffer('%', buffer, 4, buffer, 3));
    EXPECT_EQ(std::string(buffer, 6), "Ax\0xyz"sv);
-   const FailingAllocations faults(1);
-   EXPECT_FALSE(Escape_UnescapeToBuffer('%', "x", 1, buffer, 3));
 }
 
 TEST(Escape, FindUnescapedSkipsWhatIsEscaped)
@@ -121,22 +118,6 @@ TEST(Escape, FindUnescapedSkipsWhatIsEscaped)
    for (const auto &[string, character, index] : searches) {
       const char *found = Escape_FindUnescaped('\\', string, character);
       EXPECT_EQ(found != nullptr ? found - string : -1, index) << string;
-   }
-}
-
-/* Whichever allocation fails; what the routine then leaks, the leak checker reports. */
-TEST(Escape, ExhaustionGivesNullAndLeavesTheLengthAlone)
-{
-   const std::string input = std::string(300, '\n') + ",,''..\\\\\r\n";
-   for (const Routine routine :
-        {&Bytes, &WithChar<'%'>, &Unescape<'%'>, STRIP_CR, QUOTE, REGEX, STRIP, COMMA}) {
-      const int allocations = FailEachAllocation([&] {
-         size_t length = SIZE_MAX;
-         const bool failed = Take(routine(input, &length)) == "<null>";
-         EXPECT_EQ(failed, FailingAllocations::Failed());
-         EXPECT_EQ(length == SIZE_MAX, failed);
-      });
-      EXPECT_GE(allocations, 2);
    }
 }
 

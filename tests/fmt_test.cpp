@@ -1,16 +1,13 @@
 #include "lib/string/bsd_vsnprintf.h"
 
-#include "tests/support/allocationFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <array>
-#include <cerrno>
 #include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -262,36 +259,15 @@ TEST(Fmt, FailsWhereTheCountWouldNotFitAnInt)
    EXPECT_EQ(Fixed(&unused, 0, "%*d", INT_MIN, 1), -1);
 }
 
-TEST(Fmt, SurvivesEveryFailedAllocationAndKeepsErrno)
-{
-   const std::string text(500, 'x');
-   const int allocations = FailEachAllocation([&] {
-      errno = 77;
-      const bool failed =
-          F("%s%ls%s%1000d%.300f", text.c_str(), L"wide", text.c_str(), 1, 1.5).size() < text.size();
-      EXPECT_EQ(errno, 77);
-      EXPECT_EQ(failed, FailingAllocations::Failed());
-   });
-   EXPECT_GE(allocations, 4) << "the first block, growth, the wide text, and growth";
-   EXPECT_EQ(F("%lc", 0x110000), "<-1>");
-   EXPECT_EQ(errno, 77);
-   for (const int allocation : {1, 2}) {
-      const FailingAllocations faults(allocation);
-      EXPECT_EXIT(F("%8$d", 1, 2, 3, 4, 5, 6, 7, 8), testing::KilledBySignal(SIGABRT), "");
-   }
-}
-
 TEST(Fmt, GivesTheSameDigitsToManyThreads)
 {
-   std::vector<std::jthread> threads;
-   for (int i = 1; i <= 4; i++) {
-      threads.emplace_back([i] {
-         const std::string expected = F("%.9f|%.15e", i / 7.0, i * 1e30);
-         for (int n = 0; n < 500; n++) {
-            ASSERT_EQ(F("%.9f|%.15e", i / 7.0, i * 1e30), expected);
-         }
-      });
-   }
+   OnThreads(4, [](size_t thread) {
+      const double seed = static_cast<double>(thread) + 1;
+      const std::string expected = F("%.9f|%.15e", seed / 7.0, seed * 1e30);
+      for (int n = 0; n < 500; n++) {
+         ASSERT_EQ(F("%.9f|%.15e", seed / 7.0, seed * 1e30), expected);
+      }
+   });
 }
 
 } // namespace

@@ -1,11 +1,13 @@
 #include "location/location.h"
 
+#include "lib/misc/hostinfo.h"
 #include "location/locationTables.h"
 #include "tests/support/testSupport.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -13,13 +15,11 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char VARIABLE[] = "TESSEL_TEST_ROOT";
-
-constexpr LocationProcessTag TAGS[] = {{"one", 1}, {"zero", 0}, {"far", 1000}, {"one", 7}, {nullptr, 0}};
 constexpr LocationKey KEYS[] = {{"rootDir", ""}, {"file", "/a/b"}, {"nothing", nullptr}, {nullptr, nullptr}};
 
 std::string Executable()
 {
-   return fs::read_symlink("/proc/self/exe").string();
+   return fs::canonical(Take(Hostinfo_GetModulePath(1))).string();
 }
 
 /* The module with a configuration of the test's own, and without a process tag at first. */
@@ -28,8 +28,7 @@ class Location : public testing::Test {
    Location()
    {
       unsetenv(VARIABLE);
-      const CapturedLog ignored;
-      Location_Init("unknown");
+      Forget();
    }
 
    ~Location() override
@@ -37,126 +36,102 @@ class Location : public testing::Test {
       LocationSetConfig(product_);
    }
 
+   void Forget()
+   {
+      Location_Init("unknown");
+      log_.Clear();
+   }
+
+   const CapturedLog log_;
    const ScratchFolder folder_;
    const std::string lastUsed_ = folder_.Path("lastUsed");
+   const std::string path_ = Executable();
+   LocationProcessTag tags_[6] = {{"one", 1}, {"zero", 0}, {"far", 1000},
+                                  {"one", 7}, {"all", 0},  {nullptr, 0}};
    LocationConfig config_ = {
-       .processTags = TAGS, .rootVariable = VARIABLE, .lastUsedFile = lastUsed_.c_str(), .keys = KEYS};
+       .processTags = tags_, .rootVariable = VARIABLE, .lastUsedFile = lastUsed_.c_str(), .keys = KEYS};
    const LocationConfig *product_ = LocationSetConfig(&config_);
 };
 
 TEST_F(Location, ProductTablesNameWhatTheDaemonUses)
 {
    LocationSetConfig(&LOCATION_PRODUCT_CONFIG);
-   const std::pair<const char *, const char *> rows[] = {
-       {"rootDir", ""},
-       {"idFile", "/Contents/Library/kestra-id"},
-       {"serviceScriptFile", "/Contents/Library/services/services.sh"},
-       {"icuDir", "/Contents/Library/icu"},
-       {"prefDir", "/Contents/Library"},
-       {"msgDir", "/Contents/Library/messages"},
-       {"resourcesDir", "/Contents/Resources"},
-   };
-   for (const auto &[key, path] : rows) {
+   for (const auto &[key, path] : {std::pair{"rootDir", ""},
+                                   {"idFile", "/Contents/Library/kestra-id"},
+                                   {"serviceScriptFile", "/Contents/Library/services/services.sh"},
+                                   {"icuDir", "/Contents/Library/icu"},
+                                   {"prefDir", "/Contents/Library"},
+                                   {"msgDir", "/Contents/Library/messages"},
+                                   {"resourcesDir", "/Contents/Resources"}}) {
       EXPECT_STREQ(Location_GetRelative(key), path) << key;
    }
    EXPECT_EQ(Location_GetRelative("IDFILE"), nullptr);
    EXPECT_STREQ(Location_GetLastUsedFile(), "/Library/Preferences/Kestra Tessel/lastLocationUsed");
    EXPECT_EQ(Location_GetLookup(), Location_Get);
-
-   const CapturedLog log;
    Location_Init("tessel-daemon");
-   EXPECT_EQ(log.Text(), "");
-   fs::path bundle = Executable();
-   for (int i = 0; i < 4; i++) {
-      bundle = bundle.parent_path();
-   }
-   ASSERT_NE(bundle, "/") << "a test program this near to the root has no bundle";
-   EXPECT_EQ(Take(Location_Get("idFile")), bundle.string() + "/Contents/Library/kestra-id");
+   EXPECT_EQ(log_.Text(), "");
+   ASSERT_GT(std::count(path_.begin(), path_.end(), '/'), 4)
+       << "a program this near to the root has no bundle";
+   const fs::path folder = fs::path(path_).parent_path();
+   EXPECT_EQ(Take(Location_Get("idFile")),
+             folder.parent_path().parent_path().parent_path().string() + "/Contents/Library/kestra-id");
    Location_Init("tessel-daemon");
-   EXPECT_EQ(log.Text(),
+   EXPECT_EQ(log_.Text(),
              "Warning: Location_Init: Invalid initialization: sUpCount 4, processTag tessel-daemon.\n");
-   EXPECT_EQ(Take(Location_Get("rootDir")), bundle.string());
 }
 
-TEST_F(Location, TheExecutableAloneSaysItWithAKnownTagOrNothingElse)
+TEST_F(Location, IsThatOfTheExecutableOrTheVariableOrTheLastUsedFile)
 {
-   config_.rootVariable = nullptr;
-   config_.lastUsedFile = nullptr;
-   EXPECT_EQ(Take(Location_Get("file")), Executable() + "/a/b");
-   config_.rootVariable = VARIABLE;
-   setenv(VARIABLE, "/x", 1);
-   const CapturedLog log;
-   Location_Init("zero");
-   Location_Init("one");
-   EXPECT_EQ(log.Text(), "Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n");
-   EXPECT_EQ(Take(Location_Get("file")), fs::path(Executable()).parent_path().string() + "/a/b");
-}
-
-TEST_F(Location, TooManyComponentsAreReportedWithTheWholePath)
-{
-   const CapturedLog log;
-   Location_Init("far");
-   EXPECT_EQ(Location_Get("file"), nullptr);
-   EXPECT_EQ(log.Text(), "Warning: LocationGetRoot: sUpCount (1000) is too large for " + Executable() + "\n");
-}
-
-TEST_F(Location, StrippingEverythingLeavesTheFileSystemRoot)
-{
-   const std::string path = Executable();
-   const LocationProcessTag tags[] = {
-       {"all", static_cast<uint32_t>(std::count(path.begin(), path.end(), '/'))}, {nullptr, 0}};
-   config_.processTags = tags;
-   Location_Init("all");
-   EXPECT_EQ(Take(Location_Get("rootDir")), "");
-   EXPECT_EQ(Take(Location_Get("file")), "/a/b");
-}
-
-TEST_F(Location, UnknownTagUsesTheVariableAsItIs)
-{
-   setenv(VARIABLE, "/x", 1);
-   EXPECT_EQ(Take(Location_Get("rootDir")), "/x");
-   EXPECT_EQ(Take(Location_Get("file")), "/x/a/b");
-   setenv(VARIABLE, "", 1);
-   const CapturedLog log;
-   EXPECT_EQ(Take(Location_Get("file")), "/a/b") << "set but empty counts as set";
+   const std::string report =
+       "LocationLastUsed: Failed opening lastLocationUsed.\n"
+       "Warning: LocationGetRoot: Unable to determine the product location. It is likely "
+       "that the product has never been run on this machine.\n";
+   const struct {
+      const char *tag; /* Null: none that is known. */
+      const char *variable;
+      std::optional<std::string> lastUsed;
+      std::string file; /* "<null>": none. */
+      std::string log;
+   } cases[] = {
+       {"one", "/x", "/y", fs::path(path_).parent_path().string() + "/a/b", ""},
+       {"all", "/x", "/y", "/a/b", ""},
+       {"far", "/x", "/y", "<null>",
+        "Warning: LocationGetRoot: sUpCount (1000) is too large for " + path_ + "\n"},
+       {"zero", "/x", "/y", "/x/a/b",
+        "Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n"},
+       {nullptr, "", "/y", "/a/b", ""}, /* Set but empty counts as set. */
+       {nullptr, nullptr, "/root\n", "/root\n/a/b", ""},
+       {nullptr, nullptr, "", "/a/b", ""},
+       {nullptr, nullptr, std::string("/cut\0here", 9), "/cut/a/b", ""},
+       {nullptr, nullptr, std::string(1023, 'r'), std::string(1023, 'r') + "/a/b", ""},
+       {nullptr, nullptr, std::string(1024, 'r'), "<null>", report},
+       {nullptr, nullptr, std::nullopt, "<null>", report},
+   };
+   tags_[4].upCount = static_cast<uint32_t>(std::count(path_.begin(), path_.end(), '/'));
+   for (const auto &c : cases) {
+      Forget();
+      c.variable != nullptr ? setenv(VARIABLE, c.variable, 1) : unsetenv(VARIABLE);
+      fs::remove(lastUsed_);
+      if (c.lastUsed.has_value()) {
+         WriteFile(lastUsed_, *c.lastUsed);
+      }
+      if (c.tag != nullptr) {
+         Location_Init(c.tag);
+      }
+      EXPECT_EQ(Take(Location_Get("file")), c.file);
+      EXPECT_EQ(log_.Text(), c.log);
+   }
    EXPECT_EQ(Location_Get("absent"), nullptr);
    EXPECT_EQ(Location_Get("nothing"), nullptr);
-   EXPECT_EQ(log.Text(), "");
-}
-
-TEST_F(Location, LastUsedFileIsTakenAsItIsUpTo1023Bytes)
-{
-   const std::pair<std::string, std::string> contents[] = {
-       {"/root\n", "/root\n/a/b"},
-       {"", "/a/b"},
-       {std::string("/cut\0here", 9), "/cut/a/b"},
-       {"/" + std::string(1022, 'r'), "/" + std::string(1022, 'r') + "/a/b"},
-   };
-   for (const auto &[content, path] : contents) {
-      WriteFile(lastUsed_, content);
-      EXPECT_EQ(Take(Location_Get("file")), path);
-   }
-}
-
-TEST_F(Location, UnusableLastUsedFileIsReportedTwice)
-{
-   static constexpr char report[] = "LocationLastUsed: Failed opening lastLocationUsed.\n"
-                                    "Warning: LocationGetRoot: Unable to determine the product location. It "
-                                    "is likely that the product has "
-                                    "never been run on this machine.\n";
-   const CapturedLog missing;
-   EXPECT_EQ(Location_Get("file"), nullptr);
-   EXPECT_EQ(missing.Text(), report);
-
-   const CapturedLog tooLong;
-   WriteFile(lastUsed_, std::string(1024, 'r'));
-   EXPECT_EQ(Location_Get("file"), nullptr);
-   EXPECT_EQ(tooLong.Text(), report);
-
-   const CapturedLog folder;
+   log_.Clear();
    config_.lastUsedFile = "/";
    EXPECT_EQ(Location_Get("file"), nullptr);
-   EXPECT_EQ(folder.Text(), report);
+   EXPECT_EQ(log_.Text(), report);
+   config_.lastUsedFile = nullptr;
+   EXPECT_EQ(Take(Location_Get("file")), path_ + "/a/b");
+   config_.rootVariable = nullptr;
+   setenv(VARIABLE, "/x", 1);
+   EXPECT_EQ(Take(Location_Get("file")), path_ + "/a/b");
 }
 
 TEST_F(Location, RefusesEnvironmentAndFileWhenUsersDiffer)
@@ -165,12 +140,11 @@ TEST_F(Location, RefusesEnvironmentAndFileWhenUsersDiffer)
       GTEST_SKIP() << "only root can have an effective user other than the real one";
    }
    setenv(VARIABLE, "/x", 1);
-   const CapturedLog log;
    ASSERT_EQ(seteuid(65534), 0);
    const std::string path = Take(Location_Get("file"));
    ASSERT_EQ(seteuid(0), 0);
    EXPECT_EQ(path, "<null>");
-   EXPECT_EQ(log.Text(), "Warning: LocationGetRoot: Cannot get location root of a setuid process.\n");
+   EXPECT_EQ(log_.Text(), "Warning: LocationGetRoot: Cannot get location root of a setuid process.\n");
 }
 
 } // namespace

@@ -25,21 +25,15 @@ TEST(PosixPaths, SayWhyTheyFail)
    const std::string absent = folder.Path("absent");
    const std::string undecodable = folder.Path("link");
    fs::create_symlink("a\xFF", undecodable);
-   const struct {
-      char *(*convert)(const char *path);
-      const char *path;
-      int error;
-   } cases[] = {
-       {Posix_ReadLink, "/", EINVAL},
-       {Posix_ReadLink, absent.c_str(), ENOENT},
-       {Posix_ReadLink, undecodable.c_str(), ERANGE},
-       {Posix_ReadLink, nullptr, EFAULT},
-       {Posix_RealPath, absent.c_str(), ENOENT},
-       {Posix_RealPath, nullptr, EINVAL},
-   };
-   for (const auto &c : cases) {
-      EXPECT_EQ(Take(c.convert(c.path)), "<null>");
-      EXPECT_EQ(errno, c.error) << (c.path != nullptr ? c.path : "null");
+   using Convert = char *(*)(const char *path);
+   for (const auto &[convert, path, error] : {std::tuple{Convert{Posix_ReadLink}, "/", EINVAL},
+                                              {Posix_ReadLink, absent.c_str(), ENOENT},
+                                              {Posix_ReadLink, undecodable.c_str(), ERANGE},
+                                              {Posix_ReadLink, nullptr, EFAULT},
+                                              {Posix_RealPath, absent.c_str(), ENOENT},
+                                              {Posix_RealPath, nullptr, EINVAL}}) {
+      EXPECT_EQ(Take(convert(path)), "<null>");
+      EXPECT_EQ(errno, error) << (path != nullptr ? path : "null");
    }
 }
 
@@ -59,14 +53,10 @@ TEST(PosixRealPath, ResolvesLinksAndDotsUpTo1023Bytes)
    EXPECT_EQ(Take(Posix_RealPath((top + "/./\xC3\xA9/..//link/").c_str())), real);
    EXPECT_EQ(Take(Posix_RealPath((top + "/tooLong").c_str())), "<null>");
    EXPECT_EQ(errno, ENAMETOOLONG);
-}
 
-TEST(PosixRealPath, EndsTheProcessForAPathThatIsNotUtf8)
-{
-   const ScratchFolder folder;
-   const std::string path = folder.Path("a\xFF");
-   WriteFile(path, "");
-   EXPECT_PANIC(Take(Posix_RealPath(path.c_str())),
+   const std::string notUtf8 = folder.Path("a\xFF");
+   WriteFile(notUtf8, "");
+   EXPECT_PANIC(Take(Posix_RealPath(notUtf8.c_str())),
                 "Unicode_AllocWithLength: Couldn't convert invalid buffer .*a.xFF");
 }
 

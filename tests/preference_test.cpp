@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -34,19 +33,9 @@ class Preferences : public testing::Test {
       Preference_Exit();
    }
 
-   std::string Relative(std::string text)
-   {
-      for (size_t at; (at = text.find(folder_.Path())) != std::string::npos;) {
-         text.replace(at, folder_.Path().size(), "@");
-      }
-      return text;
-   }
-
    std::string Log()
    {
-      const std::string text = Relative(log_.Text());
-      log_.Clear();
-      return text;
+      return folder_.Shorten(log_.TakeText());
    }
 
    ScratchFolder folder_;
@@ -56,14 +45,14 @@ class Preferences : public testing::Test {
    std::string product_ = folder_.Path("product/Contents/Library/");
 };
 
-std::string Get(const char *name)
+std::string Get(const char *name, const char *fallback = nullptr)
 {
-   return Take(Preference_GetString(nullptr, name));
+   return Take(Preference_GetString(fallback, name));
 }
 
 TEST_F(Preferences, AreDecidedByTheFirstLayer)
 {
-   /* Each name is missing from one layer more, from the first on; "all" is in all of them. */
+   /* Each name is missing from one layer more, from the first on; "from6" is in all of them. */
    const std::vector<std::string> files = {product_ + "settings", "",
                                            home_ + "preferences", home_ + "config",
                                            host_ + "config",      product_ + "config"};
@@ -78,39 +67,43 @@ TEST_F(Preferences, AreDecidedByTheFirstLayer)
    }
    ASSERT_TRUE(Preference_Init());
    ASSERT_TRUE(Preference_InitNoUser()) << "changes nothing";
-   for (int name = 1; name <= 2; name++) {
-      Preference_SetFromString(("from" + std::to_string(name) + "=2").c_str(), true);
-   }
+   Preference_SetFromString("from1=2", true);
+   Preference_SetFromString("from2=2", true);
    for (int name = 1; name <= 6; name++) {
       const std::string key = "From" + std::to_string(name);
       EXPECT_FALSE(Preference_NotSet(key.c_str()));
       EXPECT_EQ(name, Preference_GetInt32(0, key.c_str()));
    }
+   const auto tell = [](const PreferenceLayer *layer, void *told) {
+      *static_cast<std::string *>(told) += std::string(layer->heading) + " " +
+                                           (layer->value != nullptr ? layer->value : "-") +
+                                           std::to_string(layer->line) + (layer->decides ? "!\n" : "\n");
+   };
    std::string told;
-   Preference_Explain(
-       "from4",
-       [](const PreferenceLayer *layer, void *context) {
-          *static_cast<std::string *>(context) +=
-              std::string(layer->heading) + " " + (layer->value != nullptr ? layer->value : "-") +
-              std::to_string(layer->line) + (layer->decides ? "!\n" : "\n");
-       },
-       &told);
+   Preference_Explain("from4", tell, &told);
    EXPECT_EQ(
        "GLOBAL SETTINGS -0\nNON PERSISTENT -0\nUSER PREFERENCES -0\nUSER DEFAULTS 45!\nHOST DEFAULTS 55\n"
        "SITE DEFAULTS 65\n",
        told);
    EXPECT_EQ("", Log());
    Preference_Log();
-   const std::string logged = Log();
-   EXPECT_EQ(0U, logged.find("DICT --- GLOBAL SETTINGS @/product/Contents/Library/settings\n"
-                             "DICT                     from1 = \"1\"\n"
-                             "DICT --- NON PERSISTENT (null)\n"
-                             "DICT                     from1 = \"2\"\n"))
-       << logged;
+   EXPECT_TRUE(Log().starts_with("DICT --- GLOBAL SETTINGS @/product/Contents/Library/settings\n"
+                                 "DICT                     from1 = \"1\"\n"
+                                 "DICT --- NON PERSISTENT (null)\n"
+                                 "DICT                     from1 = \"2\"\n"));
 }
 
-TEST_F(Preferences, ComeInEveryType)
+TEST_F(Preferences, ComeInEveryTypeOnceTheyAreInitialised)
 {
+   Preference_Exit();
+   EXPECT_EQ(3, Preference_GetInt32(3, "%s"));
+   EXPECT_EQ("x", Get("s", "x"));
+   EXPECT_TRUE(Preference_NotSet("a"));
+   Preference_SetFromString("a=1", true);
+   Preference_Log();
+   EXPECT_EQ("PREF early PreferenceGet(%s), using default\nPREF early PreferenceGet(s), using default\n",
+             Log());
+
    WriteFile(host_ + "config", "b=on\nt=auto\ni=0x10\nl=5000000000\nd=1.5\np=~/x\nbad=12abc\n");
    Preference_Init();
    EXPECT_TRUE(Preference_GetBool(false, "b"));
@@ -118,30 +111,14 @@ TEST_F(Preferences, ComeInEveryType)
    EXPECT_EQ(16, Preference_GetInt32(0, "i"));
    EXPECT_EQ(5000000000, Preference_GetInt64(0, "l"));
    EXPECT_EQ(1.5, Preference_GetDouble(0, "d"));
-   EXPECT_EQ("@/home/x", Relative(Take(Preference_GetPathName(nullptr, "p"))));
+   EXPECT_EQ(folder_.Path("home/x"), Take(Preference_GetPathName(nullptr, "p")));
    EXPECT_EQ("<null>", Take(Preference_GetPathName(nullptr, "none")));
    EXPECT_EQ(7, Preference_GetInt32(7, "bad"));
-
    EXPECT_TRUE(Preference_NotSet("none"));
-   EXPECT_EQ("fallback", Take(Preference_GetString("fallback", "none")));
-   EXPECT_EQ("fallback", Take(Preference_GetString("another", "none"))) << "kept with the user's preferences";
-}
+   EXPECT_EQ("fallback", Get("none", "fallback"));
+   EXPECT_EQ("fallback", Get("none", "another")) << "kept with the user's preferences";
 
-TEST_F(Preferences, AnswerWithFallbacksBeforeTheInitialisation)
-{
-   EXPECT_EQ(3, Preference_GetInt32(3, "%s"));
-   EXPECT_EQ("x", Take(Preference_GetString("x", "s")));
-   EXPECT_TRUE(Preference_NotSet("a"));
-   Preference_SetFromString("a=1", true);
-   Preference_Log();
-   EXPECT_EQ("PREF early PreferenceGet(%s), using default\nPREF early PreferenceGet(s), using default\n",
-             Log());
-}
-
-TEST_F(Preferences, AreSetInMemoryWithOrWithoutOverwriting)
-{
    MsgList *messages = MsgList_Create();
-   Preference_Init();
    Preference_SetFromString("a=1", false, messages);
    EXPECT_EQ(0U, MsgList_Count(messages));
    Preference_SetFromString("A=2", false, messages);
@@ -154,96 +131,76 @@ TEST_F(Preferences, AreSetInMemoryWithOrWithoutOverwriting)
 
 TEST_F(Preferences, LeaveTheUsersFilesOut)
 {
+   const std::string notFound =
+       "PREF Optional preferences file not found at /Library/Preferences/Kestra Tessel/"
+       "config. Using default values.\n";
    WriteFile(home_ + "config", "a=user\n");
-   WriteFile(home_ + "preferences", "");
    WriteFile(product_ + "config", "a=site\n");
-   WriteFile(product_ + "settings", "");
-   WriteFile(host_ + "config", "");
-
+   for (const std::string &file : {home_ + "preferences", product_ + "settings", host_ + "config"}) {
+      WriteFile(file, "");
+   }
    Preference_InitNoUser();
    EXPECT_EQ("site", Get("a"));
    Preference_Exit();
    EXPECT_EQ("", Log());
 
+   /* In a process with another effective user, if it may take one on. */
+   const pid_t child = fork();
+   if (child == 0) {
+      const bool taken = seteuid(65534) == 0;
+      Preference_Init();
+      _exit(taken && !Preference_NotSet("a") ? 1 : 0);
+   }
+   int status = -1;
+   ASSERT_EQ(child, waitpid(child, &status, 0));
+   EXPECT_EQ(0, status);
+   EXPECT_TRUE(geteuid() != 0 || Log().ends_with("setuid: ignoring user's config and preferences\n"));
+   log_.Clear();
+
    WriteFile(host_ + "config", "DisableUserPreferences = yes\njunk junk\n");
    Preference_Init();
    EXPECT_EQ("site", Get("a"));
-   EXPECT_EQ("DictionaryParseReadLine: syntax error with line, \"junk junk\".\n"
-             "PREF Optional preferences file not found at /Library/Preferences/Kestra Tessel/config. Using "
-             "default values.\n"
-             "PREF Disabling user preferences because disableUserPreferences is set.\n",
+   EXPECT_EQ("DictionaryParseReadLine: syntax error with line, \"junk junk\".\n" + notFound +
+                 "PREF Disabling user preferences because disableUserPreferences is set.\n",
              Log());
    Preference_Exit();
-
    std::filesystem::remove(host_ + "config");
    Preference_Init();
    EXPECT_EQ("user", Get("a"));
    EXPECT_EQ(
        "DictionaryLoad: Cannot open file \"/Library/Preferences/Kestra Tessel/config\": No such file or "
-       "directory.\n"
-       "PREF Optional preferences file not found at /Library/Preferences/Kestra Tessel/config. Using "
-       "default values.\n",
+       "directory.\n" +
+           notFound,
        Log());
-}
-
-TEST_F(Preferences, IgnoreTheUserInASetUidProcess)
-{
-   WriteFile(host_ + "config", "");
-   WriteFile(home_ + "config", "a=user\n");
-   const pid_t child = fork();
-   if (child == 0) {
-      if (seteuid(65534) == -1) {
-         _exit(77);
-      }
-      Preference_Init();
-      _exit(Preference_NotSet("a") ? 0 : 1);
-   }
-   int status = 0;
-   ASSERT_EQ(child, waitpid(child, &status, 0));
-   if (WEXITSTATUS(status) == 77) {
-      GTEST_SKIP() << "may not take on another effective user";
-   }
-   EXPECT_EQ(0, status);
-   EXPECT_NE(std::string::npos, Log().find("setuid: ignoring user's config and preferences\n"));
 }
 
 TEST_F(Preferences, StandThreadsThatReadAndSet)
 {
    WriteFile(home_ + "preferences", "number=1\ntext=\"x\"\n");
-   std::vector<std::thread> threads;
-   for (int thread = 0; thread < 4; thread++) {
-      threads.emplace_back([thread] {
-         Preference_Init();
-         for (int i = 0; i < 300; i++) {
-            const std::string name = "n" + std::to_string(i % 7);
-            if (thread % 2 == 0) {
-               Preference_SetFromString((name + "=" + std::to_string(i)).c_str(), true);
-            }
-            const int32_t value = Preference_GetInt32(i + 1, name.c_str());
-            EXPECT_TRUE(value >= 0 && value <= 300);
-            EXPECT_EQ(1, Preference_GetInt32(0, "number"));
-            EXPECT_EQ("x", Get("text"));
-            EXPECT_FALSE(Preference_NotSet("number"));
+   OnThreads(4, [](size_t thread) {
+      Preference_Init();
+      for (int i = 0; i < 300; i++) {
+         const std::string name = "n" + std::to_string(i % 7);
+         if (thread % 2 == 0) {
+            Preference_SetFromString((name + "=" + std::to_string(i)).c_str(), true);
          }
-      });
-   }
-   for (std::thread &thread : threads) {
-      thread.join();
-   }
+         const int32_t value = Preference_GetInt32(i + 1, name.c_str());
+         EXPECT_TRUE(value >= 0 && value <= 300);
+         EXPECT_TRUE(Get("text") == "x" && !Preference_NotSet("number"));
+      }
+   });
 }
 
 TEST(UtilExpandHome, ReplacesALeadingTilde)
 {
+   const auto expand = [](const char *path) { return Take(Util_ExpandHome(path)); };
    setenv("HOME", "/h", 1);
-   EXPECT_EQ("/h", Take(Util_ExpandHome("~")));
-   EXPECT_EQ("/h/a/~", Take(Util_ExpandHome("~/a/~")));
-   EXPECT_EQ("a/~/b", Take(Util_ExpandHome("a/~/b")));
-   EXPECT_EQ("/root/a", Take(Util_ExpandHome("~root/a")));
-   EXPECT_EQ("<null>", Take(Util_ExpandHome("~no-such-user-here/a")));
-   EXPECT_EQ("<null>", Take(Util_ExpandHome(nullptr)));
+   EXPECT_EQ("/h /h/a/~ a/~/b /root/a",
+             expand("~") + " " + expand("~/a/~") + " " + expand("a/~/b") + " " + expand("~root/a"));
+   EXPECT_EQ("<null><null>", expand("~no-such-user-here/a") + expand(nullptr));
    setenv("HOME", "", 1);
-   EXPECT_NE("<null>", Take(Util_ExpandHome("~/a")));
-   EXPECT_NE("/a", Take(Util_ExpandHome("~/a")));
+   EXPECT_NE("<null>", expand("~/a"));
+   EXPECT_NE("/a", expand("~/a"));
 }
 
 } // namespace

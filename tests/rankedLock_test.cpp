@@ -1,39 +1,23 @@
 #include "lib/misc/rankedLock.h"
 #include "tests/support/testSupport.h"
 
-#include <thread>
-#include <vector>
-
 namespace {
 
-struct LockEnd {
-   void operator()(RankedLock *lock) const
-   {
-      RankedLock_Free(lock);
-   }
-};
-
-using Lock = std::unique_ptr<RankedLock, LockEnd>;
+using Lock = std::unique_ptr<RankedLock, decltype([](RankedLock *lock) { RankedLock_Free(lock); })>;
 
 TEST(RankedLock, KeepsThreadsApartAndLetsItsHolderIn)
 {
    const Lock low(RankedLock_Create("low", 1));
    const Lock high(RankedLock_Create("high", 0xF0007100));
    int count = 0;
-   std::vector<std::thread> threads;
-   for (int i = 0; i < 4; i++) {
-      threads.emplace_back([&] {
-         for (int n = 0; n < 1000; n++) {
-            const RankedLockHold outer(low.get());
-            const RankedLockHold inner(high.get());
-            const RankedLockHold again(low.get());
-            count++;
-         }
-      });
-   }
-   for (std::thread &thread : threads) {
-      thread.join();
-   }
+   OnThreads(4, [&](size_t) {
+      for (int n = 0; n < 1000; n++) {
+         const RankedLockHold outer(low.get());
+         const RankedLockHold inner(high.get());
+         const RankedLockHold again(low.get());
+         count++;
+      }
+   });
    EXPECT_EQ(4000, count);
 }
 

@@ -16,20 +16,18 @@ TEST(Str, SnprintfCutsAtTheEndOfACharacter)
       const char *text;
       int result;
       const char *stored;
-   } cases[] = {
-       {4, "abc", 3, "abc"},
-       {4, "abcd", -1, "abc"},
-       {4, "ab\xE2\x82\xAC", -1, "ab"},
-       {5, "ab\xE2\x82\xAC", -1, "ab"},
-       {6, "ab\xE2\x82\xAC", 5, "ab\xE2\x82\xAC"},
-       {6, "ab\xE2\x82\xAC!", -1, "ab\xE2\x82\xAC"},
-       {4, "\xF0\x9F\x98\x80", -1, ""},
-       {5, "\xF0\x9F\x98\x80\xC3\xA9", -1, "\xF0\x9F\x98\x80"},
-       {4, "a\x80\x80\x80", -1, "a\x80\x80"},
-       {3, "\x80\x80\x80", -1, ""},
-       {1, "a", -1, ""},
-       {0, "a", -1, "????????"},
-   };
+   } cases[] = {{4, "abc", 3, "abc"},
+                {4, "abcd", -1, "abc"},
+                {4, "ab\xE2\x82\xAC", -1, "ab"},
+                {5, "ab\xE2\x82\xAC", -1, "ab"},
+                {6, "ab\xE2\x82\xAC", 5, "ab\xE2\x82\xAC"},
+                {6, "ab\xE2\x82\xAC!", -1, "ab\xE2\x82\xAC"},
+                {4, "\xF0\x9F\x98\x80", -1, ""},
+                {5, "\xF0\x9F\x98\x80\xC3\xA9", -1, "\xF0\x9F\x98\x80"},
+                {4, "a\x80\x80\x80", -1, "a\x80\x80"},
+                {3, "\x80\x80\x80", -1, ""},
+                {1, "a", -1, ""},
+                {0, "a", -1, "????????"}};
    for (const auto &[size, text, result, stored] : cases) {
       char buffer[] = "????????";
       EXPECT_EQ(Str_Snprintf(buffer, size, "%s", text), result) << text << " in " << size;

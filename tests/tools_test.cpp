@@ -210,17 +210,14 @@ TEST_F(Tools, SayWhyThereIsNoRegistration)
    EXPECT_EQ(ReadFile(taken), "#!/bin/sh\n");
 }
 
-TEST_F(Tools, ShareTheServices)
+TEST_F(Tools, ShareTheServicesUntilTheLastOneGoes)
 {
-   Program launch(LAUNCH +
-                  "-- sh -c 'tessel-client -- sleep 0.2 & tessel-client -- tessel-client -- true && wait'");
-   EXPECT_EQ(launch.Status(), 0);
-   EXPECT_EQ(Count(launch.output, "tessel-client: registered"), 3U) << launch.output;
+   Program sharing(LAUNCH +
+                   "-- sh -c 'tessel-client -- sleep 0.2 & tessel-client -- tessel-client -- true && wait'");
+   EXPECT_EQ(sharing.Status(), 0);
+   EXPECT_EQ(Count(sharing.output, "tessel-client: registered"), 3U) << sharing.output;
    ExpectOneLife();
-}
 
-TEST_F(Tools, LeaveTheServicesToAClientThatStaysLonger)
-{
    const std::string path = scratch_.Path("socket");
    Program launch(LAUNCH + "--socket " + path);
    ASSERT_TRUE(launch.Says("the services are up")) << launch.output;
@@ -233,10 +230,7 @@ TEST_F(Tools, LeaveTheServicesToAClientThatStaysLonger)
    EXPECT_EQ(client.Status(), 0);
    EXPECT_EQ(launch.Status(), 0);
    ExpectOneLife();
-}
 
-TEST_F(Tools, StopTheServicesOnASignal)
-{
    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
       SCOPED_TRACE(number);
       Program alone(LAUNCH);
@@ -262,8 +256,14 @@ TEST_F(Tools, PassOnASignalUnlessTheTerminalDoes)
    }
 }
 
-TEST_F(Tools, CanLeaveADaemonThatHangs)
+TEST_F(Tools, CanLeaveADaemonThatHangsAndNoticeItsEnd)
 {
+   Program alone(LAUNCH);
+   ASSERT_TRUE(alone.Says("the services are up")) << alone.output;
+   ASSERT_EQ(kill(DaemonPid(alone), SIGKILL), 0);
+   EXPECT_EQ(alone.Status(), 137);
+   EXPECT_EQ(Count(alone.output, "has ended while its services are in use"), 1U);
+
    Program launch("tessel-launch --daemon " + Script("echo up; exec sleep 60\n") + " -- echo ran");
    ASSERT_TRUE(launch.Says("daemon started"));
    ASSERT_TRUE(launch.Says("up\r\n"));
@@ -275,15 +275,6 @@ TEST_F(Tools, CanLeaveADaemonThatHangs)
    EXPECT_EQ(launch.Status(), 128 + SIGTERM);
    EXPECT_EQ(Count(launch.output, "ran\r\n"), 0U);
    EXPECT_TRUE(fs::is_empty(scratch_.Path()));
-}
-
-TEST_F(Tools, NoticeThatTheDaemonHasEnded)
-{
-   Program alone(LAUNCH);
-   ASSERT_TRUE(alone.Says("the services are up")) << alone.output;
-   ASSERT_EQ(kill(DaemonPid(alone), SIGKILL), 0);
-   EXPECT_EQ(alone.Status(), 137);
-   EXPECT_EQ(Count(alone.output, "has ended while its services are in use"), 1U);
 }
 
 TEST_F(Tools, GiveWhatIsMeantForOneAndNothingElse)

@@ -3,11 +3,14 @@
 #include "daemon/serviceLog.h"
 
 #include <algorithm>
+#include <barrier>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -60,6 +63,14 @@ std::string ScratchFolder::Path(const std::string &name) const
    return name.empty() ? path_ : path_ + "/" + name;
 }
 
+std::string ScratchFolder::Shorten(std::string text) const
+{
+   for (size_t at; (at = text.find(path_)) != std::string::npos;) {
+      text.replace(at, path_.size(), "@");
+   }
+   return text;
+}
+
 CapturedLog::CapturedLog()
 {
    Clear();
@@ -85,6 +96,13 @@ std::string CapturedLog::Text() const
    return WithoutTimestamps(Raw());
 }
 
+std::string CapturedLog::TakeText() const
+{
+   std::string text = Text();
+   Clear();
+   return text;
+}
+
 std::string WithoutTimestamps(const std::string &log)
 {
    static constexpr std::string_view pattern = "0000-00-00T00:00:00.000| ";
@@ -97,6 +115,18 @@ std::string WithoutTimestamps(const std::string &log)
       }
    }
    return text;
+}
+
+void OnThreads(size_t count, const std::function<void(size_t thread)> &work)
+{
+   std::barrier start(static_cast<std::ptrdiff_t>(count));
+   std::vector<std::jthread> threads;
+   for (size_t thread = 0; thread < count; thread++) {
+      threads.emplace_back([&, thread] {
+         start.arrive_and_wait();
+         work(thread);
+      });
+   }
 }
 
 std::string ReadFile(const std::string &path)

@@ -2,6 +2,7 @@
 #define TESSEL_TESTS_SUPPORT_TESTSUPPORT_H
 
 #include <cstdlib>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -27,6 +28,9 @@ class ScratchFolder {
    /* The folder's path, or that of a name in it. */
    [[nodiscard]] std::string Path(const std::string &name = "") const;
 
+   /* The text with "@" for the folder's path. */
+   [[nodiscard]] std::string Shorten(std::string text) const;
+
  private:
    std::string path_;
 };
@@ -46,12 +50,18 @@ class CapturedLog {
    /* Forgets what was logged so far. */
    void Clear() const;
 
+   /* The text so far, which is then forgotten. */
+   [[nodiscard]] std::string TakeText() const;
+
  private:
    ScratchFolder folder_;
 };
 
 /* A log as written, without its timestamp prefixes. */
 std::string WithoutTimestamps(const std::string &log);
+
+/* Runs work(0), work(1) and so on, each on a thread of its own, at the same time, and waits for them all. */
+void OnThreads(size_t count, const std::function<void(size_t thread)> &work);
 
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content);
