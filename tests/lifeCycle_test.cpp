@@ -32,35 +32,34 @@ ssize_t __real_write(int fd, const void *data, size_t length);
 
 namespace {
 
-/* What happens, a letter each. */
-enum : char {
-   HANDLE = '.',     /* The runtime handles one event, if there is any. */
-   SIGNAL = 's',     /* A signal interrupts its wait. */
-   BREAK = 'b',      /* Its wait fails. */
-   COME = 'c',       /* A client comes, and sends at once all that it has to. */
-   COME_AGAIN = 'd', /* One comes with the open file that the one before passed. */
-   HANG_UP = 'h',    /* One comes and goes. */
-   REFUSED = 'r',    /* One comes with two descriptors. */
-   UNWATCHABLE = 'u',
-   GO = 'g',    /* The oldest client that has not let go does so by closing. */
-   WRITE = 'w', /* The youngest one by writing. */
-   LAUNCHER_GOES = 'l',
-   FAIL_START = 'f', /* The next start fails. */
-   FAIL_STOP = 'x',
-   STEAL = 't', /* The next watched descriptor that the runtime closes is no longer open. */
-   /* The next handshake cannot: */
-   FIND = '0', /* ... find the client, although it is there. */
-   ACCEPT = '1',
-   GREET = '2',
-   RECEIVE = '3',
-   WATCH = '4',
-   ANSWER = '5',
-   CLOSE = '6',
-   NOTHING = '\0',
-};
+/* What happens, a letter each:
 
-constexpr char FAILURES[] = "fxt0123456";
-constexpr char EVERYTHING[] = ".sbcdhrugwlfxt0123456";
+      .   the runtime handles one event, if there is any
+      s   a signal interrupts its wait
+      b   its wait fails
+      c   a client comes, and sends at once all that it has to
+      d   one comes with the open file that the one before passed
+      h   one comes and hangs up
+      r   one comes with two descriptors, which is refused
+      u   one comes with what cannot be watched
+      g   the oldest client that has not let go does so, by closing
+      w   the youngest one does, by writing
+      l   the launcher goes
+
+   and what will fail when it comes to it:
+
+      f   a start
+      x   the stop
+      t   the closing of a watched descriptor, which is no longer open
+      N   an accept, which finds nothing, although a client is there
+      A   an accept
+      G   the write of a greeting
+      R   the receiving of a descriptor
+      W   the watching of it
+      Y   the write of an answer
+      C   the closing of a connection */
+constexpr char EVERYTHING[] = ".sbcdhrugwlfxtNAGRWYC";
+constexpr char FAILURES[] = "fxtNAGRWYC";
 
 /* More than a schedule can use up. */
 constexpr int DESCRIPTORS = 128;
@@ -112,26 +111,26 @@ class Life {
          if (next_ > 1 && !MayFollow(schedule_[next_ - 2], letter)) {
             Repeats();
          }
-         if (letter == SIGNAL) {
+         if (letter == 's') {
             errno = EINTR;
             return -1;
          }
-         if (letter == BREAK) {
+         if (letter == 'b') {
             logged_ += "Warning: ServiceImplDaemon: kevent errno 9.\n";
             return Fail();
          }
-         if (letter == HANDLE && IsPending()) {
+         if (letter == '.' && IsPending()) {
             return Deliver(queue, event);
          }
-         if (letter == HANDLE || !Happen(letter)) {
+         if (letter == '.' || !Happen(letter)) {
             Repeats();
          }
       }
       if (!ended_ && !IsPending()) {
          EXPECT_EQ(__real_epoll_wait(queue, event, 1, 0), 0) << "nothing has happened";
-         while (LetGo(GO)) {
+         while (LetGo('g')) {
          }
-         Happen(LAUNCHER_GOES);
+         Happen('l');
       }
       return Deliver(queue, event);
    }
@@ -143,7 +142,7 @@ class Life {
           (descriptor != -1 && descriptor != sLife->accepted_)) {
          return false;
       }
-      errno = step == FIND ? EAGAIN : ENFILE;
+      errno = step == 'N' ? EAGAIN : ENFILE;
       return true;
    }
 
@@ -158,7 +157,7 @@ class Life {
       if (sLife == nullptr || descriptor != sLife->accepted_) {
          return false;
       }
-      return Fails(std::exchange(sLife->greeted_, true) ? ANSWER : GREET);
+      return Fails(std::exchange(sLife->greeted_, true) ? 'Y' : 'G');
    }
 
  private:
@@ -179,13 +178,13 @@ class Life {
 
    static bool Start()
    {
-      sLife->starts_++;
+      sLife->startsDue_--;
       return sLife->startSucceeds_;
    }
 
    static bool Stop()
    {
-      sLife->stops_++;
+      sLife->stopsDue_--;
       return !sLife->stopFails_;
    }
 
@@ -193,32 +192,32 @@ class Life {
    bool Happen(char letter)
    {
       switch (letter) {
-      case COME:
+      case 'c':
          holds_.emplace_back();
          struct stat attributes;
          fstat(holds_.back().pipe.reader.get(), &attributes);
          holds_.back().identity = attributes.st_ino;
          return Come(letter, holds_.back().pipe.reader.get());
-      case COME_AGAIN:
+      case 'd':
          return !holds_.empty() && Come(letter, holds_.back().pipe.reader.get());
-      case HANG_UP:
-      case REFUSED:
-      case UNWATCHABLE:
+      case 'h':
+      case 'r':
+      case 'u':
          return Come(letter, sUnwatchable);
-      case GO:
-      case WRITE:
+      case 'g':
+      case 'w':
          return LetGo(letter);
-      case LAUNCHER_GOES:
+      case 'l':
          launcher_.writer.reset();
          return !std::exchange(launcherGone_, true);
-      case FAIL_START:
+      case 'f':
          return !std::exchange(startFails_, true);
-      case FAIL_STOP:
+      case 'x':
          return !std::exchange(stopFails_, true);
-      case STEAL:
+      case 't':
          return !std::exchange(steals_, true);
       default:
-         return std::exchange(armed_, letter) == NOTHING;
+         return std::exchange(armed_, letter) == '\0';
       }
    }
 
@@ -228,9 +227,9 @@ class Life {
                        OwnedDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))};
       const int fd = caller.connection.get();
       EXPECT_EQ(connect(fd, reinterpret_cast<const struct sockaddr *>(&address_), addressLength_), 0);
-      EXPECT_TRUE(SendMessage(fd, std::string(1, caller.data),
-                              std::vector<int>(kind == REFUSED ? 2 : 1, descriptor)));
-      if (kind == HANG_UP) {
+      EXPECT_TRUE(
+          SendMessage(fd, std::string(1, caller.data), std::vector<int>(kind == 'r' ? 2 : 1, descriptor)));
+      if (kind == 'h') {
          caller.connection.reset();
       }
       callers_.push_back(std::move(caller));
@@ -241,7 +240,7 @@ class Life {
    {
       Hold *leaving = nullptr;
       for (Hold &hold : holds_) {
-         if (!hold.gone && (how == WRITE || leaving == nullptr)) {
+         if (!hold.gone && (how == 'w' || leaving == nullptr)) {
             leaving = &hold;
          }
       }
@@ -249,7 +248,7 @@ class Life {
          return false;
       }
       leaving->gone = true;
-      if (how == GO) {
+      if (how == 'g') {
          leaving->pipe.writer.reset();
          return true;
       }
@@ -267,7 +266,7 @@ class Life {
       are several. */
    static bool MayFollow(char before, char letter)
    {
-      return strchr(FAILURES, before) == nullptr || letter == HANDLE ||
+      return strchr(FAILURES, before) == nullptr || letter == '.' ||
              strchr(FAILURES, letter) > strchr(FAILURES, before);
    }
 
@@ -304,17 +303,17 @@ class Life {
    /* What a caller goes through, and reads. */
    void Serve()
    {
-      failing_ = std::exchange(armed_, NOTHING);
-      if (failing_ == FIND || failing_ == ACCEPT) {
-         logged_ += failing_ == ACCEPT ? "Warning: ServiceImplOnNewClient: accept errno 23.\n" : "";
+      failing_ = std::exchange(armed_, '\0');
+      if (failing_ == 'N' || failing_ == 'A') {
+         logged_ += failing_ == 'A' ? "Warning: ServiceImplOnNewClient: accept errno 23.\n" : "";
          return;
       }
       served_ = std::move(callers_.front());
       callers_.pop_front();
       answer_.clear();
-      if (failing_ == GREET) {
+      if (failing_ == 'G') {
          logged_ += "Warning: ServiceImplWriteOne: write errno 23.\n";
-      } else if (served_->kind != HANG_UP) {
+      } else if (served_->kind != 'h') {
          answer_ += sGreeting;
          Receive();
       }
@@ -322,24 +321,24 @@ class Life {
 
    void Receive()
    {
-      if (failing_ == RECEIVE) {
+      if (failing_ == 'R') {
          logged_ += "Warning: ServiceImplRecvFd: recvmsg errno 23.\n";
          return;
       }
       sGreeting = served_->data;
-      if (served_->kind == REFUSED) {
+      if (served_->kind == 'r') {
          logged_ += "Warning: ServiceImplRecvFd: Unexpected message.\n";
          return;
       }
       char reply = '0';
-      if (served_->kind == UNWATCHABLE || failing_ == WATCH) {
+      if (served_->kind == 'u' || failing_ == 'W') {
          logged_ += "Warning: ServiceImplAddReadSource: kevent errno " +
-                    std::to_string(failing_ == WATCH ? ENFILE : EPERM) + ".\n";
+                    std::to_string(failing_ == 'W' ? ENFILE : EPERM) + ".\n";
          leftOpen_++;
       } else {
          reply = Register();
       }
-      if (failing_ == ANSWER) {
+      if (failing_ == 'Y') {
          logged_ += "Warning: ServiceImplWriteOne: write errno 23.\n";
       } else {
          answer_ += reply;
@@ -351,7 +350,7 @@ class Life {
       if (registered_ == 0) {
          logged_ += "ServiceImplRef: Before start().\nServiceImplRef: After start().\n";
          startSucceeds_ = !std::exchange(startFails_, false);
-         expectedStarts_++;
+         startsDue_++;
          if (!startSucceeds_) {
             return '0';
          }
@@ -385,7 +384,7 @@ class Life {
             End(0, "");
          }
       } else if (--registered_ == 0) {
-         expectedStops_++;
+         stopsDue_++;
          End(stopFails_ ? 1 : 0, "ServiceImplUnref: Before stop().\nServiceImplUnref: After stop().\n");
       }
    }
@@ -398,15 +397,15 @@ class Life {
 
    void AfterHandling()
    {
-      if (std::exchange(failing_, NOTHING) == CLOSE) {
+      if (std::exchange(failing_, '\0') == 'C') {
          End(1, "Warning: ServiceImplClose: close " + std::to_string(accepted_) + " errno 23.\n");
       }
       if (served_) {
          EXPECT_EQ(Received(served_->connection.get()), answer_);
          served_.reset();
       }
-      EXPECT_EQ(starts_, expectedStarts_);
-      EXPECT_EQ(stops_, expectedStops_);
+      EXPECT_EQ(startsDue_, 0);
+      EXPECT_EQ(stopsDue_, 0);
    }
 
    /* All that was sent over a connection; the other end must be closed. */
@@ -450,7 +449,7 @@ class Life {
       EXPECT_EQ(std::count_if(all.begin(), all.end(),
                               [](const auto &one) { return (one.revents & POLLNVAL) == 0; }),
                 expected);
-      close_range(all.front().fd, all.back().fd, 0);
+      close_range(static_cast<unsigned>(sUnwatchable) + 1, ~0U, 0);
    }
 
    static inline char sGreeting = 0; /* As the runtime's, kept from life to life. */
@@ -466,18 +465,16 @@ class Life {
    std::deque<Hold> holds_;
    std::optional<Caller> served_;
    char data_ = 'A';
-   char armed_ = NOTHING;
-   char failing_ = NOTHING;
+   char armed_ = '\0';
+   char failing_ = '\0';
    int accepted_ = -1; /* The last connection. */
    bool greeted_ = false;
-   int starts_ = 0;
-   int stops_ = 0;
    bool startSucceeds_ = true;
 
    /* The model. */
    uint32_t registered_ = 0;
-   int expectedStarts_ = 0;
-   int expectedStops_ = 0;
+   int startsDue_ = 0; /* Less those that were made. */
+   int stopsDue_ = 0;
    bool startFails_ = false;
    bool stopFails_ = false;
    bool steals_ = false;
@@ -494,22 +491,21 @@ class Life {
 extern "C" {
 int __wrap_accept4(int listener, struct sockaddr *address, socklen_t *length, int flags)
 {
-   return Life::Fails(FIND) || Life::Fails(ACCEPT)
+   return Life::Fails('N') || Life::Fails('A')
               ? -1
               : Life::Accept(__real_accept4(listener, address, length, flags));
 }
 
 int __wrap_close(int fd)
 {
-   const bool fails = Life::Fails(CLOSE, fd);
+   const bool fails = Life::Fails('C', fd);
    const int result = __real_close(fd);
    return fails ? -1 : result;
 }
 
 int __wrap_epoll_ctl(int queue, int operation, int fd, struct epoll_event *event)
 {
-   return operation == EPOLL_CTL_ADD && Life::Fails(WATCH) ? -1
-                                                           : __real_epoll_ctl(queue, operation, fd, event);
+   return operation == EPOLL_CTL_ADD && Life::Fails('W') ? -1 : __real_epoll_ctl(queue, operation, fd, event);
 }
 
 int __wrap_epoll_wait(int queue, struct epoll_event *events, int, int)
@@ -519,7 +515,7 @@ int __wrap_epoll_wait(int queue, struct epoll_event *events, int, int)
 
 ssize_t __wrap_recvmsg(int fd, struct msghdr *message, int flags)
 {
-   return Life::Fails(RECEIVE, fd) ? -1 : __real_recvmsg(fd, message, flags);
+   return Life::Fails('R', fd) ? -1 : __real_recvmsg(fd, message, flags);
 }
 
 ssize_t __wrap_write(int fd, const void *data, size_t length)
@@ -570,7 +566,7 @@ size_t RunAll(const std::string &letters, size_t length)
 
 TEST_F(LifeCycle, IsRightInEveryOrder)
 {
-   for (const auto &[letters, length] : {std::pair(EVERYTHING, 4), {".cgwlfx", 7}}) {
+   for (const auto &[letters, length] : {std::pair<const char *, size_t>(EVERYTHING, 4), {".cgwlfx", 7}}) {
       std::cout << letters << ", " << length << " of them: " << RunAll(letters, length) << " lives\n";
    }
 }
@@ -584,7 +580,7 @@ TEST_F(LifeCycle, IsRightInRandomOrder)
 
    std::cout << schedules << " schedules, seed " << seed << "\n";
    for (uint64_t i = 0; i < schedules && !HasFailure(); i++) {
-      std::string schedule(1 + random() % 24, HANDLE);
+      std::string schedule(1 + random() % 24, '.');
       for (char &letter : schedule) {
          letter = letters[random() % letters.size()];
       }
