@@ -32,7 +32,6 @@ constexpr char SCRIPT[] = "#!/bin/sh -p\n"
 constexpr char STARTED[] = "ServiceImplRef: Before start().\nServiceImplRef: After start().\n";
 constexpr char NO_KEXT[] =
     "Warning: TesselServicesWaitForKext: CTLIOCGINFO failed: No such file or directory\n";
-constexpr char UNEXPECTED[] = "Warning: ServiceImplRecvFd: Unexpected message.\n";
 
 std::string RegistrationFailed(int error)
 {
@@ -205,144 +204,6 @@ TEST_F(Daemon, RefusesWrongArguments)
    }
 }
 
-TEST_F(Daemon, OutlivesItsLauncherWhileClientsAreThere)
-{
-   for (const size_t clients : {0U, 1U, 2U}) {
-      MakeLibrary();
-      DaemonProcess daemon(Image());
-      std::vector<std::unique_ptr<Client>> held(clients);
-      for (auto &client : held) {
-         client = std::make_unique<Client>(daemon);
-      }
-      daemon.DropLauncher();
-      if (clients != 0) {
-         EXPECT_EQ(Client(daemon).Reply(), '1');
-      }
-      held.clear();
-      EXPECT_EQ(daemon.ExitStatus(), 0);
-      EXPECT_EQ(Logged(),
-                clients != 0 ? STARTED + Stopped(NO_KEXTS, 0) : "ServiceImplDaemon: Exiting with code 0.\n");
-      EXPECT_EQ(fs::exists(COPY), clients == 0);
-   }
-}
-
-TEST_F(Daemon, GreetsWithTheLastDataByteThatArrived)
-{
-   DaemonProcess daemon(Image());
-   Pipe pipe;
-   Connection first(daemon);
-   EXPECT_EQ(first.Read(), 0);
-   ASSERT_TRUE(first.Send("a", {pipe.reader.get()}));
-   EXPECT_EQ(first.Read(), '1');
-   Connection second(daemon);
-   EXPECT_EQ(second.Read(), 'a');
-   ASSERT_TRUE(second.Send("b", {}));
-   EXPECT_EQ(second.Read(), std::nullopt);
-   EXPECT_EQ(Connection(daemon).Read(), 'b') << "a refused message arrived too";
-}
-
-/* Each line: how a client's descriptor is made ready, once it is registered as often as said. */
-TEST_F(Daemon, CountsEveryWayOfLettingGoOnce)
-{
-   const struct {
-      const char *what;
-      int registrations;
-      bool keepsACopy;
-      void (*letGo)(Pipe &);
-   } ways[] = {
-       {"closes", 1, false, [](Pipe &pipe) { pipe.writer.reset(); }},
-       {"writes", 1, false, [](Pipe &pipe) { EXPECT_EQ(write(pipe.writer.get(), "x", 1), 1); }},
-       {"closes, but keeps a copy of what it passed", 1, true, [](Pipe &pipe) { pipe.writer.reset(); }},
-       {"passed the same open file twice", 2, true, [](Pipe &pipe) { pipe.writer.reset(); }},
-   };
-   for (const auto &way : ways) {
-      SCOPED_TRACE(way.what);
-      MakeLibrary();
-      DaemonProcess daemon(Image());
-      Client other(daemon);
-      Pipe pipe;
-      for (int i = 0; i < way.registrations; i++) {
-         EXPECT_EQ(Connection(daemon).HandOver(pipe.reader.get()), '1');
-      }
-      if (!way.keepsACopy) {
-         pipe.reader.reset();
-      }
-      way.letGo(pipe);
-      EXPECT_EQ(Client(daemon).Reply(), '1');
-      EXPECT_EQ(ReadFile(ACTIONS), "--start\n");
-      other.LetGo();
-      EXPECT_EQ(daemon.ExitStatus(), 0);
-      EXPECT_EQ(Logged(), STARTED + Stopped(NO_KEXTS, 0));
-   }
-}
-
-TEST_F(Daemon, TakesSocketsAndRefusesWhatCannotBeWatched)
-{
-   DaemonProcess daemon(Image());
-   const OwnedDescriptor file(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
-   int sockets[2];
-   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
-   OwnedDescriptor held(sockets[0]);
-   const OwnedDescriptor passed(sockets[1]);
-
-   const size_t descriptors = daemon.OpenDescriptors();
-   EXPECT_EQ(Connection(daemon).HandOver(file.get()), '0');
-   EXPECT_EQ(daemon.OpenDescriptors(), descriptors + 1) << "left open on purpose";
-   EXPECT_EQ(Connection(daemon).HandOver(passed.get()), '1');
-   held.reset();
-   EXPECT_EQ(daemon.ExitStatus(), 0);
-   EXPECT_EQ(Logged(), RegistrationFailed(EPERM) + STARTED + Stopped(NO_KEXTS, 0));
-}
-
-/* Each line: what a bad client does until its end, and what is logged about it. */
-TEST_F(Daemon, SurvivesBadClientsWithoutALeak)
-{
-   Pipe pipe;
-   const int fd = pipe.reader.get();
-   const struct {
-      const char *what;
-      std::function<void(Connection &)> act;
-      const char *logged;
-   } shapes[] = {
-       {"hang up before the greeting", [](Connection &c) { c.Close(); }, ""},
-       {"hang up after the greeting", [](Connection &c) { c.Read(), c.Close(); }, ""},
-       {"end of sending", [](Connection &c) { c.ShutdownSending(), c.Read(); }, ""},
-       {"data without a descriptor", [](Connection &c) { c.Send("x", {}), c.Read(); }, UNEXPECTED},
-       {"half a message", [](Connection &c) { c.Send("x", {}), c.ShutdownSending(), c.Read(); }, UNEXPECTED},
-       {"two descriptors",
-        [fd](Connection &c) {
-           c.Send("x", {fd, fd}), c.Read();
-        },
-        UNEXPECTED},
-       {"as many as fit", [fd](Connection &c) { c.Send("x", std::vector<int>(253, fd)), c.Read(); },
-        UNEXPECTED},
-       {"the descriptor too late", [fd](Connection &c) { c.Send("x", {}), c.Send("x", {fd}), c.Read(); },
-        UNEXPECTED},
-   };
-   DaemonProcess daemon(Image());
-   const size_t descriptors = daemon.OpenDescriptors();
-   std::string expected;
-   for (const auto &shape : shapes) {
-      SCOPED_TRACE(shape.what);
-      Connection bad(daemon);
-      shape.act(bad);
-      bad.Read();
-      bad.Close();
-      EXPECT_EQ(daemon.OpenDescriptors(), descriptors);
-      expected += shape.logged;
-      EXPECT_EQ(Logged(), expected);
-   }
-   {
-      Connection hasty(daemon);
-      hasty.Read();
-      hasty.Send("x", {fd});
-   }
-   const Client good(daemon);
-   EXPECT_EQ(good.Reply(), '1');
-   EXPECT_EQ(daemon.OpenDescriptors(), descriptors + 2)
-       << "who does not wait for the answer is registered too";
-}
-
 TEST_F(Daemon, LeavesSigpipeAsItIs)
 {
    {
@@ -355,18 +216,6 @@ TEST_F(Daemon, LeavesSigpipeAsItIs)
    DaemonProcess daemon(Image());
    daemon.WhileStopped([&] { Connection(daemon).Close(); });
    EXPECT_EQ(daemon.ExitStatus(), -SIGPIPE);
-}
-
-TEST_F(Daemon, SurvivesInterruptionsOfTheWait)
-{
-   DaemonProcess daemon(Image());
-   for (int i = 0; i < 20; i++) {
-      daemon.AwaitCall({SYS_epoll_wait, SYS_epoll_pwait});
-      daemon.WhileStopped([] {});
-   }
-   EXPECT_EQ(Client(daemon).Reply(), '1');
-   EXPECT_EQ(daemon.ExitStatus(), 0);
-   EXPECT_EQ(Logged(), STARTED + Stopped(NO_KEXTS, 0));
 }
 
 TEST_F(Daemon, HoldsTwoThousandClients)
@@ -390,6 +239,26 @@ TEST_F(Daemon, HoldsTwoThousandClients)
    held.clear();
    EXPECT_EQ(daemon.ExitStatus(), 0);
    EXPECT_EQ(Logged(), STARTED + Stopped(NO_KEXTS, 0));
+}
+
+TEST_F(Daemon, StopsTheServicesThoughItsTableIsFull)
+{
+   DaemonProcess daemon([image = Image()](int listener, int launcher) {
+      const struct rlimit limit = {.rlim_cur = 64, .rlim_max = 64};
+      setrlimit(RLIMIT_NOFILE, &limit);
+      image(listener, launcher);
+   });
+   Client client(daemon);
+   const OwnedDescriptor leftOpen(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+   size_t refused = 0;
+   while (Connection(daemon).HandOver(leftOpen.get()) == '0') {
+      refused++;
+   }
+   EXPECT_GT(refused, 40U);
+   client.LetGo();
+   EXPECT_EQ(daemon.ExitStatus(), 0);
+   EXPECT_EQ(ReadFile(ACTIONS), "--start\n--stopdaemons\n--stopkexts\n");
+   EXPECT_FALSE(fs::exists(COPY));
 }
 
 TEST_F(Daemon, OnlyLogsThatTheServicesFail)

@@ -199,6 +199,11 @@ void Connection::Close()
    socket_.reset();
 }
 
+int Connection::Socket() const
+{
+   return socket_.get();
+}
+
 Client::Client(const DaemonProcess &daemon) : reply_(Connection(daemon).HandOver(held_.reader.get()))
 {
    held_.reader.reset();

@@ -76,6 +76,9 @@ class Connection {
    void ShutdownSending();
    void Close();
 
+   /* This end of the connection, for what the routines above cannot do. */
+   [[nodiscard]] int Socket() const;
+
  private:
    OwnedDescriptor socket_;
 };

@@ -142,6 +142,12 @@ void WriteFile(const std::string &path, const std::string &content)
    std::ofstream(path, std::ios::binary) << content;
 }
 
+uint64_t FromEnvironment(const char *name, uint64_t otherwise)
+{
+   const char *text = getenv(name);
+   return text != nullptr ? strtoull(text, nullptr, 10) : otherwise;
+}
+
 void LogToStandardError()
 {
    PointLogAt(STDERR_FILENO);

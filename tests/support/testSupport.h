@@ -1,6 +1,7 @@
 #ifndef TESSEL_TESTS_SUPPORT_TESTSUPPORT_H
 #define TESSEL_TESTS_SUPPORT_TESTSUPPORT_H
 
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <gtest/gtest.h>
@@ -65,6 +66,9 @@ void OnThreads(size_t count, const std::function<void(size_t thread)> &work);
 
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content);
+
+/* The number that a variable of the environment holds, or another one if it is not set. */
+uint64_t FromEnvironment(const char *name, uint64_t otherwise);
 
 /* The statement ends the process through Panic with a text that matches the regular expression. */
 #define EXPECT_PANIC(statement, textRegex)                                                                   \

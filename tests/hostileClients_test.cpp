@@ -1,0 +1,398 @@
+/* Clients that break the handshake in every way there is, and the daemon as it ships, in a private /Library (see
+   run-in-private-library). */
+
+#include "tests/support/daemonHarness.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <pty.h>
+#include <random>
+#include <set>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path LOG = "/Library/Logs/Kestra Tessel Services.log";
+
+constexpr char UNEXPECTED[] = "Warning: ServiceImplRecvFd: Unexpected message.";
+constexpr char NO_ROOM[] = "Warning: ServiceImplOnNewClient: accept errno 24.";
+
+/* Refused descriptors stay open on purpose, so there may only be so many in one daemon. */
+constexpr size_t LEFT_OPEN_LIMIT = 300;
+
+/* Parts of the program that are needed for the first time, and a table of what is watched, up to the limit above. */
+constexpr size_t RESIDENT_GROWTH_KIB = 256;
+
+using Act = std::function<void(Connection &)>;
+
+/* One way to be a client. After its act it sends no more, and reads the greeting and the answer. */
+struct Shape {
+   std::string what;
+   std::optional<char> answer;
+   std::string logged;
+   Act act;
+};
+
+Act Sends(const std::string &text, int descriptor, size_t times = 1)
+{
+   return [=](Connection &c) { c.Send(text, std::vector<int>(times, descriptor)); };
+}
+
+/* Control records of these types; a cut takes bytes off the end of them all. */
+Act SendsRecords(const std::vector<std::pair<int, std::string>> &records, size_t cut = 0)
+{
+   return [=](Connection &c) {
+      alignas(struct cmsghdr) char control[256] = {};
+      char data = 'x';
+      struct iovec part = {.iov_base = &data, .iov_len = 1};
+      struct msghdr message = {};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = control;
+      for (const auto &[type, bytes] : records) {
+         auto *record = reinterpret_cast<struct cmsghdr *>(control + message.msg_controllen);
+         record->cmsg_len = CMSG_LEN(bytes.size());
+         record->cmsg_level = SOL_SOCKET;
+         record->cmsg_type = type;
+         bytes.copy(reinterpret_cast<char *>(CMSG_DATA(record)), bytes.size());
+         message.msg_controllen += CMSG_SPACE(bytes.size());
+      }
+      message.msg_controllen -= cut;
+      sendmsg(c.Socket(), &message, 0);
+   };
+}
+
+template <typename Value> std::string Bytes(const Value &value)
+{
+   return {reinterpret_cast<const char *>(&value), sizeof value};
+}
+
+/* Something that nobody should pass; error is that of watching it. Open to the end of the process. */
+struct Thing {
+   const char *what;
+   int fd;
+   int error;
+};
+
+int EndedPipe()
+{
+   return Pipe().reader.release();
+}
+
+int Readable(int reader, int writer)
+{
+   EXPECT_EQ(write(writer, "x", 1), 1);
+   return reader;
+}
+
+int Fifo()
+{
+   const ScratchFolder folder;
+   mkfifo(folder.Path("fifo").c_str(), 0600);
+   const int fd = open(folder.Path("fifo").c_str(), O_RDWR | O_CLOEXEC);
+   return Readable(fd, fd);
+}
+
+int ShutListener()
+{
+   const int listener = ListenAt(ScratchFolder().Path("socket")).release();
+   EXPECT_EQ(shutdown(listener, SHUT_RDWR), 0);
+   return listener;
+}
+
+int EndedProcess()
+{
+   const pid_t child = fork();
+   if (child == 0) {
+      _exit(0);
+   }
+   const auto process = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+   EXPECT_EQ(waitpid(child, nullptr, 0), child);
+   return process;
+}
+
+int HungUpTerminal()
+{
+   int master;
+   int terminal;
+   EXPECT_EQ(openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
+   close(master);
+   return terminal;
+}
+
+/* So many queues that each watch the one before that the daemon's would be one too many. */
+int DeepQueue()
+{
+   struct epoll_event event = {.events = EPOLLIN, .data = {}};
+   int deepest = EndedPipe();
+   for (int queue = epoll_create1(EPOLL_CLOEXEC); epoll_ctl(queue, EPOLL_CTL_ADD, deepest, &event) == 0;
+        queue = epoll_create1(EPOLL_CLOEXEC)) {
+      deepest = queue;
+   }
+   return deepest;
+}
+
+std::vector<Thing> Things()
+{
+   Pipe broken;
+   broken.reader.reset();
+   Pipe full;
+   int sockets[2];
+   EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets), 0);
+   return {
+       {"the reading end of a closed pipe", EndedPipe(), 0},
+       {"the writing end of a closed pipe", broken.writer.release(), 0},
+       {"a pipe that is readable", Readable(full.reader.release(), full.writer.release()), 0},
+       {"a FIFO that is open for both", Fifo(), 0},
+       {"a datagram socket", Readable(sockets[0], sockets[1]), 0},
+       {"a socket that is not connected", socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), 0},
+       {"an eventfd", eventfd(1, EFD_CLOEXEC), 0},
+       {"a listening socket that was shut down", ShutListener(), 0},
+       {"a process that has ended", EndedProcess(), 0},
+       {"a terminal that was hung up", HungUpTerminal(), 0},
+       {"a queue too deep", DeepQueue(), ELOOP},
+       {"a regular file", open("/proc/self/exe", O_RDONLY | O_CLOEXEC), EPERM},
+       {"a file in memory", memfd_create("thing", MFD_CLOEXEC), EPERM},
+       {"a directory", open("/", O_RDONLY | O_CLOEXEC), EPERM},
+       {"a device", open("/dev/null", O_RDWR | O_CLOEXEC), EPERM},
+       {"a path", open("/", O_PATH | O_CLOEXEC), EBADF},
+   };
+}
+
+/* What goes wrong apart from what is passed. */
+std::vector<Shape> Conversations(const DaemonProcess &daemon)
+{
+   const int fd = EndedPipe();
+   const std::pair<int, std::string> rights = {SCM_RIGHTS, Bytes(fd)};
+   const std::pair<int, std::string> who = {SCM_CREDENTIALS,
+                                            Bytes(ucred{.pid = getpid(), .uid = getuid(), .gid = getgid()})};
+   const Act manyHangUp = [&daemon](Connection &c) {
+      std::vector<std::unique_ptr<Connection>> others(20);
+      for (auto &other : others) {
+         other = std::make_unique<Connection>(daemon);
+      }
+      c.Close();
+   };
+   const Act peeks = [](Connection &c) {
+      char byte;
+      recv(c.Socket(), &byte, 1, MSG_PEEK), c.Close();
+   };
+   const Act isUrgent = [](Connection &c) { send(c.Socket(), "x", 1, MSG_OOB); };
+   const Act floods = [isUrgent](Connection &c) {
+      for (int i = 0; i < 50; i++) {
+         isUrgent(c);
+      }
+      c.Send("x", {});
+   };
+   return {
+       {"says nothing", {}, "", [](Connection &) {}},
+       {"does not even listen", {}, "", [](Connection &c) { shutdown(c.Socket(), SHUT_RDWR); }},
+       {"hangs up", {}, "", [](Connection &c) { c.Close(); }},
+       {"hangs up when greeted", {}, "", [](Connection &c) { c.Read(), c.Close(); }},
+       {"hangs up on the greeting", {}, "", peeks},
+       {"many that hang up before their turn", {}, "", manyHangUp},
+       {"data without a descriptor", {}, UNEXPECTED, Sends("x", fd, 0)},
+       {"a lot of data", {}, UNEXPECTED, Sends(std::string(60000, 'x'), fd, 0)},
+       {"a byte a message", {}, UNEXPECTED, [](Connection &c) { c.Send("x", {}), c.Send("x", {}); }},
+       {"a descriptor too late", {}, UNEXPECTED, [=](Connection &c) { c.Send("x", {}), c.Send("x", {fd}); }},
+       {"a descriptor without data", {}, "", Sends("", fd)},
+       {"two descriptors", {}, UNEXPECTED, Sends("x", fd, 2)},
+       {"many descriptors", {}, UNEXPECTED, Sends("x", fd, 64)},
+       {"as many as fit", {}, UNEXPECTED, Sends("x", fd, 253)},
+       {"two records", {}, UNEXPECTED, SendsRecords({rights, rights})},
+       {"credentials", {}, UNEXPECTED, SendsRecords({who})},
+       {"credentials with it", '1', "", SendsRecords({who, rights})},
+       {"a record cut short", {}, "", SendsRecords({rights}, 5)},
+       {"urgent data", {}, "", isUrgent},
+       {"much urgent data", {}, UNEXPECTED, floods},
+       {"urgent data behind it", '1', "", [=](Connection &c) { c.Send("x", {fd}), isUrgent(c); }},
+       {"data behind it", '1', "", Sends(std::string(1000, 'x'), fd)},
+       {"another behind it", '1', "", [=](Connection &c) { c.Send("x", {fd}), Sends("x", fd, 253)(c); }},
+       {"its own end", '1', "", [](Connection &c) { c.Send("x", {c.Socket()}); }},
+       {"does not wait", {}, "", [=](Connection &c) { c.Read(), c.Send("x", {fd}), c.Close(); }},
+   };
+}
+
+class HostileClients : public testing::Test {
+ protected:
+   void SetUp() override
+   {
+      if (getenv("TESSEL_PRIVATE_LIBRARY") == nullptr) {
+         GTEST_SKIP() << "needs a private /Library: run it through run-in-private-library";
+      }
+      signal(SIGPIPE, SIG_IGN);
+      fs::create_directories(LOG.parent_path());
+      daemon_.emplace([](int listener, int launcher) {
+         execl(TESSEL_DAEMON, TESSEL_DAEMON, std::to_string(listener).c_str(),
+               std::to_string(launcher).c_str(), nullptr);
+      });
+      anchor_.emplace(*daemon_);
+      ASSERT_EQ(anchor_->Reply(), '1');
+      daemon_->AwaitCall({SYS_epoll_wait, SYS_epoll_pwait});
+      for (const auto &entry : fs::directory_iterator("/proc/" + std::to_string(daemon_->Pid()) + "/fd")) {
+         idle_.insert(entry.path().filename());
+      }
+      shapes_ = Conversations(*daemon_);
+      for (const auto &[what, fd, error] : Things()) {
+         const std::string failed = "Warning: ServiceImplAddReadSource: kevent errno ";
+         EXPECT_NE(fd, -1) << what;
+         shapes_.push_back({what, error == 0 ? '1' : '0',
+                            error == 0 ? "" : failed + std::to_string(error) + ".", Sends("x", fd)});
+      }
+   }
+
+   void TearDown() override
+   {
+      if (anchor_) {
+         anchor_->LetGo();
+         EXPECT_EQ(daemon_->ExitStatus(), 0);
+      }
+   }
+
+   void Behave(const Shape &shape, bool hasRoom = true) const
+   {
+      Connection bad(*daemon_);
+      Connection good(*daemon_);
+      const Pipe pipe;
+      shape.act(bad);
+      bad.ShutdownSending();
+      bad.Read();
+      EXPECT_EQ(bad.Read(), hasRoom ? shape.answer : std::nullopt) << shape.what;
+      EXPECT_EQ(good.HandOver(pipe.reader.get()), hasRoom ? std::optional('1') : std::nullopt)
+          << "the one behind " << shape.what;
+   }
+
+   /* Sets how many more descriptors the daemon can open than while nobody is served. */
+   void SetRoom(size_t room) const
+   {
+      struct rlimit limits;
+      rlim_t limit = 0;
+      for (size_t free = 0; free < room || idle_.contains(std::to_string(limit)); limit++) {
+         free += idle_.contains(std::to_string(limit)) ? 0 : 1;
+      }
+      EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limits), 0);
+      limits.rlim_cur = limit;
+      EXPECT_EQ(prlimit(daemon_->Pid(), RLIMIT_NOFILE, &limits, nullptr), 0);
+   }
+
+   size_t ResidentKib() const
+   {
+      const std::string text = ReadFile("/proc/" + std::to_string(daemon_->Pid()) + "/smaps_rollup");
+      return strtoul(text.c_str() + text.find("\nRss:") + 5, nullptr, 10);
+   }
+
+   /* How often each line was logged, from this place on. */
+   static std::map<std::string, size_t> Logged(uintmax_t from)
+   {
+      constexpr size_t timestamp = 25;
+      std::map<std::string, size_t> lines;
+      std::ifstream log(LOG);
+      log.seekg(static_cast<std::streamoff>(from));
+      for (std::string line; std::getline(log, line);) {
+         lines[line.substr(std::min(timestamp, line.size()))]++;
+      }
+      return lines;
+   }
+
+   std::vector<Shape> shapes_;
+   std::optional<DaemonProcess> daemon_;
+   std::optional<Client> anchor_;
+   std::set<std::string> idle_; /* What is open while nobody is served. */
+};
+
+TEST_F(HostileClients, LeaveNothingBehindAndHoldNobodyUp)
+{
+   const uint64_t rounds = FromEnvironment("TESSEL_HOSTILE_ROUNDS", 20000);
+   const uint64_t seed = FromEnvironment("TESSEL_SEED", std::random_device()());
+   std::mt19937_64 random(seed);
+   std::map<std::string, size_t> expected;
+   size_t leftOpen = 0;
+
+   for (const Shape &shape : shapes_) {
+      Behave(shape);
+      leftOpen += shape.answer == '0' ? 1 : 0;
+   }
+   const size_t descriptors = daemon_->OpenDescriptors() - leftOpen;
+   const size_t resident = ResidentKib();
+   const uintmax_t logged = fs::file_size(LOG);
+
+   for (uint64_t round = 0; round < rounds && !HasFailure();) {
+      const Shape &shape = shapes_[random() % shapes_.size()];
+      if (shape.answer != '0' || leftOpen < LEFT_OPEN_LIMIT) {
+         Behave(shape);
+         leftOpen += shape.answer == '0' ? 1 : 0;
+         expected[shape.logged]++;
+         round++;
+      }
+   }
+   expected.erase("");
+   EXPECT_EQ(daemon_->OpenDescriptors(), descriptors + leftOpen);
+   EXPECT_EQ(Logged(logged), expected);
+   const size_t residentAfter = ResidentKib();
+   EXPECT_LE(residentAfter, resident + RESIDENT_GROWTH_KIB);
+   std::cout << rounds << " clients of " << shapes_.size() << " kinds, seed " << seed << ": " << descriptors
+             << " descriptors open, " << leftOpen << " more left open on purpose, resident " << resident
+             << " KiB before and " << residentAfter << " KiB after\n";
+}
+
+/* Room for one is that for the connection: there is none for a descriptor that comes over it. */
+TEST_F(HostileClients, AreHungUpOnWhereThereIsNoRoom)
+{
+   const size_t descriptors = daemon_->OpenDescriptors();
+   SetRoom(1);
+   for (const Shape &shape : shapes_) {
+      Behave(shape, false);
+   }
+   SetRoom(10);
+   EXPECT_EQ(daemon_->OpenDescriptors(), descriptors);
+   EXPECT_EQ(Client(*daemon_).Reply(), '1');
+}
+
+TEST_F(HostileClients, WaitWhereNoneCanBeAccepted)
+{
+   SetRoom(0);
+   Connection waiting(*daemon_);
+   const Pipe pipe;
+   while (Logged(0)[NO_ROOM] < 2) {
+      usleep(1000);
+   }
+   SetRoom(2);
+   EXPECT_EQ(waiting.HandOver(pipe.reader.get()), '1');
+}
+
+TEST_F(HostileClients, KeepOthersOutOnlyWhileTheyFillTheTable)
+{
+   constexpr size_t room = 20;
+   std::vector<std::unique_ptr<Client>> held;
+
+   SetRoom(room);
+   do {
+      held.push_back(std::make_unique<Client>(*daemon_));
+   } while (held.back()->Reply());
+   EXPECT_EQ(held.size(), room) << "the last place is the connection's";
+   held.pop_back();
+   const size_t full = daemon_->OpenDescriptors();
+   for (auto &client : held) {
+      client->LetGo();
+      EXPECT_EQ(daemon_->OpenDescriptors(), full - 1);
+      client = std::make_unique<Client>(*daemon_);
+      EXPECT_EQ(client->Reply(), '1');
+      EXPECT_EQ(Client(*daemon_).Reply(), std::nullopt);
+   }
+}
+
+} // namespace
