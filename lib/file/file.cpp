@@ -97,7 +97,7 @@ int FilePushFolder(FolderStack *stack, OwnedDescriptor descriptor)
                                                                  .list = {},
                                                                  .taken = 0,
                                                                  .error = 0};
-   if (FileListEntries(fd, stack->path.data, &stack->deepest->list)) {
+   if (FileListOpened(fd, stack->path.data, &stack->deepest->list)) {
       return 0;
    }
    const int error = errno;

@@ -35,8 +35,12 @@ struct FileEntries {
    }
 };
 
-/* The entries of a directory that has just been opened go to *list, which is empty before. The descriptor stays the
-   caller's; the path only goes into reports. False with errno set, and *list still empty. */
-[[nodiscard]] bool FileListEntries(int directory, const char *path, FileEntries *list);
+/* As File_ListDirectory: the entries of the directory at path go to *list, which is empty before. False with errno
+   set, and *list still empty. */
+[[nodiscard]] bool FileListEntries(const char *path, FileEntries *list);
+
+/* The same of a directory that has just been opened. The descriptor stays the caller's; the path only goes into
+   reports. */
+[[nodiscard]] bool FileListOpened(int directory, const char *path, FileEntries *list);
 
 #endif

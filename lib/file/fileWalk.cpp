@@ -171,7 +171,12 @@ void File_WalkDirectoryEnd(WalkDirContext *context)
    errno = savedErrno;
 }
 
-bool FileListEntries(int directory, const char *path, FileEntries *list)
+bool FileListEntries(const char *path, FileEntries *list)
+{
+   return FileListStream(opendir(path), path, list);
+}
+
+bool FileListOpened(int directory, const char *path, FileEntries *list)
 {
    return FileListStream(FileOpenStream(directory), path, list);
 }
@@ -180,7 +185,7 @@ int File_ListDirectory(const char *path, char ***names)
 {
    FileEntries list;
 
-   if (!FileListStream(opendir(path), path, &list)) {
+   if (!FileListEntries(path, &list)) {
       return -1;
    }
    if (names != nullptr) {
