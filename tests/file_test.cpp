@@ -1,20 +1,27 @@
 #include "lib/file/file.h"
 
+#include "lib/public/owned.h"
 #include "tests/support/testSupport.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 namespace fs = std::filesystem;
 
-/* The library's readdir, so that a test can act, or fail the call, right before one that it chooses; the linker sends
-   the calls here. */
+/* The library's readdir, so that a test can act, or fail the call, right before one that it chooses, and change a name;
+   the linker sends the calls here. */
 /* The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
 extern "C" struct dirent *__real_readdir(DIR *stream);
 extern "C" struct dirent *__wrap_readdir(DIR *stream);
@@ -23,6 +30,7 @@ namespace {
 
 int sReadsLeft; /* 0: none is chosen. */
 std::function<int()> sAct;
+const char *sReadAs = nullptr; /* What "file" is given out as. */
 
 } // namespace
 
@@ -33,7 +41,11 @@ struct dirent *__wrap_readdir(DIR *stream)
       errno = error;
       return nullptr;
    }
-   return __real_readdir(stream);
+   struct dirent *const entry = __real_readdir(stream);
+   if (sReadAs != nullptr && entry != nullptr && entry->d_name == std::string_view("file")) {
+      strcpy(entry->d_name, sReadAs);
+   }
+   return entry;
 }
 /* NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
 
@@ -211,19 +223,106 @@ TEST_F(FileTree, DeletesNothingWhenTheListingBreaksOff)
    EXPECT_EQ(log_.Text(), "");
 }
 
-TEST_F(FileTree, GoesDeeperThanThereAreDescriptors)
+/* Made in memory where there is such a place: disks take minutes for so many folders. */
+TEST_F(FileTree, DeletesTreesOfAnyDepth)
 {
-   std::string name;
-   while (At(name).size() < 3900) {
-      name += std::string(100, 'd') + "/";
+   char memory[] = "/dev/shm/tessel-XXXXXX";
+   const std::string top = mkdtemp(memory) != nullptr ? memory : top_;
+   OwnedDescriptor folder(open(top.c_str(), O_RDONLY | O_CLOEXEC));
+   for (int level = 0; level < 20000; level++) {
+      ASSERT_EQ(mkdirat(folder.get(), "deep", 0700), 0);
+      ASSERT_EQ(mkdirat(folder.get(), "other", 0700), 0);
+      folder.reset(openat(folder.get(), "deep", O_RDONLY | O_CLOEXEC));
    }
-   Folder(name);
+   folder.reset();
    struct rlimit before;
    getrlimit(RLIMIT_NOFILE, &before);
-   const struct rlimit few = {20, before.rlim_max};
+   const struct rlimit few = {64, before.rlim_max};
    setrlimit(RLIMIT_NOFILE, &few);
-   EXPECT_TRUE(File_DeleteDirectoryTree(top_.c_str()));
+   const bool deleted = File_DeleteDirectoryTree(top.c_str());
    setrlimit(RLIMIT_NOFILE, &before);
+   EXPECT_TRUE(deleted);
+   EXPECT_FALSE(fs::exists(top));
+}
+
+TEST_F(FileTree, StopsWhereItsFolderWasMovedAway)
+{
+   const std::string outside = scratch_.Path("outside");
+   fs::create_directories(outside);
+   Folder("1/2/3/4/5/6/7/8");
+   /* The first of four reads of the last folder. */
+   BeforeRead(33, [&] {
+      fs::rename(At("1/2/3"), outside + "/3");
+      return 0;
+   });
+   EXPECT_FALSE(File_DeleteDirectoryTree(top_.c_str()));
+   EXPECT_EQ(errno, ESTALE);
+   EXPECT_EQ(List(outside), Names{"3"});
+   EXPECT_EQ(List(outside + "/3"), Names());
+   EXPECT_EQ(List(At("1")), Names{"2"});
+}
+
+TEST_F(FileTree, TakesNoNameForAPath)
+{
+   Folder("a");
+   File("a/file");
+   File("kept");
+   sReadAs = "../kept";
+   EXPECT_FALSE(File_DeleteDirectoryTree(At("a").c_str()));
+   sReadAs = nullptr;
+   EXPECT_EQ(errno, EINVAL);
+   EXPECT_TRUE(fs::exists(At("kept")));
+}
+
+/* Another process, which exchanges two entries over and over while this lives. */
+class Exchanger {
+ public:
+   Exchanger(const std::string &one, const std::string &other)
+       : exchanges_(static_cast<std::atomic<int> *>(mmap(
+             nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))),
+         process_(fork())
+   {
+      while (process_ == 0) {
+         usleep(1); /* Or the folder's lock would hardly ever be free. */
+         *exchanges_ += renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
+      }
+   }
+
+   ~Exchanger()
+   {
+      kill(process_, SIGKILL);
+      waitpid(process_, nullptr, 0);
+      munmap(exchanges_, sizeof *exchanges_);
+   }
+
+   Exchanger(const Exchanger &) = delete;
+   Exchanger &operator=(const Exchanger &) = delete;
+
+   [[nodiscard]] int Exchanges() const
+   {
+      return *exchanges_;
+   }
+
+ private:
+   std::atomic<int> *exchanges_;
+   pid_t process_;
+};
+
+/* A deletion that goes by paths loses what is outside in one round of ten. */
+TEST_F(FileTree, IsNotLedOutsideByLinksPutInPlaceOfFolders)
+{
+   const std::string outside = scratch_.Path("outside");
+   fs::create_directories(outside + "/folder");
+   WriteFile(outside + "/folder/kept", "");
+   const Exchanger attacker(At("a/folder"), At("a/link"));
+   for (int rounds = 0; rounds < 300 || attacker.Exchanges() < 300; rounds++) {
+      Folder("a/folder/folder");
+      File("a/folder/folder/kept");
+      fs::create_symlink(outside, At("a/link"));
+      while (!File_DeleteDirectoryTree(top_.c_str())) {
+      }
+      ASSERT_TRUE(fs::exists(outside + "/folder/kept")) << rounds;
+   }
 }
 
 TEST_F(FileTree, ListsEveryNameOnceAndNothingForNone)

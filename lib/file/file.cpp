@@ -1,17 +1,253 @@
 #include "lib/file/file.h"
 
 #include "lib/file/fileEntries.h"
+#include "lib/misc/dynbuf.h"
 #include "lib/misc/posixInt.h"
+#include "lib/misc/util.h"
 #include "lib/public/owned.h"
 #include "lib/public/program.h"
-#include "lib/unicode/unicodeSimpleOperations.h"
 
 #include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
-bool FileDeleteDirectoryTree(const char *path, bool contentOnly);
+/* The folder being worked in and those next above it keep their descriptors, up to so many in all. At least three: the
+   way back up leads through folders that have been gone through on the way down, but not through one that may
+   be listed and not entered. */
+constexpr int HELD_FOLDERS = 4;
+
+/* Without waiting, should a pipe have been put in place of a folder. */
+constexpr int OPEN_FOLDER = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
+
+/* A folder whose entries are being deleted. */
+struct Folder {
+   Folder *parent;             /* Null for the top. */
+   OwnedDescriptor descriptor; /* -1: let go. */
+   dev_t device;
+   ino_t inode;
+   uint64_t pathLength;
+   FileEntries list;
+   size_t taken; /* So many entries have had their turn. A folder below this one is the last of them. */
+   int error;    /* The last failure in this folder, or 0. */
+};
+
+/* The way from the folder being worked in up to the top, which takes the place of recursion: a thread's stack may end
+   long before a tree does. */
+struct FolderStack {
+   Folder *deepest = nullptr;
+   DynBuf path = {}; /* Of the deepest, for reports; a NUL follows it. */
+
+   FolderStack() = default;
+   FolderStack(const FolderStack &) = delete;
+   FolderStack &operator=(const FolderStack &) = delete;
+   ~FolderStack();
+};
+
+void FileAppendToPath(DynBuf *path, const char *text)
+{
+   DynBuf_SafeAppend(path, text, strlen(text) + 1, "lib/file/file", __LINE__);
+   path->size--;
+}
+
+void FileCutPath(DynBuf *path, uint64_t length)
+{
+   path->size = length;
+   path->data[length] = '\0';
+}
+
+void FilePopFolder(FolderStack *stack)
+{
+   const Owned<Folder> block(stack->deepest);
+
+   stack->deepest = block->parent;
+   std::destroy_at(block.get());
+   if (stack->deepest != nullptr) {
+      FileCutPath(&stack->path, stack->deepest->pathLength);
+   }
+}
+
+FolderStack::~FolderStack()
+{
+   while (deepest != nullptr) {
+      FilePopFolder(this);
+   }
+   DynBuf_Destroy(&path);
+}
+
+/* Lists the folder, whose path the stack has already, and makes it the deepest. 0, or the error, and then nothing but
+   the path has changed. */
+int FilePushFolder(FolderStack *stack, OwnedDescriptor descriptor)
+{
+   struct stat attributes;
+   const int fd = descriptor.get();
+
+   if (fstat(fd, &attributes) == -1) {
+      return errno;
+   }
+   stack->deepest = new (Util_SafeMalloc(sizeof(Folder))) Folder{.parent = stack->deepest,
+                                                                 .descriptor = std::move(descriptor),
+                                                                 .device = attributes.st_dev,
+                                                                 .inode = attributes.st_ino,
+                                                                 .pathLength = stack->path.size,
+                                                                 .list = {},
+                                                                 .taken = 0,
+                                                                 .error = 0};
+   if (FileListOpened(fd, stack->path.data, &stack->deepest->list)) {
+      return 0;
+   }
+   const int error = errno;
+   FilePopFolder(stack);
+   return error;
+}
+
+/* Makes room for the descriptor of a folder further down. */
+void FileLetGoFarthest(Folder *deepest)
+{
+   Folder *farthest = deepest;
+
+   for (int level = 2; level <= HELD_FOLDERS && farthest != nullptr; level++) {
+      farthest = farthest->parent;
+   }
+   if (farthest != nullptr) {
+      farthest->descriptor.reset();
+   }
+}
+
+/* Goes into a folder of the deepest one. 0, also if it has vanished meanwhile, or the error. */
+int FileEnterFolder(FolderStack *stack, const char *name)
+{
+   Folder *const parent = stack->deepest;
+
+   FileLetGoFarthest(parent);
+   OwnedDescriptor descriptor(openat(parent->descriptor.get(), name, OPEN_FOLDER | O_NOFOLLOW));
+   if (descriptor.get() == -1) {
+      return errno == ENOENT ? 0 : errno;
+   }
+   FileAppendToPath(&stack->path, "/");
+   FileAppendToPath(&stack->path, name);
+   const int error = FilePushFolder(stack, std::move(descriptor));
+   if (error != 0) {
+      FileCutPath(&stack->path, parent->pathLength);
+   }
+   return error;
+}
+
+/* Opens the folder above the deepest one again if it was let go. False with errno set; ESTALE: what is above now is
+   another folder, in which nothing must be touched. */
+bool FileReopenParent(const Folder *folder)
+{
+   Folder *const parent = folder->parent;
+   struct stat attributes;
+
+   if (parent->descriptor.get() != -1) {
+      return true;
+   }
+   OwnedDescriptor above(openat(folder->descriptor.get(), "..", OPEN_FOLDER | O_NOFOLLOW));
+   if (above.get() == -1 || fstat(above.get(), &attributes) == -1) {
+      return false;
+   }
+   if (attributes.st_dev != parent->device || attributes.st_ino != parent->inode) {
+      errno = ESTALE;
+      return false;
+   }
+   parent->descriptor = std::move(above);
+   return true;
+}
+
+/* Goes back up, and removes the folder just left unless something in it is left. False with errno set if there is no
+   way back. */
+bool FileLeaveFolder(FolderStack *stack)
+{
+   int error = stack->deepest->error;
+
+   if (!FileReopenParent(stack->deepest)) {
+      return false;
+   }
+   FilePopFolder(stack);
+   Folder *const parent = stack->deepest;
+   const char *const name = parent->list.entries[parent->taken - 1].name;
+   if (error == 0 && unlinkat(parent->descriptor.get(), name, AT_REMOVEDIR) == -1) {
+      error = errno;
+   }
+   if (error != 0) {
+      parent->error = error;
+   }
+   return true;
+}
+
+/* 0, also for an entry that has vanished meanwhile, or the error. */
+int FileDeleteNonDirectory(const Folder *folder, const char *name)
+{
+   return unlinkat(folder->descriptor.get(), name, 0) == 0 || errno == ENOENT ? 0 : errno;
+}
+
+/* The same for an entry of any kind of the deepest folder; a folder becomes the deepest itself. */
+int FileDeleteEntry(FolderStack *stack, const FileEntry &entry)
+{
+   const Folder *const folder = stack->deepest;
+   struct stat attributes;
+
+   /* Some file systems are served by other users, who may give out any name. */
+   if (strchr(entry.name, '/') != nullptr) {
+      return EINVAL;
+   }
+   /* A look at each file costs a third of the whole. It is taken only where it can make a difference: at what may be a
+      directory (unlink is not for those, some systems would do it) and to tell why a deletion fails. */
+   if (entry.isNoDirectory && FileDeleteNonDirectory(folder, entry.name) == 0) {
+      return 0;
+   }
+   if (fstatat(folder->descriptor.get(), entry.name, &attributes, AT_SYMLINK_NOFOLLOW) == -1) {
+      const int error = errno;
+      if (error == ENOENT) {
+         return 0;
+      }
+      Log("FILE: %s: Lstat of '%s/%s' failed, errno = %d\n", "FileDeleteDirectoryTree", stack->path.data,
+          entry.name, error);
+      return error;
+   }
+   if (S_ISDIR(attributes.st_mode)) {
+      return FileEnterFolder(stack, entry.name);
+   }
+   return FileDeleteNonDirectory(folder, entry.name);
+}
+
+/* Deletes all below the top, each folder after what is in it, and tries every entry. 0 or the error of the last
+   failure, which for want of a way back ends the work. */
+int FileDeleteEntries(FolderStack *stack)
+{
+   for (;;) {
+      Folder *const folder = stack->deepest;
+      if (folder->taken < folder->list.count) {
+         const int error = FileDeleteEntry(stack, folder->list.entries[folder->taken++]);
+         if (error != 0) {
+            folder->error = error;
+         }
+      } else if (folder->parent == nullptr) {
+         return folder->error;
+      } else if (!FileLeaveFolder(stack)) {
+         return errno;
+      }
+   }
+}
+
+/* 0 or the error. */
+int FileDeleteContent(const char *path)
+{
+   FolderStack stack;
+   OwnedDescriptor top(open(path, OPEN_FOLDER));
+
+   if (top.get() == -1) {
+      return errno;
+   }
+   FileAppendToPath(&stack.path, path);
+   const int error = FilePushFolder(&stack, std::move(top));
+   return error != 0 ? error : FileDeleteEntries(&stack);
+}
 
 int FileExistenceError(const char *path)
 {
@@ -21,56 +257,6 @@ int FileExistenceError(const char *path)
    return errno == ENOSYS ? FileAttributes(path, nullptr) : errno;
 }
 
-/* 0, also for an entry that has vanished meanwhile, or the error. */
-int FileDeleteNonDirectory(const char *path)
-{
-   const int error = FileDeletion(path, false);
-
-   return error == ENOENT ? 0 : error;
-}
-
-/* The same for an entry of any kind. */
-int FileDeleteEntry(const char *path, bool isNoDirectory)
-{
-   struct stat attributes;
-
-   /* A look at each file costs a third of the whole. It is taken only where it can make a difference: at what may be a
-      directory (unlink is not for those, some systems would do it) and to tell why a deletion fails. */
-   if (isNoDirectory && FileDeleteNonDirectory(path) == 0) {
-      return 0;
-   }
-   if (lstat(path, &attributes) == -1) {
-      const int error = errno;
-      if (error == ENOENT) {
-         return 0;
-      }
-      Log("FILE: %s: Lstat of '%s' failed, errno = %d\n", "FileDeleteDirectoryTree", path, error);
-      return error;
-   }
-   if (S_ISDIR(attributes.st_mode)) {
-      return FileDeleteDirectoryTree(path, false) ? 0 : errno;
-   }
-   return FileDeleteNonDirectory(path);
-}
-
-/* Tries every entry; the error of the last one that failed, or 0. */
-int FileDeleteEntries(const char *path, const FileEntries &list)
-{
-   const Owned<char> prefix(Unicode_Join(path, "/", nullptr));
-   int recorded = 0;
-
-   for (size_t i = 0; i < list.count; i++) {
-      const FileEntry &entry = list.entries[i];
-      const Owned<char> entryPath(Unicode_Join(prefix.get(), entry.name, nullptr));
-      const int error = FileDeleteEntry(entryPath.get(), entry.isNoDirectory);
-      if (error != 0) {
-         recorded = error;
-      }
-   }
-   return recorded;
-}
-
-/* Holds no descriptor while it is busy further down: the depth is bounded by the longest path alone. */
 bool FileDeleteDirectoryTree(const char *path, bool contentOnly)
 {
    const int savedErrno = errno;
@@ -80,11 +266,7 @@ bool FileDeleteDirectoryTree(const char *path, bool contentOnly)
       errno = savedErrno;
       return true;
    }
-   FileEntries list;
-   if (!FileListEntries(path, &list)) {
-      return false;
-   }
-   int error = FileDeleteEntries(path, list);
+   int error = FileDeleteContent(path);
    if (!contentOnly && error == 0) {
       error = FileRemoveDirectory(path);
    }

@@ -3,9 +3,7 @@
 
 #include <sys/stat.h>
 
-/* Directory trees: listing and deletion. Paths are UTF-8, not null, and reach the system as they are. Everything
-   goes by path, so that another process that may write in a tree can lead the work astray with links put in
-   place of folders: a privileged caller uses these routines only on trees that nobody else can write. */
+/* Directory trees: listing and deletion. Paths are UTF-8, not null, and reach the system as they are. */
 
 struct WalkDirContext;
 
@@ -17,7 +15,20 @@ struct WalkDirContext;
    errno set to that of the last failure, or, with nothing deleted, to that of listing path. Only entries that
    cannot be looked at are logged.
 
-   An entry whose name is not valid UTF-8 stays, after a warning, and with it the directories above. */
+   An entry whose name is not valid UTF-8 stays, after a warning, and with it the directories above.
+
+   The tree may be changed meanwhile by others who may write in it, path itself and what leads to it may not.
+   Below path every directory is entered from the descriptor of the one above and never through a link, and
+   every entry is removed by its name in such a directory; a name with a slash in it, as a file system of
+   somebody else's might have, is refused with EINVAL. What is moved or mounted into the tree is part of it.
+
+   Trees may have any depth: the work takes memory for every level, but no stack, and five descriptors at
+   most. Of the directories on the way down the lowest four stay open. To get back to a higher one, ".." is
+   opened, and its device and inode are compared with those seen on the way down. If they differ, the
+   directory below has been moved away, and the work ends there and then, with ESTALE; it also ends where ".."
+   cannot be opened. One case passes: a new directory has the inode of the one seen, which was deleted
+   meanwhile, and the one below was moved into it. That takes somebody who may write in the new directory as
+   well. */
 [[nodiscard]] bool File_DeleteDirectoryTree(const char *path);
 
 /* The same for all beneath path; the directory itself stays. */

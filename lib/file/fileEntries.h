@@ -39,4 +39,8 @@ struct FileEntries {
    set, and *list still empty. */
 [[nodiscard]] bool FileListEntries(const char *path, FileEntries *list);
 
+/* The same of a directory that has just been opened. The descriptor stays the caller's; the path only goes into
+   reports. */
+[[nodiscard]] bool FileListOpened(int directory, const char *path, FileEntries *list);
+
 #endif

@@ -11,11 +11,12 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <string_view>
 #include <utility>
 
 struct WalkDirContext {
-   char *path;
+   const char *path; /* For reports. A copy, unless the walk ends in the routine that began it. */
    DIR *stream;
    HashTable *
        names; /* Those returned so far. The keys are the walk's own copies; a value that is not null means that
@@ -37,12 +38,12 @@ int FileFreeKey(const char *key, void * /*value*/, void * /*clientData*/)
    return 0;
 }
 
-/* Stores a copy of the entry at **clientData, and moves that on. */
-int FileCopyEntry(const char *key, void *value, void *clientData)
+/* Stores the entry at **clientData, and moves that on. */
+int FileTakeEntry(const char *key, void *value, void *clientData)
 {
    auto **const next = static_cast<FileEntry **>(clientData);
 
-   *(*next)++ = {Util_SafeStrdup(key), value != nullptr};
+   *(*next)++ = {const_cast<char *>(key), value != nullptr};
    return 0;
 }
 
@@ -65,30 +66,71 @@ char *FileDecodeName(const WalkDirContext *context, const char *name)
    return Util_SafeStrdup(UNDECODABLE_NAME);
 }
 
-/* Copies of all that the walk has returned. */
-void FileCopyEntries(const WalkDirContext *context, FileEntries *list)
+/* Moves all that the walk has returned to the list, and the walk is over. */
+void FileTakeEntries(WalkDirContext *context, FileEntries *list)
 {
    list->count = HashTable_GetNumElements(context->names);
    if (list->count > 0) {
       list->entries = static_cast<FileEntry *>(Util_SafeCalloc(list->count, sizeof(FileEntry)));
       FileEntry *next = list->entries;
-      HashTable_ForEach(context->names, FileCopyEntry, &next);
+      HashTable_ForEach(context->names, FileTakeEntry, &next);
+      HashTable_Clear(context->names);
    }
+}
+
+WalkDirContext FileBeginWalk(DIR *stream, const char *path)
+{
+   return {.path = path, .stream = stream, .names = HashTable_Alloc(NAME_BUCKETS, HASH_STRING_KEY, nullptr)};
+}
+
+void FileEndWalk(const WalkDirContext *context)
+{
+   closedir(context->stream);
+   HashTable_ForEach(context->names, FileFreeKey, nullptr);
+   HashTable_Free(context->names);
+}
+
+/* A stream with a descriptor of its own; null with errno set. */
+DIR *FileOpenStream(int directory)
+{
+   OwnedDescriptor copy(fcntl(directory, F_DUPFD_CLOEXEC, 0));
+   DIR *const stream = copy.get() == -1 ? nullptr : fdopendir(copy.get());
+
+   if (stream != nullptr) {
+      [[maybe_unused]] const int descriptor = copy.release();
+   }
+   return stream;
+}
+
+/* As FileListEntries, of a stream that ends with the call; null is one that could not be opened. */
+bool FileListStream(DIR *stream, const char *path, FileEntries *list)
+{
+   if (stream == nullptr) {
+      return false;
+   }
+   WalkDirContext context = FileBeginWalk(stream, path);
+   while (File_WalkDirectoryNext(&context, nullptr)) {
+   }
+   const int readError = errno;
+   if (readError == 0) {
+      FileTakeEntries(&context, list);
+   }
+   FileEndWalk(&context);
+   errno = readError;
+   return readError == 0;
 }
 
 } // namespace
 
 WalkDirContext *File_WalkDirectoryStart(const char *path)
 {
-   auto *const context = static_cast<WalkDirContext *>(Util_SafeMalloc(sizeof(WalkDirContext)));
+   DIR *const stream = opendir(path);
 
-   context->path = Util_SafeStrdup(path);
-   context->names = HashTable_Alloc(NAME_BUCKETS, HASH_STRING_KEY, nullptr);
-   context->stream = opendir(path);
-   if (context->stream == nullptr) {
-      File_WalkDirectoryEnd(context);
+   if (stream == nullptr) {
       return nullptr;
    }
+   auto *const context = static_cast<WalkDirContext *>(Util_SafeMalloc(sizeof(WalkDirContext)));
+   *context = FileBeginWalk(stream, Util_SafeStrdup(path));
    return context;
 }
 
@@ -123,32 +165,20 @@ void File_WalkDirectoryEnd(WalkDirContext *context)
       return;
    }
    const int savedErrno = errno;
-   if (context->stream != nullptr) {
-      closedir(context->stream);
-   }
-   HashTable_ForEach(context->names, FileFreeKey, nullptr);
-   HashTable_Free(context->names);
-   free(context->path);
+   FileEndWalk(context);
+   free(const_cast<char *>(context->path));
    free(context);
    errno = savedErrno;
 }
 
 bool FileListEntries(const char *path, FileEntries *list)
 {
-   WalkDirContext *const context = File_WalkDirectoryStart(path);
+   return FileListStream(opendir(path), path, list);
+}
 
-   if (context == nullptr) {
-      return false;
-   }
-   while (File_WalkDirectoryNext(context, nullptr)) {
-   }
-   const int readError = errno;
-   if (readError == 0) {
-      FileCopyEntries(context, list);
-   }
-   File_WalkDirectoryEnd(context);
-   errno = readError;
-   return readError == 0;
+bool FileListOpened(int directory, const char *path, FileEntries *list)
+{
+   return FileListStream(FileOpenStream(directory), path, list);
 }
 
 int File_ListDirectory(const char *path, char ***names)
