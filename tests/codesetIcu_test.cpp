@@ -64,6 +64,7 @@ TEST_F(CodeSetIcu, ConvertsAsTheModeSays)
        {"UTF-8", "\xE2\x82\xACuro", "windows-1252", 0, "\x80uro"},
        {"windows-1252", "\x80uro", "UTF-8", 0, "\xE2\x82\xACuro"},
        {"UTF-8", "a\xE2\x82\xACz", "US-ASCII", 0, "<failed>"},
+       {"UTF-8", "a\xE2\x80\x8Bz", "windows-1252", 0, "<failed>"}, /* U+200B, which nobody sees */
        {"UTF-8", "a\xE2\x82\xACz", "US-ASCII", 1, "a\x1Az"},
        {"UTF-8", "a\xE2\x82\xACz", "US-ASCII", 2, "az"},
        {"UTF-8", "a\xFFz", "UTF-16LE", 0, "<failed>"},
