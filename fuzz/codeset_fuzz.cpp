@@ -4,6 +4,7 @@
 #include "lib/misc/codesetIcu.h"
 #include "lib/misc/dynbuf.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -185,6 +186,25 @@ void CheckIcu(FuzzedDataProvider *input)
    }
 }
 
+bool IsPrivateUse(char32_t c)
+{
+   return (c >= 0xE000 && c <= 0xF8FF) || c >= 0xF0000;
+}
+
+/* What an encoding takes in it gives back, but for characters that mean what their users agree on. */
+void CheckIntoIcu(FuzzedDataProvider *input)
+{
+   UseIcu(true);
+   const char *const name = input->PickValueInArray(ON_ICU);
+   const std::string text = input->ConsumeRemainingBytesAsString();
+   const Result encoded = Convert("UTF-8", text, name, CODESET_REFUSE);
+   const std::optional<std::u32string> codePoints = DecodeUtf8(text);
+   REQUIRE(codePoints || !encoded);
+   if (encoded && std::none_of(codePoints->begin(), codePoints->end(), IsPrivateUse)) {
+      RequireSame(Convert(name, *encoded, "UTF-8", CODESET_REFUSE), text);
+   }
+}
+
 Result Normalized(bool composed, const std::string &text)
 {
    return Allocated(
@@ -215,7 +235,8 @@ void CheckNormalForms(FuzzedDataProvider *input)
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
    FuzzedDataProvider input(data, size);
-   const auto check = input.PickValueInArray({CheckBothEngines, CheckPairs, CheckIcu, CheckNormalForms});
+   const auto check =
+       input.PickValueInArray({CheckBothEngines, CheckPairs, CheckIcu, CheckIntoIcu, CheckNormalForms});
    check(&input);
    return 0;
 }

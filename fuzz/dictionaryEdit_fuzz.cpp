@@ -1,64 +1,17 @@
 #include "fuzz/support/dictionaryText.h"
 #include "fuzz/support/fuzz.h"
-#include "lib/public/owned.h"
+#include "fuzz/support/scratchFolder.h"
 #include "lib/user/dictionaryEdit.h"
 #include "lib/user/msgList.h"
 
 #include <algorithm>
 #include <array>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 /* One setting of a file is set or removed: the file then means what it meant, with that one difference, and every line
    but one is the same, byte for byte. A file that would not load is left as it was, and so is one that needs
    no change. */
 
 namespace {
-
-/* A folder in memory, where writing a file through to the disk costs nothing. It is removed with the process. */
-class Folder {
- public:
-   Folder()
-   {
-      static std::array<char, 32> name = {"/dev/shm/tessel-fuzz-XXXXXX"};
-      REQUIRE(mkdtemp(name.data()) != nullptr);
-      path_ = std::string(name.data()) + "/file";
-   }
-
-   ~Folder()
-   {
-      unlink(path_.c_str());
-      rmdir(path_.substr(0, path_.rfind('/')).c_str());
-   }
-
-   Folder(const Folder &) = delete;
-   Folder &operator=(const Folder &) = delete;
-
-   [[nodiscard]] const std::string &Path() const
-   {
-      return path_;
-   }
-
-   void Write(const std::string &content) const
-   {
-      const OwnedDescriptor file(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
-      REQUIRE(write(file.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size()));
-   }
-
-   [[nodiscard]] std::string Read() const
-   {
-      const OwnedDescriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-      struct stat status;
-      REQUIRE(fstat(file.get(), &status) == 0 && (status.st_mode & 0777) == 0640);
-      std::string content(static_cast<size_t>(status.st_size), '\0');
-      REQUIRE(read(file.get(), content.data(), content.size()) == status.st_size);
-      return content;
-   }
-
- private:
-   std::string path_;
-};
 
 /* Nothing if the file does not load. */
 std::optional<Settings> Load(const std::string &path)
@@ -106,7 +59,8 @@ bool Mentions(const Settings &settings, const std::string &name)
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-   static const Folder folder;
+   static const ScratchFolder folder;
+   static const std::string path = folder.Path("file");
    static constexpr std::array<const char *, 3> names = {"a", "new.setting", "b"};
    FuzzedDataProvider input(data, size);
    const bool remove = input.ConsumeBool();
@@ -114,8 +68,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    std::string value = AsString(input.ConsumeRandomLengthString(32));
    value = DecodeUtf8(value) ? value : "not UTF-8";
    const std::string before = input.ConsumeRemainingBytesAsString();
-   folder.Write(before);
-   const std::optional<Settings> settings = Load(folder.Path());
+   WriteFile(path, before);
+   const std::optional<Settings> settings = Load(path);
    std::string name = names[picked % names.size()];
    if (settings && !settings->empty() && picked >= names.size()) {
       name = (*settings)[picked % settings->size()].first;
@@ -126,11 +80,11 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
    MsgList *const messages = MsgList_Create();
    const DictionaryEditResult result =
-       Dictionary_EditFile(folder.Path().c_str(), name.c_str(), remove ? nullptr : value.c_str(), messages);
+       Dictionary_EditFile(path.c_str(), name.c_str(), remove ? nullptr : value.c_str(), messages);
    REQUIRE((MsgList_Count(messages) != 0) == (result == DictionaryEditResult::FAILED));
    MsgList_Free(messages);
-   const std::string after = folder.Read();
-   const std::optional<Settings> found = Load(folder.Path());
+   const std::string after = ReadFile(path);
+   const std::optional<Settings> found = Load(path);
    if (result != DictionaryEditResult::DONE) {
       REQUIRE_SAME(after, before);
       REQUIRE(!settings || result == DictionaryEditResult::FAILED || (remove && !Mentions(*settings, name)));
@@ -148,7 +102,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    } else {
       expected.emplace_back(name, value);
    }
-   REQUIRE(*found == expected);
+   RequireSame(*found, expected);
    REQUIRE(LinesThatDiffer(SplitLines(before), SplitLines(after)) <= 1);
    return 0;
 }

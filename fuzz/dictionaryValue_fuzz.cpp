@@ -376,7 +376,7 @@ class Session {
       const OwnedDictionary again(Dictionary_Create());
       REQUIRE(Dictionary_Unmarshal(again.get(), Written(dictionary_.get()).c_str(), false, ENCODING_UTF8,
                                    nullptr));
-      REQUIRE(AllSettings(again.get()) == expected);
+      RequireSame(AllSettings(again.get()), expected);
    }
 
    FuzzedDataProvider &input_;

@@ -90,7 +90,7 @@ void CheckAgainstLines(const Settings &settings, const std::string &text)
          expected.emplace_back(*line.name, *line.value);
       }
    }
-   REQUIRE(settings == expected);
+   RequireSame(settings, expected);
 }
 
 /* Written and read until nothing changes, which is at once. */
@@ -114,7 +114,7 @@ void CheckWriting(Dictionary *dictionary, const std::string &text, bool mayUpgra
       Fuzz_Show("written", *written);
    }
    REQUIRE(again != nullptr && Dictionary_GetEncoding(again.get()) == Dictionary_GetEncoding(dictionary));
-   REQUIRE(AllSettings(again.get()) == settings);
+   RequireSame(AllSettings(again.get()), settings);
    REQUIRE_SAME(Write(again.get()).value_or("(none)"), *written);
 }
 
@@ -147,7 +147,7 @@ void CheckChange(Dictionary *dictionary, FuzzedDataProvider *input)
       }
       break;
    }
-   REQUIRE(AllSettings(dictionary) == expected);
+   RequireSame(AllSettings(dictionary), expected);
    CheckWriting(dictionary, "", true);
 }
 

@@ -24,16 +24,16 @@ std::string Cut(std::string_view text, size_t precision)
    return std::string(WithoutPartialEnd(text.substr(0, precision)));
 }
 
-/* What a copy into a smaller buffer leaves of it: there a byte that continues nothing takes the ASCII before it along. */
+/* What a copy into a smaller buffer leaves of it: there ASCII with bytes behind it that continue nothing goes with them. */
 std::string CutCopy(const std::string &text, size_t size)
 {
-   const std::string cut = Cut(text, size);
-   size_t lead = cut.size();
-   while (lead > 0 && (static_cast<unsigned char>(cut[lead - 1]) & 0xC0) == 0x80) {
+   const std::string all = text.substr(0, size);
+   size_t lead = all.size();
+   while (lead > 0 && (static_cast<unsigned char>(all[lead - 1]) & 0xC0) == 0x80) {
       lead--;
    }
-   const bool stray = lead > 0 && lead < cut.size() && static_cast<unsigned char>(cut[lead - 1]) < 0x80;
-   return stray ? cut.substr(0, lead - 1) : cut;
+   const bool stray = lead > 0 && lead < all.size() && static_cast<unsigned char>(all[lead - 1]) < 0x80;
+   return stray ? all.substr(0, lead - 1) : Cut(text, size);
 }
 
 void CheckPrecision(const std::string &text, int precision, int width)

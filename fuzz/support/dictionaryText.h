@@ -6,6 +6,7 @@
 #include "lib/user/dictionary.h"
 #include "lib/user/dictionaryRead.h"
 
+#include <algorithm>
 #include <strings.h>
 #include <utility>
 #include <vector>
@@ -39,6 +40,15 @@ inline Settings AllSettings(const Dictionary *dictionary)
        },
        &visit);
    return visit.settings;
+}
+
+inline void RequireSame(const Settings &found, const Settings &expected)
+{
+   for (size_t i = 0; i < std::min(found.size(), expected.size()); i++) {
+      REQUIRE_SAME(found[i].first, expected[i].first);
+      REQUIRE_SAME(found[i].second, expected[i].second);
+   }
+   REQUIRE(found.size() == expected.size());
 }
 
 inline bool SameName(const std::string &one, const std::string &two)
