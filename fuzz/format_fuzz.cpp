@@ -2,6 +2,7 @@
 #include "lib/string/bsd_vsnprintf.h"
 #include "lib/string/str.h"
 
+#include <algorithm>
 #include <array>
 #include <clocale>
 #include <cmath>
@@ -23,6 +24,7 @@ namespace {
 /* What arguments are passed as. */
 using Argument = std::variant<int, long, double, long double, const void *>;
 constexpr size_t MAX_ARGUMENTS = 4;
+constexpr size_t FAR_ARGUMENTS = 12;
 
 int64_t counted; /* By %n. */
 
@@ -112,13 +114,13 @@ Printed Repaired(size_t size, const char *format, ...)
    return {result, {buffer.bytes.get(), result < 0 ? length : static_cast<size_t>(result)}, counted};
 }
 
-/* Passes the arguments each by its type. */
+/* Passes the arguments each by its type, and behind them integers that only a number reaches. */
 template <typename... Passed>
 Printed Apply(Printer printer, size_t size, const char *format, std::span<const Argument> rest,
               Passed... passed)
 {
    if (rest.empty()) {
-      return printer(size, format, passed...);
+      return printer(size, format, passed..., 10, -20, 30, -40, 50, -60, 70, -80, 90, -100, 110, -120);
    }
    if constexpr (sizeof...(Passed) < MAX_ARGUMENTS) {
       return std::visit(
@@ -144,7 +146,7 @@ class Builder {
 
    bool HasRoom() const
    {
-      return ours.arguments.size() + 3 <= MAX_ARGUMENTS;
+      return std::max(ours.arguments.size(), theirs.arguments.size()) + 3 <= MAX_ARGUMENTS;
    }
 
    void AddDirective()
@@ -178,6 +180,18 @@ class Builder {
          text += c == '\0' ? "%%" : c == '%' ? "%%" : std::string(1, c);
       }
       Put(text, text);
+   }
+
+   /* Last: numbers that leave out others, which are then taken for integers. */
+   void AddFarArgument()
+   {
+      if (ours.numbered && input_.ConsumeBool()) {
+         const auto far = input_.ConsumeIntegralInRange<size_t>(1, FAR_ARGUMENTS);
+         const auto write = [far](const Side &side) {
+            return "%" + std::to_string(side.arguments.size() + far) + "$d";
+         };
+         Put(write(ours), write(theirs));
+      }
    }
 
    Side ours;
@@ -407,6 +421,7 @@ void CheckAgainstTheirs(FuzzedDataProvider *input)
       builder.AddDirective();
       builder.AddLiteral();
    }
+   builder.AddFarArgument();
 
    const Printed theirs = Print(Theirs, builder.theirs);
    const Printed ours = Print(Allocated, builder.ours);
