@@ -3,6 +3,7 @@
 #include "lib/unicode/encodingNames.h"
 
 #include <algorithm>
+#include <map>
 
 /* A name finds the row that a plain search of the table finds: by code page, exactly, or by letters and digits. The
    second lookup of a spelling gives what the first gave. A miss, and nothing else, is logged, every time. The
@@ -11,20 +12,6 @@
 namespace {
 
 constexpr const EncodingRow *NO_ROW = nullptr;
-
-template <typename Matches> const EncodingRow *Find(Matches matches)
-{
-   const auto row = std::find_if(encodingRows.begin(), encodingRows.end(), matches);
-   return row == encodingRows.end() ? NO_ROW : &*row;
-}
-
-template <typename Matches> const EncodingRow *FindByName(Matches matches)
-{
-   return Find([&matches](const EncodingRow &row) {
-      const auto end = std::find(row.names.begin(), row.names.end(), nullptr);
-      return std::any_of(row.names.begin(), end, matches);
-   });
-}
 
 std::string Loose(std::string_view name)
 {
@@ -52,21 +39,43 @@ const EncodingRow *FindByCodePage(std::string_view name)
       }
       codePage = codePage * 10 + static_cast<uint32_t>(c - '0');
    }
-   return codePage == NO_CODE_PAGE
-              ? NO_ROW
-              : Find([codePage](const EncodingRow &row) { return row.windowsCodePage == codePage; });
+   const auto row =
+       std::find_if(encodingRows.begin(), encodingRows.end(),
+                    [codePage](const EncodingRow &each) { return each.windowsCodePage == codePage; });
+   return codePage == NO_CODE_PAGE || row == encodingRows.end() ? NO_ROW : &*row;
+}
+
+/* The first row for each name, as it is written or in its loose form. */
+using Index = std::map<std::string, const EncodingRow *>;
+
+template <typename Form> Index MakeIndex(Form form)
+{
+   Index index;
+   for (const EncodingRow &row : encodingRows) {
+      for (auto name = row.names.begin(); *name != nullptr; name++) {
+         index.emplace(form(*name), &row);
+      }
+   }
+   return index;
+}
+
+const EncodingRow *Find(const Index &index, const std::string &name)
+{
+   const auto found = index.find(name);
+   return found == index.end() ? NO_ROW : found->second;
 }
 
 const EncodingRow *Expected(const std::string &name)
 {
+   static const Index exact = MakeIndex([](const char *form) { return std::string(form); });
+   static const Index loose = MakeIndex(Loose);
    if (const EncodingRow *row = FindByCodePage(name); row != NO_ROW) {
       return row;
    }
-   if (const EncodingRow *row = FindByName([&name](const char *other) { return name == other; });
-       row != NO_ROW) {
+   if (const EncodingRow *row = Find(exact, name); row != NO_ROW) {
       return row;
    }
-   return FindByName([loose = Loose(name)](const char *other) { return loose == Loose(other); });
+   return Find(loose, Loose(name));
 }
 
 /* A name of the table, and the bytes of the input where it says so in their places. */
