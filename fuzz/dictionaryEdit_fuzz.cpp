@@ -23,10 +23,12 @@ std::optional<Settings> Load(const std::string &path)
    return AllSettings(dictionary.get());
 }
 
+/* The byte-order mark, which stays where it is, is no part of the first line. */
 std::vector<std::string> SplitLines(const std::string &content)
 {
-   std::vector<std::string> lines(1);
-   for (const char c : content) {
+   constexpr std::string_view mark = "\xEF\xBB\xBF";
+   std::vector<std::string> lines = {content.starts_with(mark) ? "mark\n" : "no mark\n", ""};
+   for (const char c : content.substr(content.starts_with(mark) ? mark.size() : 0)) {
       lines.back() += c;
       if (c == '\n') {
          lines.emplace_back();

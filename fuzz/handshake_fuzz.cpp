@@ -26,8 +26,11 @@
 
 namespace {
 
+/* All that is open at a time stays below the limit up to which descriptors are looked at. */
 constexpr size_t DESCRIPTOR_LIMIT = 64;
 constexpr size_t MAX_CLIENTS = 6;
+constexpr size_t MAX_PASSED_TOGETHER = 4;
+constexpr size_t MAX_HELD = 24;
 constexpr size_t MAX_EVENTS = 64;
 
 /* What a client passes. */
@@ -208,10 +211,19 @@ class Session {
       return ends[0];
    }
 
+   [[nodiscard]] size_t CountHeld() const
+   {
+      size_t count = 0;
+      for (const Client &client : clients_) {
+         count += client.held.size();
+      }
+      return count;
+   }
+
    void Send()
    {
       Client *client = PickClient();
-      if (client == nullptr || client->hungUp || client->served) {
+      if (client == nullptr || client->hungUp || client->served || CountHeld() > MAX_HELD) {
          return;
       }
       std::array<uint8_t, 3> bytes{};
@@ -220,12 +232,12 @@ class Session {
       }
       std::vector<Kind> kinds;
       std::vector<OwnedDescriptor> passed;
-      alignas(struct cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))] = {};
+      alignas(struct cmsghdr) char control[CMSG_SPACE(MAX_PASSED_TOGETHER * sizeof(int))] = {};
       struct iovec data = {.iov_base = bytes.data(), .iov_len = input_.ConsumeIntegralInRange<size_t>(1, 3)};
       struct msghdr message = {};
       message.msg_iov = &data;
       message.msg_iovlen = 1;
-      const auto count = input_.ConsumeIntegralInRange<size_t>(0, 4);
+      const auto count = input_.ConsumeIntegralInRange<size_t>(0, MAX_PASSED_TOGETHER);
       if (count > 0) {
          message.msg_control = control;
          message.msg_controllen = CMSG_SPACE(count * sizeof(int));
