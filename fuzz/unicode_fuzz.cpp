@@ -21,6 +21,22 @@ struct Operand {
    Range range;
 };
 
+/* Any bytes, or characters that have something to do with each other: few enough to meet. */
+std::string TakeText(FuzzedDataProvider *input)
+{
+   static constexpr char32_t related[] = {'a',     'A',     'b',     0xE9,    0xC9,   0x17F,
+                                          'S',     0xDF,    0xD7FF,  0xE000,  0xFF21, 0xFFFD,
+                                          0x10000, 0x10400, 0x1F600, 0x10FFFF};
+   if (input->ConsumeBool()) {
+      return AsString(input->ConsumeRandomLengthString(64));
+   }
+   std::u32string text;
+   for (size_t i = input->ConsumeIntegralInRange<size_t>(0, 12); i > 0; i--) {
+      text += input->PickValueInArray(related);
+   }
+   return EncodeUtf8(text);
+}
+
 Operand TakeOperand(FuzzedDataProvider *input)
 {
    Operand operand;
@@ -29,7 +45,7 @@ Operand TakeOperand(FuzzedDataProvider *input)
    if (input->ConsumeIntegralInRange(0, 15) == 0) {
       operand.range = {input->ConsumeIntegral<ssize_t>(), input->ConsumeIntegral<ssize_t>()};
    }
-   operand.text = AsString(input->ConsumeRandomLengthString(64));
+   operand.text = TakeText(input);
    operand.codePoints = DecodeUtf8(operand.text);
    return operand;
 }
