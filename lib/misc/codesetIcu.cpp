@@ -35,6 +35,16 @@ Converter Open(const char *name)
    return converter;
 }
 
+/* Stops, whatever the version of ICU: later ones than 4.4 let characters that are usually invisible pass here, and
+   leave them out. */
+void RefuseFromUnicode(const void *context, UConverterFromUnicodeArgs *args, const UChar *codeUnits,
+                       int32_t length, int32_t codePoint, UConverterCallbackReason reason, UErrorCode *status)
+{
+   const UErrorCode found = *status;
+   UCNV_FROM_U_CALLBACK_STOP(context, args, codeUnits, length, codePoint, reason, status);
+   *status = found;
+}
+
 struct Callbacks {
    UConverterToUCallback toUnicode;
    UConverterFromUCallback fromUnicode;
@@ -42,7 +52,7 @@ struct Callbacks {
 
 /* In the order of the conversion modes. */
 constexpr std::array<Callbacks, 3> callbacks = {{
-    {UCNV_TO_U_CALLBACK_STOP, UCNV_FROM_U_CALLBACK_STOP},
+    {UCNV_TO_U_CALLBACK_STOP, RefuseFromUnicode},
     {UCNV_TO_U_CALLBACK_SUBSTITUTE, UCNV_FROM_U_CALLBACK_SUBSTITUTE},
     {UCNV_TO_U_CALLBACK_SKIP, UCNV_FROM_U_CALLBACK_SKIP},
 }};
