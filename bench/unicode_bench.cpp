@@ -1,4 +1,5 @@
 #include "lib/misc/codeset.h"
+#include "lib/misc/codesetUtf8.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
 
 #include <benchmark/benchmark.h>
@@ -96,6 +97,11 @@ bool SimdjsonValidates(const char *text, size_t length)
 bool OwnValidates(const char *text, size_t length)
 {
    return CodeSet_IsValidUtf8Buffer(text, length);
+}
+
+bool PortableValidates(const char *text, size_t length)
+{
+   return CodeSetIsValidUtf8Portable(reinterpret_cast<const unsigned char *>(text), length);
 }
 
 using Validates = bool (*)(const char *, size_t);
@@ -262,9 +268,13 @@ struct Row {
 };
 
 constexpr Row rows[] = {
-    {"tessel", OwnValidates, OwnToUtf16, OwnToUtf8}, {"glib", GlibValidates, GlibToUtf16, GlibToUtf8},
-    {"icu", IcuValidates, IcuToUtf16, IcuToUtf8},    {"libunistring", UnistringValidates, nullptr, nullptr},
-    {"iconv", nullptr, IconvToUtf16, IconvToUtf8},   {"simdjson", SimdjsonValidates, nullptr, nullptr},
+    {"tessel", OwnValidates, OwnToUtf16, OwnToUtf8},
+    {"tessel-portable", PortableValidates, nullptr, nullptr},
+    {"glib", GlibValidates, GlibToUtf16, GlibToUtf8},
+    {"icu", IcuValidates, IcuToUtf16, IcuToUtf8},
+    {"libunistring", UnistringValidates, nullptr, nullptr},
+    {"iconv", nullptr, IconvToUtf16, IconvToUtf8},
+    {"simdjson", SimdjsonValidates, nullptr, nullptr},
 };
 
 template <typename... Arguments>
