@@ -1,8 +1,9 @@
-/* From starting a daemon to the first line it logs, and what it takes then: the daemon that ships beside other small
+/* From starting a daemon to the first line it logs, by the clock and by the processor's work, and what it takes then: the daemon that ships beside other small
    ones that listen on a socket, say so and wait. Runs where /Library is a scratch folder:
    scripts/private-library. Counters: resident and private memory, and the bytes on disk of the program, alone
    and with all it has mapped. */
 
+#include "bench/processorTime.h"
 #include "lib/public/owned.h"
 
 #include <array>
@@ -179,8 +180,9 @@ void CountResources(benchmark::State &state, pid_t pid)
    state.counters["disk_with_libraries_KiB"] = KiB(MappedBytes(process));
 }
 
-/* The argument, if there is one, is the limit of open files. */
-void StartToFirstLine(benchmark::State &state, const StartsAndLogs &start, rlim_t limit)
+enum class Clock { WALL, PROCESSOR };
+
+void StartToFirstLine(benchmark::State &state, const StartsAndLogs &start, Clock clock, rlim_t limit)
 {
    struct rlimit files;
    getrlimit(RLIMIT_NOFILE, &files);
@@ -197,7 +199,8 @@ void StartToFirstLine(benchmark::State &state, const StartsAndLogs &start, rlim_
          state.SkipWithError("it did not start");
          break;
       }
-      state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
+      state.SetIterationTime(clock == Clock::PROCESSOR ? ProcessorSecondsOf(started.pid)
+                                                       : std::chrono::duration<double>(end - begin).count());
       /* The line may come before it has all it needs. */
       usleep(2000);
       CountResources(state, started.pid);
@@ -207,27 +210,33 @@ void StartToFirstLine(benchmark::State &state, const StartsAndLogs &start, rlim_
    }
 }
 
-void Register(const std::string &name, const StartsAndLogs &start, rlim_t limit)
+void Register(const std::string &name, const StartsAndLogs &start, Clock clock, rlim_t limit)
 {
-   benchmark::RegisterBenchmark(name.c_str(), StartToFirstLine, start, limit)
+   benchmark::RegisterBenchmark(name.c_str(), StartToFirstLine, start, clock, limit)
        ->UseManualTime()
        ->Iterations(1)
        ->Unit(benchmark::kMillisecond);
+}
+
+void RegisterBoth(const std::string &implementation, const StartsAndLogs &start)
+{
+   constexpr rlim_t usual = 1024;
+   Register("daemon/Start/" + implementation, start, Clock::WALL, usual);
+   Register("daemon/StartWork/" + implementation, start, Clock::PROCESSOR, usual);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-   constexpr rlim_t usual = 1024;
-   Register("daemon/Start/tessel", StartTessel, usual);
-   Register("daemon/Start/socat", LogsToOutput({"socat", "-d", "-d", "UNIX-LISTEN:/Library/socket", "-"}),
-            usual);
-   Register("daemon/Start/ncat", LogsToOutput({"ncat", "-v", "-l", "-U", sSocket}), usual);
-   Register("daemon/Start/tcpserver", LogsToOutput({"tcpserver", "-v", "127.0.0.1", "0", "true"}), usual);
-   Register("daemon/Start/s6-ipcserver", LogsToOutput({"s6-ipcserver", "-1", sSocket, "true"}), usual);
+   RegisterBoth("tessel", StartTessel);
+   RegisterBoth("socat", LogsToOutput({"socat", "-d", "-d", "UNIX-LISTEN:/Library/socket", "-"}));
+   RegisterBoth("ncat", LogsToOutput({"ncat", "-v", "-l", "-U", sSocket}));
+   RegisterBoth("tcpserver", LogsToOutput({"tcpserver", "-v", "127.0.0.1", "0", "true"}));
+   RegisterBoth("s6-ipcserver", LogsToOutput({"s6-ipcserver", "-1", sSocket, "true"}));
    for (const rlim_t limit : {256, 1024, 4096, 20000}) {
-      Register("daemon-grows/DescriptorLimit/tessel/" + std::to_string(limit), StartTessel, limit);
+      Register("daemon-grows/DescriptorLimit/tessel/" + std::to_string(limit), StartTessel, Clock::PROCESSOR,
+               limit);
    }
    benchmark::Initialize(&argc, argv);
    benchmark::RunSpecifiedBenchmarks();
