@@ -76,17 +76,17 @@ class HeapUse {
  public:
    void Report(benchmark::State &state) const
    {
-      state.counters["memory_KiB"] = static_cast<double>(Now() - before_) / 1024;
+      state.counters["memory_KiB"] = (Now() - before_) / 1024;
    }
 
  private:
-   static size_t Now()
+   static double Now()
    {
       const struct mallinfo2 info = mallinfo2();
-      return info.uordblks + info.hblkhd;
+      return static_cast<double>(info.uordblks + info.hblkhd);
    }
 
-   size_t before_ = Now();
+   double before_ = Now();
 };
 
 template <Buckets buckets> void Load(benchmark::State &state)

@@ -186,7 +186,7 @@ def series(rows: list[Row], group: str, case: str) -> dict[str, list[Row]]:
 def curves(points: list[Row]) -> dict[str, list[tuple[float, float]]]:
     """Time, and memory where it was counted, over size."""
     found = {"time": [(row.size, row.time) for row in points]}
-    if all("memory_KiB" in row.counters for row in points):
+    if all(row.counters.get("memory_KiB", [0])[0] > 0 for row in points):
         found["memory"] = [(row.size, row.counter("memory_KiB")) for row in points]
     return found
 
