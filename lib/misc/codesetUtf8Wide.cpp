@@ -5,6 +5,7 @@
 #include "lib/misc/codesetUtf8Wide.h"
 
 #include <array>
+#include <atomic>
 #include <cpuid.h>
 #include <cstdint>
 #include <cstring>
@@ -161,11 +162,18 @@ bool FindWideSteps()
 
 } // namespace
 
-/* Asked once: where the machine is a guest, the host answers, which takes its time. */
+/* Asked once: where the machine is a guest, the host answers, which takes its time. Threads that ask at the same time get
+   the same answer. */
 bool CodeSetHasWideSteps()
 {
-   static const bool has = FindWideSteps();
-   return has;
+   enum class Answer : uint8_t { UNKNOWN, NO, YES };
+   static std::atomic<Answer> known = Answer::UNKNOWN;
+   Answer answer = known.load(std::memory_order_relaxed);
+   if (answer == Answer::UNKNOWN) {
+      answer = FindWideSteps() ? Answer::YES : Answer::NO;
+      known.store(answer, std::memory_order_relaxed);
+   }
+   return answer == Answer::YES;
 }
 
 AVX2 bool CodeSetIsValidUtf8Wide(const unsigned char *text, size_t length)
