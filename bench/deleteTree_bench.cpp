@@ -1,7 +1,6 @@
-/* Deleting 20,000 small files in 200 folders, made anew before each pass and outside the measured time. cpu is the
-   processor time of one deletion, with that of the program that a peer starts: the better measure where the
-   machine has other work. */
+/* Deleting trees, made anew before each pass and outside the measured time, which is the processor's, with that of the program that a peer starts; wall is the time that passed. */
 
+#include "bench/processorTime.h"
 #include "lib/file/file.h"
 
 #include <benchmark/benchmark.h>
@@ -12,16 +11,13 @@
 #include <initializer_list>
 #include <spawn.h>
 #include <string>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int FOLDERS = 200;
-constexpr int FILES_EACH = 100;
-constexpr int PASSES = 5;
+constexpr int64_t FILES_EACH = 100;
 
 bool MakeFile(const std::string &path)
 {
@@ -31,25 +27,38 @@ bool MakeFile(const std::string &path)
    return written;
 }
 
-/* The top folder's path; empty on failure. */
-std::string MakeTree()
+/* Makes a tree below a folder that exists. */
+using MakeTree = bool (*)(const std::string &top, int64_t size);
+
+/* That many small files, a hundred in a folder. */
+bool MakeFiles(const std::string &top, int64_t files)
 {
-   std::string top = (std::filesystem::temp_directory_path() / "tessel-bench-XXXXXX").string();
-   if (mkdtemp(top.data()) == nullptr) {
-      return "";
-   }
-   for (int i = 0; i < FOLDERS; i++) {
-      const std::string folder = top + "/folder" + std::to_string(i);
-      if (mkdir(folder.c_str(), 0755) != 0) {
-         return "";
-      }
-      for (int j = 0; j < FILES_EACH; j++) {
-         if (!MakeFile(folder + "/file" + std::to_string(j))) {
-            return "";
+   std::string folder;
+   for (int64_t i = 0; i < files; i++) {
+      if (i % FILES_EACH == 0) {
+         folder = top + "/folder" + std::to_string(i / FILES_EACH);
+         if (mkdir(folder.c_str(), 0755) != 0) {
+            return false;
          }
       }
+      if (!MakeFile(folder + "/file" + std::to_string(i % FILES_EACH))) {
+         return false;
+      }
    }
-   return top;
+   return true;
+}
+
+/* That many folders, each in the one before it. */
+bool MakeDepth(const std::string &top, int64_t folders)
+{
+   std::string folder = top;
+   for (int64_t i = 0; i < folders; i++) {
+      folder += "/d";
+      if (mkdir(folder.c_str(), 0755) != 0) {
+         return false;
+      }
+   }
+   return true;
 }
 
 bool RunProgram(const char *name, const char *first, const char *second, const char *third)
@@ -75,53 +84,53 @@ bool DeleteWithFind(const char *path)
 bool DeleteWithFilesystem(const char *path)
 {
    std::error_code error;
-   return std::filesystem::remove_all(path, error) == 1 + FOLDERS + FOLDERS * FILES_EACH;
+   return std::filesystem::remove_all(path, error) != static_cast<std::uintmax_t>(-1);
 }
 
-double Seconds(const struct timeval &time)
+void Delete(benchmark::State &state, bool (*deleteTree)(const char *), MakeTree make)
 {
-   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-}
-
-/* Of this process and of the children it has waited for. */
-double ProcessorSeconds()
-{
-   double seconds = 0;
-   for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
-      struct rusage usage;
-      getrusage(who, &usage);
-      seconds += Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
-   }
-   return seconds;
-}
-
-void Delete(benchmark::State &state, bool (*deleteTree)(const char *))
-{
-   double processor = 0;
+   double wall = 0;
    for ([[maybe_unused]] auto pass : state) {
-      const std::string top = MakeTree();
-      const double processorStart = ProcessorSeconds();
+      std::string top = (std::filesystem::temp_directory_path() / "tessel-bench-XXXXXX").string();
+      const bool made = mkdtemp(top.data()) != nullptr && make(top, state.range(0));
+      const double before = ProcessorSeconds();
       const auto start = std::chrono::steady_clock::now();
       const bool deleted = deleteTree(top.c_str());
       const auto end = std::chrono::steady_clock::now();
-      processor += ProcessorSeconds() - processorStart;
-      state.SetIterationTime(std::chrono::duration<double>(end - start).count());
-      if (top.empty() || !deleted || access(top.c_str(), F_OK) == 0) {
+      state.SetIterationTime(ProcessorSeconds() - before);
+      wall += std::chrono::duration<double>(end - start).count();
+      if (!made || !deleted || access(top.c_str(), F_OK) == 0) {
          state.SkipWithError("the tree was not made or not deleted");
          break;
       }
    }
-   state.counters["cpu"] = benchmark::Counter(processor, benchmark::Counter::kAvgIterations);
+   state.counters["wall"] = benchmark::Counter(wall, benchmark::Counter::kAvgIterations);
 }
 
 void Settings(benchmark::internal::Benchmark *bench)
 {
-   bench->Iterations(PASSES)->UseManualTime()->Unit(benchmark::kMillisecond);
+   bench->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 }
 
-BENCHMARK_CAPTURE(Delete, File_DeleteDirectoryTree, File_DeleteDirectoryTree)->Apply(Settings);
-BENCHMARK_CAPTURE(Delete, rm, DeleteWithRm)->Apply(Settings);
-BENCHMARK_CAPTURE(Delete, remove_all, DeleteWithFilesystem)->Apply(Settings);
-BENCHMARK_CAPTURE(Delete, find, DeleteWithFind)->Apply(Settings);
+#define BENCHMARK_DELETE(implementation, deleteTree)                                                         \
+   BENCHMARK_CAPTURE(Delete, implementation, deleteTree, MakeFiles)                                          \
+       ->Name("tree/Delete/" implementation)                                                                 \
+       ->Arg(20000)                                                                                          \
+       ->Apply(Settings);                                                                                    \
+   BENCHMARK_CAPTURE(Delete, implementation, deleteTree, MakeFiles)                                          \
+       ->Name("tree-grows/Files/" implementation)                                                            \
+       ->RangeMultiplier(10)                                                                                 \
+       ->Range(100, 100000)                                                                                  \
+       ->Apply(Settings);                                                                                    \
+   BENCHMARK_CAPTURE(Delete, implementation, deleteTree, MakeDepth)                                          \
+       ->Name("tree-grows/Depth/" implementation)                                                            \
+       ->RangeMultiplier(10)                                                                                 \
+       ->Range(10, 1000)                                                                                     \
+       ->Apply(Settings)
+
+BENCHMARK_DELETE("tessel", File_DeleteDirectoryTree);
+BENCHMARK_DELETE("rm", DeleteWithRm);
+BENCHMARK_DELETE("libstdc++", DeleteWithFilesystem);
+BENCHMARK_DELETE("find", DeleteWithFind);
 
 } // namespace

@@ -1,16 +1,18 @@
-/* Loading and saving of 10,000 settings with 10,000 comments, beside GLib's GKeyFile and libconfig. Nobody's save is
+/* Loading and saving of settings with a comment each, as many as the argument says, beside GLib's GKeyFile and libconfig. Nobody's save is
    flushed to the medium: where Dictionary_WriteFile would do that, the two calls are answered here at once,
    for the time that it takes is the disk's. */
 
 #include "lib/user/dictionary.h"
 
 #include <benchmark/benchmark.h>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <glib.h>
 #include <libconfig.h>
+#include <malloc.h>
 #include <string>
 #include <unistd.h>
 
@@ -21,9 +23,6 @@ extern "C" int __wrap_fsync(int /*fd*/)
 }
 
 namespace {
-
-constexpr int SETTINGS = 10000;
-constexpr int MANY_SETTINGS = 100000;
 
 /* A folder for all files of the run. */
 const std::string &Folder()
@@ -58,23 +57,59 @@ std::string DictionaryPath(int settings)
    return MakeFile("dictionary", ".encoding = \"UTF-8\"\n", " = \"", "\"\n", settings);
 }
 
-void Load(benchmark::State &state, uint32_t buckets, int settings)
+int Settings(const benchmark::State &state)
 {
-   const std::string path = DictionaryPath(settings);
+   return static_cast<int>(state.range(0));
+}
+
+/* As many buckets as settings are expected, or what a caller gets who says nothing. */
+enum class Buckets { EXPECTED, DEFAULT };
+
+Dictionary *Create(const benchmark::State &state, Buckets buckets)
+{
+   return Dictionary_CreateWithSize(
+       buckets == Buckets::EXPECTED ? std::bit_ceil(static_cast<uint32_t>(state.range(0))) : 0, false);
+}
+
+/* Tells how much of the heap a load takes. */
+class HeapUse {
+ public:
+   void Report(benchmark::State &state) const
+   {
+      state.counters["memory_KiB"] = (Now() - before_) / 1024;
+   }
+
+ private:
+   static double Now()
+   {
+      const struct mallinfo2 info = mallinfo2();
+      return static_cast<double>(info.uordblks + info.hblkhd);
+   }
+
+   double before_ = Now();
+};
+
+template <Buckets buckets> void Load(benchmark::State &state)
+{
+   const std::string path = DictionaryPath(Settings(state));
+   const HeapUse heap;
    for (auto unused : state) {
-      Dictionary *dictionary = Dictionary_CreateWithSize(buckets, false);
+      Dictionary *dictionary = Create(state, buckets);
       if (!Dictionary_Load(dictionary, path.c_str())) {
          state.SkipWithError("load");
       }
+      state.PauseTiming();
+      heap.Report(state);
+      state.ResumeTiming();
       Dictionary_Free(dictionary);
    }
 }
 
 /* One setting changes for every save. */
-void Save(benchmark::State &state, uint32_t buckets, int settings)
+void Save(benchmark::State &state)
 {
-   const std::string path = DictionaryPath(settings);
-   Dictionary *dictionary = Dictionary_CreateWithSize(buckets, false);
+   const std::string path = DictionaryPath(Settings(state));
+   Dictionary *dictionary = Create(state, Buckets::EXPECTED);
    if (!Dictionary_Load(dictionary, path.c_str())) {
       state.SkipWithError("load");
    }
@@ -88,36 +123,6 @@ void Save(benchmark::State &state, uint32_t buckets, int settings)
    Dictionary_Free(dictionary);
 }
 
-void DictionaryLoad10000(benchmark::State &state)
-{
-   Load(state, 0, SETTINGS);
-}
-
-void DictionaryLoad10000Buckets16384(benchmark::State &state)
-{
-   Load(state, 16384, SETTINGS);
-}
-
-void DictionaryLoad100000(benchmark::State &state)
-{
-   Load(state, 0, MANY_SETTINGS);
-}
-
-void DictionaryLoad100000Buckets131072(benchmark::State &state)
-{
-   Load(state, 131072, MANY_SETTINGS);
-}
-
-void DictionarySave10000(benchmark::State &state)
-{
-   Save(state, 0, SETTINGS);
-}
-
-void DictionarySave100000(benchmark::State &state)
-{
-   Save(state, 131072, MANY_SETTINGS);
-}
-
 GKeyFile *LoadKeyFile(const std::string &path)
 {
    GKeyFile *file = g_key_file_new();
@@ -128,16 +133,21 @@ GKeyFile *LoadKeyFile(const std::string &path)
    return file;
 }
 
-std::string KeyFilePath()
+std::string KeyFilePath(int settings)
 {
-   return MakeFile("keyfile", "[settings]\n", "=", "\n", SETTINGS);
+   return MakeFile("keyfile", "[settings]\n", "=", "\n", settings);
 }
 
-void KeyFileLoad10000(benchmark::State &state)
+void KeyFileLoad(benchmark::State &state)
 {
-   const std::string path = KeyFilePath();
+   const std::string path = KeyFilePath(Settings(state));
+   const HeapUse heap;
    for (auto unused : state) {
-      g_key_file_free(LoadKeyFile(path));
+      GKeyFile *file = LoadKeyFile(path);
+      state.PauseTiming();
+      heap.Report(state);
+      state.ResumeTiming();
+      g_key_file_free(file);
    }
 }
 
@@ -150,9 +160,9 @@ bool SaveText(const std::string &path, const char *text, size_t length)
    return close(fd) == 0 && written && rename(temporary.c_str(), path.c_str()) == 0;
 }
 
-void KeyFileSave10000(benchmark::State &state)
+void KeyFileSave(benchmark::State &state)
 {
-   const std::string path = KeyFilePath();
+   const std::string path = KeyFilePath(Settings(state));
    GKeyFile *file = LoadKeyFile(path);
    int value = 0;
    for (auto unused : state) {
@@ -167,28 +177,32 @@ void KeyFileSave10000(benchmark::State &state)
    g_key_file_free(file);
 }
 
-std::string ConfigPath()
+std::string ConfigPath(int settings)
 {
-   return MakeFile("libconfig", "", " = \"", "\";\n", SETTINGS);
+   return MakeFile("libconfig", "", " = \"", "\";\n", settings);
 }
 
-void LibconfigLoad10000(benchmark::State &state)
+void LibconfigLoad(benchmark::State &state)
 {
-   const std::string path = ConfigPath();
+   const std::string path = ConfigPath(Settings(state));
+   const HeapUse heap;
    for (auto unused : state) {
       config_t config;
       config_init(&config);
       if (config_read_file(&config, path.c_str()) != CONFIG_TRUE) {
          state.SkipWithError("load");
       }
+      state.PauseTiming();
+      heap.Report(state);
+      state.ResumeTiming();
       config_destroy(&config);
    }
 }
 
 /* Drops the comments: it does not keep any. */
-void LibconfigSave10000(benchmark::State &state)
+void LibconfigSave(benchmark::State &state)
 {
-   const std::string path = ConfigPath();
+   const std::string path = ConfigPath(Settings(state));
    config_t config;
    config_init(&config);
    if (config_read_file(&config, path.c_str()) != CONFIG_TRUE) {
@@ -207,15 +221,27 @@ void LibconfigSave10000(benchmark::State &state)
    config_destroy(&config);
 }
 
-BENCHMARK(KeyFileLoad10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(LibconfigLoad10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(DictionaryLoad10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(DictionaryLoad10000Buckets16384)->Unit(benchmark::kMillisecond);
-BENCHMARK(DictionaryLoad100000)->Unit(benchmark::kMillisecond);
-BENCHMARK(DictionaryLoad100000Buckets131072)->Unit(benchmark::kMillisecond);
-BENCHMARK(KeyFileSave10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(LibconfigSave10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(DictionarySave10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(DictionarySave100000)->Unit(benchmark::kMillisecond);
+void Compared(benchmark::internal::Benchmark *bench)
+{
+   bench->Arg(10000)->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK(Load<Buckets::EXPECTED>)->Name("dictionary/Load/tessel")->Apply(Compared);
+BENCHMARK(Load<Buckets::DEFAULT>)->Name("dictionary/Load/tessel-default-buckets")->Apply(Compared);
+BENCHMARK(KeyFileLoad)->Name("dictionary/Load/glib")->Apply(Compared);
+BENCHMARK(LibconfigLoad)->Name("dictionary/Load/libconfig")->Apply(Compared);
+BENCHMARK(Save)->Name("dictionary/Save/tessel")->Apply(Compared);
+BENCHMARK(KeyFileSave)->Name("dictionary/Save/glib")->Apply(Compared);
+BENCHMARK(LibconfigSave)->Name("dictionary/Save/libconfig")->Apply(Compared);
+
+void Sizes(benchmark::internal::Benchmark *bench)
+{
+   bench->RangeMultiplier(10)->Range(100, 1000000)->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK(Load<Buckets::EXPECTED>)->Name("dictionary-grows/Load/tessel")->Apply(Sizes);
+BENCHMARK(KeyFileLoad)->Name("dictionary-grows/Load/glib")->Apply(Sizes);
+BENCHMARK(Save)->Name("dictionary-grows/Save/tessel")->Apply(Sizes);
+BENCHMARK(KeyFileSave)->Name("dictionary-grows/Save/glib")->Apply(Sizes);
 
 } // namespace

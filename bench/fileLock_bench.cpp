@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -71,16 +72,17 @@ FileLockToken *TakeLock(const std::string &file, bool exclusive, uint32_t maxWai
    return token;
 }
 
-void BM_FileLock(benchmark::State &state)
+void BM_FileLock(benchmark::State &state, bool exclusive)
 {
    const Folder folder;
    const std::string file = folder.File();
 
    for (auto _ : state) {
-      Check(FileLock_Unlock(TakeLock(file, state.range(0) != 0, FILE_LOCK_TRY_ONCE), {}) == 0);
+      Check(FileLock_Unlock(TakeLock(file, exclusive, FILE_LOCK_TRY_ONCE), {}) == 0);
    }
 }
-BENCHMARK(BM_FileLock)->ArgName("exclusive")->Arg(0)->Arg(1);
+BENCHMARK_CAPTURE(BM_FileLock, exclusive, true)->Name("lock/Take/tessel");
+BENCHMARK_CAPTURE(BM_FileLock, shared, false)->Name("lock/Take/tessel-shared");
 
 void BM_MkdirDotLock(benchmark::State &state)
 {
@@ -92,7 +94,7 @@ void BM_MkdirDotLock(benchmark::State &state)
       Check(rmdir(lock.c_str()) == 0);
    }
 }
-BENCHMARK(BM_MkdirDotLock);
+BENCHMARK(BM_MkdirDotLock)->Name("lock/Take/mkdir");
 
 void BM_LinkDotLock(benchmark::State &state)
 {
@@ -110,7 +112,7 @@ void BM_LinkDotLock(benchmark::State &state)
       Check(unlink(lock.c_str()) == 0);
    }
 }
-BENCHMARK(BM_LinkDotLock);
+BENCHMARK(BM_LinkDotLock)->Name("lock/Take/link");
 
 void BM_Liblockfile(benchmark::State &state)
 {
@@ -122,7 +124,7 @@ void BM_Liblockfile(benchmark::State &state)
       Check(lockfile_remove(lock.c_str()) == 0);
    }
 }
-BENCHMARK(BM_Liblockfile);
+BENCHMARK(BM_Liblockfile)->Name("lock/Take/liblockfile");
 
 void BM_Flock(benchmark::State &state)
 {
@@ -135,7 +137,7 @@ void BM_Flock(benchmark::State &state)
       close(fd);
    }
 }
-BENCHMARK(BM_Flock);
+BENCHMARK(BM_Flock)->Name("lock/Take/flock");
 
 void BM_FcntlOpenFileDescription(benchmark::State &state)
 {
@@ -151,7 +153,7 @@ void BM_FcntlOpenFileDescription(benchmark::State &state)
       close(fd);
    }
 }
-BENCHMARK(BM_FcntlOpenFileDescription);
+BENCHMARK(BM_FcntlOpenFileDescription)->Name("lock/Take/fcntl");
 
 /* What the processes tell each other. */
 struct Board {
@@ -215,12 +217,66 @@ void BM_HandOver(benchmark::State &state)
 {
    HandOver(state, false);
 }
-BENCHMARK(BM_HandOver)->UseManualTime()->Iterations(20)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HandOver)
+    ->Name("lock/HandOver/tessel")
+    ->UseManualTime()
+    ->Iterations(4)
+    ->Unit(benchmark::kMillisecond);
 
 void BM_RecoveryFromAKilledHolder(benchmark::State &state)
 {
    HandOver(state, true);
 }
-BENCHMARK(BM_RecoveryFromAKilledHolder)->UseManualTime()->Iterations(20)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RecoveryFromAKilledHolder)
+    ->Name("lock/RecoveryFromAKilledHolder/tessel")
+    ->UseManualTime()
+    ->Iterations(4)
+    ->Unit(benchmark::kMillisecond);
+
+/* That many processes at once, each of which takes the lock some times and holds it for a millisecond: the time for one turn. It is the waiting that
+   counts, so it is the time that passes. */
+void BM_Contenders(benchmark::State &state)
+{
+   constexpr int turns = 4;
+   const Folder folder;
+   const std::string file = folder.File();
+   auto *const board = static_cast<Board *>(
+       mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+
+   for (auto _ : state) {
+      board->go = false;
+      std::vector<pid_t> contenders;
+      for (int64_t i = 0; i < state.range(0); i++) {
+         const pid_t contender = fork();
+         if (contender == 0) {
+            while (!board->go) {
+               usleep(200);
+            }
+            for (int turn = 0; turn < turns; turn++) {
+               FileLockToken *const token = TakeLock(file, true, FILE_LOCK_WAIT_FOREVER);
+               usleep(1000);
+               Check(FileLock_Unlock(token, {}) == 0);
+            }
+            _exit(0);
+         }
+         contenders.push_back(contender);
+      }
+      const auto start = std::chrono::steady_clock::now();
+      board->go = true;
+      for (const pid_t contender : contenders) {
+         waitpid(contender, nullptr, 0);
+      }
+      state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+   }
+   state.SetItemsProcessed(state.iterations() * state.range(0) * turns);
+   munmap(board, sizeof(Board));
+}
+BENCHMARK(BM_Contenders)
+    ->Name("lock-grows/Contenders/tessel")
+    ->RangeMultiplier(2)
+    ->Range(1, 16)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -7,9 +7,11 @@
 #include <array>
 #include <benchmark/benchmark.h>
 #include <bit>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fmt/format.h>
 #include <random>
 
@@ -64,10 +66,10 @@ enum class Peer { OURS, LIBRARY, FMT, ABSEIL };
    BENCH_PEERS(name##Allocating)
 
 #define BENCH_PEERS(name)                                                                                    \
-   BENCHMARK(name<Peer::OURS>)->Name(#name "/ours");                                                         \
-   BENCHMARK(name<Peer::LIBRARY>)->Name(#name "/library");                                                   \
-   BENCHMARK(name<Peer::FMT>)->Name(#name "/fmt");                                                           \
-   BENCHMARK(name<Peer::ABSEIL>)->Name(#name "/abseil");
+   BENCHMARK(name<Peer::OURS>)->Name("format/" #name "/tessel");                                             \
+   BENCHMARK(name<Peer::LIBRARY>)->Name("format/" #name "/glibc");                                           \
+   BENCHMARK(name<Peer::FMT>)->Name("format/" #name "/fmt");                                                 \
+   BENCHMARK(name<Peer::ABSEIL>)->Name("format/" #name "/abseil");
 
 BENCH_FORMAT(LogPrefix, "%04d-%02d-%02dT%02d:%02d:%02d.%03d| ", "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}| ",
              2024, 6, 11, i & 15, i & 31, 59, i & 511)
@@ -82,6 +84,93 @@ BENCH_FORMAT(Path, "%s%s%s", "{}{}{}", sFolder, "/Services/", sName)
 const std::string sLong(280, 'x');
 
 BENCH_FORMAT(LongMessage, "%s: %d of %d, %d\n", "{}: {} of {}, {}\n", sLong.c_str(), i, 1024, i * 7)
+
+/* What code written for the one format can do. The compiler must not know what it writes. */
+template <typename... Values> void Hide(Values &...values)
+{
+   (benchmark::DoNotOptimize(values), ...);
+}
+
+char *PutDigits(char *out, int value, int digits)
+{
+   for (int place = digits - 1; place >= 0; place--) {
+      out[place] = static_cast<char>('0' + value % 10);
+      value /= 10;
+   }
+   return out + digits;
+}
+
+char *PutText(char *out, const char *text)
+{
+   const size_t length = strlen(text);
+   memcpy(out, text, length);
+   return out + length;
+}
+
+char *PutInt(char *out, int value)
+{
+   return std::to_chars(out, out + 12, value).ptr;
+}
+
+void LogPrefixByHand(benchmark::State &state)
+{
+   int i = 0;
+   for (auto _ : state) {
+      i = (i + 1) & 1023;
+      int year = 2024;
+      int month = 6;
+      int day = 11;
+      int second = 59;
+      Hide(year, month, day, second);
+      char *out = PutDigits(sBuffer, year, 4);
+      *out++ = '-';
+      out = PutDigits(out, month, 2);
+      *out++ = '-';
+      out = PutDigits(out, day, 2);
+      *out++ = 'T';
+      out = PutDigits(out, i & 15, 2);
+      *out++ = ':';
+      out = PutDigits(out, i & 31, 2);
+      *out++ = ':';
+      out = PutDigits(out, second, 2);
+      *out++ = '.';
+      out = PutDigits(out, i & 511, 3);
+      memcpy(out, "| ", 3);
+      benchmark::DoNotOptimize(sBuffer);
+      benchmark::ClobberMemory();
+   }
+}
+
+void LogLineByHand(benchmark::State &state)
+{
+   const char *tag = "ServiceImplDaemon";
+   int i = 0;
+   for (auto _ : state) {
+      i = (i + 1) & 1023;
+      Hide(tag);
+      char *out = PutText(PutText(sBuffer, tag), ": kevent errno ");
+      memcpy(PutInt(out, i), ".\n", 3);
+      benchmark::DoNotOptimize(sBuffer);
+      benchmark::ClobberMemory();
+   }
+}
+
+void PathByHand(benchmark::State &state)
+{
+   const char *folder = sFolder;
+   const char *middle = "/Services/";
+   const char *name = sName;
+   for (auto _ : state) {
+      Hide(folder, middle, name);
+      *PutText(PutText(PutText(sBuffer, folder), middle), name) = '\0';
+      benchmark::DoNotOptimize(sBuffer);
+      benchmark::ClobberMemory();
+   }
+}
+
+BENCHMARK(LogPrefixByHand)->Name("format/LogPrefixFixed/hand");
+BENCHMARK(LogLineByHand)->Name("format/LogLineFixed/hand");
+BENCHMARK(PathByHand)->Name("format/PathFixed/hand");
 
 /* Reals of two kinds: everyday magnitudes, and all finite bit patterns alike. */
 template <typename Draw> std::array<double, 1024> Reals(Draw draw)
@@ -115,5 +204,36 @@ BENCH_FORMAT(AnyBitsF3, "%.3f", "{:.3f}", sAnyBits[static_cast<size_t>(i)])
 BENCH_FORMAT(AnyBitsG, "%g", "{:g}", sAnyBits[static_cast<size_t>(i)])
 BENCH_FORMAT(AnyBitsE, "%e", "{:e}", sAnyBits[static_cast<size_t>(i)])
 BENCH_FORMAT(AnyBitsE17, "%.16e", "{:.16e}", sAnyBits[static_cast<size_t>(i)])
+
+/* How the time of %s grows with the length of its text. */
+template <typename Print> void TextLength(benchmark::State &state, Print print)
+{
+   const std::string text(static_cast<size_t>(state.range(0)), 'x');
+   std::string buffer(text.size() + 16, '\0');
+   for (auto _ : state) {
+      print(buffer.data(), buffer.size(), text.c_str());
+      benchmark::ClobberMemory();
+   }
+}
+
+constexpr int64_t LONGEST_TEXT = 1 << 20;
+
+void Lengths(benchmark::internal::Benchmark *bench)
+{
+   bench->RangeMultiplier(16)->Range(16, LONGEST_TEXT);
+}
+
+BENCHMARK_CAPTURE(TextLength, tessel,
+                  [](char *buffer, size_t size, const char *text) {
+                     return Str_Snprintf(buffer, size, "%s: %d\n", text, 7);
+                  })
+    ->Name("format-grows/TextLength/tessel")
+    ->Apply(Lengths);
+BENCHMARK_CAPTURE(TextLength, glibc,
+                  [](char *buffer, size_t size, const char *text) {
+                     return snprintf(buffer, size, "%s: %d\n", text, 7);
+                  })
+    ->Name("format-grows/TextLength/glibc")
+    ->Apply(Lengths);
 
 } // namespace

@@ -1,10 +1,13 @@
 #include "lib/misc/codeset.h"
+#include "lib/misc/codesetUtf8.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>
+#include <cstring>
 #include <glib.h>
 #include <iconv.h>
+#include <simdjson.h>
 #include <string>
 #include <string_view>
 #include <unicode/ucnv.h>
@@ -24,28 +27,23 @@ struct Text {
 };
 
 constexpr Text samples[] = {
-    {"ascii", "The quick brown fox jumps over the lazy dog. /usr/lib/example/file-1.txt\n"},
-    {"latin", "D\u00E8s No\u00EBl o\u00F9 un z\u00E9phyr ha\u00EF me v\u00EAt de gla\u00E7ons w\u00FCrmiens, "
+    {"Ascii", "The quick brown fox jumps over the lazy dog. /usr/lib/example/file-1.txt\n"},
+    {"Latin", "D\u00E8s No\u00EBl o\u00F9 un z\u00E9phyr ha\u00EF me v\u00EAt de gla\u00E7ons w\u00FCrmiens, "
               "je d\u00EEne d\u2019exquis r\u00F4tis. "},
-    {"chinese", "\u5929\u5730\u7384\u9EC4\uFF0C\u5B87\u5B99\u6D2A\u8352\u3002\u65E5\u6708\u76C8\u6603\uFF0C"
+    {"Chinese", "\u5929\u5730\u7384\u9EC4\uFF0C\u5B87\u5B99\u6D2A\u8352\u3002\u65E5\u6708\u76C8\u6603\uFF0C"
                 "\u8FB0\u5BBF\u5217\u5F20\u3002\u5BD2\u6765\u6691\u5F80\uFF0C\u79CB\u6536\u51AC\u85CF\u3002"},
-    {"emoji", "\U0001F600\U0001F680\U0001F30D\U0001F468\u200D\U0001F469\u200D\U0001F467 \U0001F389\U0001F3B8 "
+    {"Emoji", "\U0001F600\U0001F680\U0001F30D\U0001F468\u200D\U0001F469\u200D\U0001F467 \U0001F389\U0001F3B8 "
               "ok \U0001F44D\U0001F3FD"},
 };
 
-const std::string &TextOf(const benchmark::State &state)
+/* As often as it goes into that many bytes. */
+std::string TextOf(const Text &text, size_t bytes)
 {
-   static const std::vector<std::string> texts = [] {
-      std::vector<std::string> made;
-      for (const Text &text : samples) {
-         std::string &whole = made.emplace_back();
-         while (whole.size() + text.sample.size() <= TEXT_BYTES) {
-            whole += text.sample;
-         }
-      }
-      return made;
-   }();
-   return texts[static_cast<size_t>(state.range(0))];
+   std::string whole;
+   while (whole.size() + text.sample.size() <= bytes) {
+      whole += text.sample;
+   }
+   return whole;
 }
 
 /* Strings of about 32 bytes, one after the other, as file names come. */
@@ -90,17 +88,26 @@ bool UnistringValidates(const char *text, size_t length)
    return bad == nullptr;
 }
 
+/* Steps of a vector register, by the widest instructions the processor has. */
+bool SimdjsonValidates(const char *text, size_t length)
+{
+   return simdjson::validate_utf8(text, length);
+}
+
 bool OwnValidates(const char *text, size_t length)
 {
    return CodeSet_IsValidUtf8Buffer(text, length);
 }
 
+bool PortableValidates(const char *text, size_t length)
+{
+   return CodeSetIsValidUtf8Portable(reinterpret_cast<const unsigned char *>(text), length);
+}
+
 using Validates = bool (*)(const char *, size_t);
 
-template <Validates validates> void Validate(benchmark::State &state)
+void Validate(benchmark::State &state, Validates validates, const std::string &text)
 {
-   const std::string &text = TextOf(state);
-   benchmark::DoNotOptimize(text.data());
    for (auto _ : state) {
       benchmark::ClobberMemory();
       if (!validates(text.data(), text.size())) {
@@ -108,10 +115,9 @@ template <Validates validates> void Validate(benchmark::State &state)
       }
    }
    state.SetBytesProcessed(static_cast<int64_t>(text.size()) * state.iterations());
-   state.SetLabel(samples[state.range(0)].name);
 }
 
-template <Validates validates> void ValidateShort(benchmark::State &state)
+void ValidateShort(benchmark::State &state, Validates validates)
 {
    const std::vector<std::string> &strings = ShortStrings();
    for (auto _ : state) {
@@ -205,7 +211,7 @@ char *IconvToUtf8(const std::string &utf16)
 
 using Converts = char *(*)(const std::string &);
 
-template <Converts converts> void Convert(benchmark::State &state, const std::string &input)
+void Convert(benchmark::State &state, Converts converts, const std::string &input)
 {
    for (auto _ : state) {
       char *output = converts(input);
@@ -213,17 +219,18 @@ template <Converts converts> void Convert(benchmark::State &state, const std::st
       free(output);
    }
    state.SetBytesProcessed(static_cast<int64_t>(input.size()) * state.iterations());
-   state.SetLabel(samples[state.range(0)].name);
 }
 
-template <Converts converts> void ToUtf16(benchmark::State &state)
+/* What handing back a new block costs if the result is known. */
+void Copy(benchmark::State &state, const std::string &result)
 {
-   Convert<converts>(state, TextOf(state));
-}
-
-template <Converts converts> void ToUtf8(benchmark::State &state)
-{
-   Convert<converts>(state, Utf16Of(TextOf(state)));
+   for (auto _ : state) {
+      auto *output = static_cast<char *>(malloc(result.size() + 1));
+      memcpy(output, result.data(), result.size());
+      benchmark::DoNotOptimize(output);
+      benchmark::ClobberMemory();
+      free(output);
+   }
 }
 
 void LookupOwn(benchmark::State &state, const char *name, bool fresh)
@@ -253,30 +260,87 @@ void LookupIconv(benchmark::State &state, const char *name)
    }
 }
 
-} // namespace
+struct Row {
+   const char *implementation;
+   Validates validates;
+   Converts toUtf16;
+   Converts toUtf8;
+};
 
-BENCHMARK(Validate<OwnValidates>)->DenseRange(0, 3);
-BENCHMARK(Validate<GlibValidates>)->DenseRange(0, 3);
-BENCHMARK(Validate<UnistringValidates>)->DenseRange(0, 3);
-BENCHMARK(Validate<IcuValidates>)->DenseRange(0, 3);
-BENCHMARK(ValidateShort<OwnValidates>);
-BENCHMARK(ValidateShort<GlibValidates>);
-BENCHMARK(ValidateShort<UnistringValidates>);
-BENCHMARK(ValidateShort<IcuValidates>);
-BENCHMARK(ToUtf16<OwnToUtf16>)->DenseRange(0, 3);
-BENCHMARK(ToUtf16<IcuToUtf16>)->DenseRange(0, 3);
-BENCHMARK(ToUtf16<GlibToUtf16>)->DenseRange(0, 3);
-BENCHMARK(ToUtf16<IconvToUtf16>)->DenseRange(0, 3);
-BENCHMARK(ToUtf8<OwnToUtf8>)->DenseRange(0, 3);
-BENCHMARK(ToUtf8<IcuToUtf8>)->DenseRange(0, 3);
-BENCHMARK(ToUtf8<GlibToUtf8>)->DenseRange(0, 3);
-BENCHMARK(ToUtf8<IconvToUtf8>)->DenseRange(0, 3);
+constexpr Row rows[] = {
+    {"tessel", OwnValidates, OwnToUtf16, OwnToUtf8},
+    {"tessel-portable", PortableValidates, nullptr, nullptr},
+    {"glib", GlibValidates, GlibToUtf16, GlibToUtf8},
+    {"icu", IcuValidates, IcuToUtf16, IcuToUtf8},
+    {"libunistring", UnistringValidates, nullptr, nullptr},
+    {"iconv", nullptr, IconvToUtf16, IconvToUtf8},
+    {"simdjson", SimdjsonValidates, nullptr, nullptr},
+};
+
+template <typename... Arguments>
+void Register(const std::string &which, const char *implementation, Arguments... arguments)
+{
+   benchmark::RegisterBenchmark((which + "/" + implementation).c_str(), arguments...);
+}
+
+void RegisterText(const Text &sample)
+{
+   const std::string text = TextOf(sample, TEXT_BYTES);
+   const std::string utf16 = Utf16Of(text);
+   const std::string name = sample.name;
+   for (const Row &row : rows) {
+      if (row.validates != nullptr) {
+         Register("unicode/Validate" + name, row.implementation, Validate, row.validates, text);
+      }
+      if (row.toUtf16 != nullptr) {
+         Register("unicode/ToUtf16" + name, row.implementation, Convert, row.toUtf16, text);
+         Register("unicode/ToUtf8" + name, row.implementation, Convert, row.toUtf8, utf16);
+      }
+   }
+   Register("unicode/ToUtf16" + name, "memcpy", Copy, utf16);
+   Register("unicode/ToUtf8" + name, "memcpy", Copy, text);
+}
+
+void RegisterLengths(const Text &sample)
+{
+   for (size_t bytes = 256; bytes <= TEXT_BYTES * 16; bytes *= 16) {
+      const std::string text = TextOf(sample, bytes);
+      const std::string implementation = "tessel/" + std::to_string(bytes);
+      Register("unicode-grows/Validate", implementation.c_str(), Validate, OwnValidates, text);
+      Register("unicode-grows/ToUtf16", implementation.c_str(), Convert, OwnToUtf16, text);
+      Register("unicode-grows/ToUtf8", implementation.c_str(), Convert, OwnToUtf8, Utf16Of(text));
+   }
+}
 
 /* A miss includes making the cache anew and filling it. */
-BENCHMARK_CAPTURE(LookupOwn, hit, "windows-1252", false);
-BENCHMARK_CAPTURE(LookupOwn, miss_exact, "windows-1252", true);
-BENCHMARK_CAPTURE(LookupOwn, miss_exact_late, "Windows-57011", true);
-BENCHMARK_CAPTURE(LookupOwn, miss_loose, "Cp_1258", true);
-BENCHMARK_CAPTURE(LookupIcu, exact, "windows-1252");
-BENCHMARK_CAPTURE(LookupIcu, loose, "Cp_1258");
-BENCHMARK_CAPTURE(LookupIconv, exact, "WINDOWS-1252");
+void RegisterLookups()
+{
+   Register("unicode/LookupHit", "tessel", LookupOwn, "windows-1252", false);
+   Register("unicode/LookupMiss", "tessel", LookupOwn, "windows-1252", true);
+   Register("unicode/LookupMissLate", "tessel", LookupOwn, "Windows-57011", true);
+   Register("unicode/LookupMissLoose", "tessel", LookupOwn, "Cp_1258", true);
+   for (const char *which : {"unicode/LookupHit", "unicode/LookupMiss"}) {
+      Register(which, "icu", LookupIcu, "windows-1252");
+      Register(which, "iconv", LookupIconv, "WINDOWS-1252");
+   }
+   Register("unicode/LookupMissLoose", "icu", LookupIcu, "Cp_1258");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+   for (const Text &sample : samples) {
+      RegisterText(sample);
+   }
+   RegisterLengths(samples[1]);
+   for (const Row &row : rows) {
+      if (row.validates != nullptr) {
+         Register("unicode/ValidateShort", row.implementation, ValidateShort, row.validates);
+      }
+   }
+   RegisterLookups();
+   benchmark::Initialize(&argc, argv);
+   benchmark::RunSpecifiedBenchmarks();
+   return 0;
+}

@@ -3,6 +3,8 @@
 #include "lib/misc/codesetBuiltin.h"
 #include "lib/misc/codesetEngine.h"
 #include "lib/misc/codesetInit.h"
+#include "lib/misc/codesetUtf8.h"
+#include "lib/misc/codesetUtf8Wide.h"
 #include "lib/misc/dynbuf.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
 #include "tests/support/testSupport.h"
@@ -324,6 +326,33 @@ TEST(CodeSetWrappers, ConvertTheirPairWithFourZerosBehind)
    char *output = nullptr;
    EXPECT_FALSE(CodeSet_CurrentToUtf8("", SIZE_MAX, &output, nullptr));
    EXPECT_STREQ(CodeSet_GetCurrentCodeSet(), "UTF-8");
+}
+
+/* All sequences of four of the bytes at which a rule begins or ends, across the border of two steps: inside a text, and
+   at its end. */
+TEST(CodeSetUtf8, WideStepsAgreeWithTheAutomaton)
+{
+   if (!CodeSetHasWideSteps()) {
+      GTEST_SKIP() << "this processor has no wide steps";
+   }
+   constexpr unsigned char borders[] = {0x00, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF,
+                                        0xC0, 0xC1, 0xC2, 0xDF, 0xE0, 0xE1, 0xEC, 0xED,
+                                        0xEE, 0xEF, 0xF0, 0xF1, 0xF3, 0xF4, 0xF5, 0xFF};
+   constexpr size_t count = std::size(borders);
+   unsigned char inside[128] = {};
+   unsigned char atEnd[34] = {};
+   size_t differing = 0;
+   for (size_t i = 0; i < count * count * count * count; i++) {
+      const unsigned char four[] = {borders[i / (count * count * count)],
+                                    borders[i / (count * count) % count], borders[i / count % count],
+                                    borders[i % count]};
+      memcpy(&inside[62], four, sizeof four);
+      memcpy(&atEnd[30], four, sizeof four);
+      const bool valid = CodeSetIsValidUtf8Portable(four, sizeof four);
+      differing += CodeSetIsValidUtf8Wide(inside, sizeof inside) == valid ? 0 : 1;
+      differing += CodeSetIsValidUtf8Wide(atEnd, sizeof atEnd) == valid ? 0 : 1;
+   }
+   EXPECT_EQ(differing, 0U);
 }
 
 TEST(CodeSetUtf8, IsMeasuredAndCheckedAsAString)

@@ -1,6 +1,7 @@
 #include "lib/misc/codesetUtf8.h"
 
 #include "lib/misc/codeset.h"
+#include "lib/misc/codesetUtf8Wide.h"
 #include "lib/misc/util.h"
 
 #include <array>
@@ -88,10 +89,9 @@ bool IsAsciiBlock(const unsigned char *block, size_t words)
 } // namespace
 
 /* Only in the accepting state may ASCII be passed over unseen: it leads from there back to there. */
-bool CodeSet_IsValidUtf8Buffer(const void *buffer, size_t length)
+bool CodeSetIsValidUtf8Portable(const unsigned char *next, size_t length)
 {
    constexpr size_t wide = 4 * BLOCK;
-   const auto *next = static_cast<const unsigned char *>(buffer);
    uint64_t state = STATE_ACCEPT;
    while (length >= BLOCK) {
       if ((state & STATE_MASK) == STATE_ACCEPT && IsAsciiBlock(next, BLOCK / 8)) {
@@ -113,6 +113,15 @@ bool CodeSet_IsValidUtf8Buffer(const void *buffer, size_t length)
       state = Step(state, *next++);
    }
    return (state & STATE_MASK) == STATE_ACCEPT;
+}
+
+/* A short text is over before the wide steps pay. */
+bool CodeSet_IsValidUtf8Buffer(const void *buffer, size_t length)
+{
+   constexpr size_t worthWideSteps = 64;
+   const auto *const text = static_cast<const unsigned char *>(buffer);
+   return length >= worthWideSteps && CodeSetHasWideSteps() ? CodeSetIsValidUtf8Wide(text, length)
+                                                            : CodeSetIsValidUtf8Portable(text, length);
 }
 
 bool CodeSet_IsValidUtf8(const char *string)

@@ -69,6 +69,9 @@ inline int CodeSetDecodeUtf8(const unsigned char *next, const unsigned char *end
    return *codePoint >= 0x10000 ? 4 : 0;
 }
 
+/* CodeSet_IsValidUtf8Buffer on a processor without wide steps, and for short texts. */
+bool CodeSetIsValidUtf8Portable(const unsigned char *text, size_t length);
+
 /* Writes the code point (at most 0x1FFFFF; surrogates like any value) as 1 to 4 bytes and returns the end of them. There
    must be room for four bytes: all are stored at once, whatever the length. */
 inline char *CodeSetEncodeUtf8(uint32_t codePoint, char *out)

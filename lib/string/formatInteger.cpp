@@ -2,6 +2,7 @@
 
 #include "lib/string/formatField.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <iterator>
@@ -120,6 +121,25 @@ void IntegerPutDigits(FormatSink *sink, uint64_t value, size_t length)
                     [magnitude, length](FormatSink *to) { IntegerPutDigits(to, magnitude, length); });
 }
 
+/* With zeros between the sign, if there is one, and the digits up to the width. */
+bool IntegerPutPadded(FormatSink *sink, char sign, uint64_t magnitude, size_t width)
+{
+   const size_t digits = IntegerDecimalLength(magnitude);
+   const size_t real = digits + (sign != '\0' ? 1 : 0);
+
+   if (!Sink_Announce(sink, std::max(real, width))) {
+      return false;
+   }
+   if (sign != '\0') {
+      Sink_PutByte(sink, sign);
+   }
+   if (width > real) {
+      Sink_Fill(sink, '0', static_cast<int64_t>(width - real));
+   }
+   IntegerPutDigits(sink, magnitude, digits);
+   return true;
+}
+
 bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitude, FormatLocale *locale)
 {
    if ((directive->flags & GROUPING) != 0) {
@@ -128,15 +148,7 @@ bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitud
    if (directive->width > 0 || directive->precision >= 0) {
       return IntegerPutField(sink, directive, magnitude);
    }
-   const size_t length = IntegerDecimalLength(magnitude);
-   if (!Sink_Announce(sink, length + (directive->sign != '\0' ? 1 : 0))) {
-      return false;
-   }
-   if (directive->sign != '\0') {
-      Sink_PutByte(sink, directive->sign);
-   }
-   IntegerPutDigits(sink, magnitude, length);
-   return true;
+   return IntegerPutPadded(sink, directive->sign, magnitude, 0);
 }
 
 } // namespace
@@ -166,6 +178,14 @@ bool Integer_PutSigned(FormatSink *sink, Directive *directive, int64_t value, Fo
       magnitude = -magnitude;
    }
    return IntegerPutDecimal(sink, directive, magnitude, locale);
+}
+
+bool Integer_PutInt(FormatSink *sink, int value, size_t width)
+{
+   const auto magnitude = static_cast<uint64_t>(value);
+
+   return value < 0 ? IntegerPutPadded(sink, '-', -magnitude, width)
+                    : IntegerPutPadded(sink, '\0', magnitude, width);
 }
 
 bool Integer_PutUnsigned(FormatSink *sink, Directive *directive, uint64_t value, FormatLocale *locale)

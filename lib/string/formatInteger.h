@@ -13,6 +13,10 @@
                                      FormatLocale *locale);
 [[nodiscard]] bool Integer_PutUnsigned(FormatSink *sink, Directive *directive, uint64_t value,
                                        FormatLocale *locale);
+
+/* "%d", and with a width, of zeros up to it. */
+[[nodiscard]] bool Integer_PutInt(FormatSink *sink, int value, size_t width);
+
 [[nodiscard]] bool Integer_PutOctal(FormatSink *sink, Directive *directive, uint64_t value);
 
 /* Upper case for the conversions X and p; p never has a prefix. */

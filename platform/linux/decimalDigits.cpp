@@ -18,12 +18,14 @@ bool DecimalDigits_Significant(DecimalDigits *digits, double value, int count)
 
    char *const text = count > 1 ? first + 1 : first;
    *text = *first;
+   const char *const sign = text + count + 1;
    int exponent = 0;
-   const char *mark = text + count + 1;
-   std::from_chars(*mark == '+' ? mark + 1 : mark, last, exponent);
+   for (const char *digit = sign + 1; digit < last; digit++) {
+      exponent = exponent * 10 + (*digit - '0');
+   }
    digits->text = text;
    digits->length = static_cast<size_t>(count);
-   digits->exponent = exponent + 1;
+   digits->exponent = (*sign == '-' ? -exponent : exponent) + 1;
    return true;
 }
 
