@@ -80,6 +80,10 @@ void FileCopyEntries(const WalkDirContext *context, FileEntries *list)
 
 WalkDirContext *File_WalkDirectoryStart(const char *path)
 {
+   if (path == nullptr) {
+      errno = EFAULT;
+      return nullptr;
+   }
    auto *const context = static_cast<WalkDirContext *>(Util_SafeMalloc(sizeof(WalkDirContext)));
 
    context->path = Util_SafeStrdup(path);
