@@ -10,22 +10,6 @@
 
 namespace {
 
-int ToolOptionsPrint(const char *text)
-{
-   if (!ToolReport_Print(text)) {
-      Warning("cannot write to standard output: %s\n", strerror(errno));
-      return TOOL_EXIT_SYSTEM;
-   }
-   return TOOL_EXIT_OK;
-}
-
-int ToolOptionsRefuse(int found, const char *word)
-{
-   Warning("%s: %s; --help lists the options\n", word,
-           found == ':' ? "a value is missing" : "there is no such option");
-   return TOOL_EXIT_USAGE;
-}
-
 /* -1 as an option's letter ends the options. */
 std::optional<int> ToolOptionsTake(int letter, const char *word, const ToolUsage &usage, ToolOptions *options)
 {
@@ -40,11 +24,11 @@ std::optional<int> ToolOptionsTake(int letter, const char *word, const ToolUsage
       ToolReport_SetQuiet();
       return std::nullopt;
    case 'h':
-      return ToolOptionsPrint(usage.help);
+      return ToolOptions_Print(usage.help);
    case 'V':
-      return ToolOptionsPrint(usage.version);
+      return ToolOptions_Print(usage.version);
    default:
-      return ToolOptionsRefuse(letter, word);
+      return ToolOptions_Refuse(letter, word);
    }
 }
 
@@ -70,4 +54,20 @@ std::optional<int> ToolOptions_Parse(int argc, char **argv, const ToolUsage &usa
    }
    options->command = optind < argc ? argv + optind : nullptr;
    return std::nullopt;
+}
+
+int ToolOptions_Print(const char *text)
+{
+   if (!ToolReport_Print(text)) {
+      Warning("cannot write to standard output: %s\n", strerror(errno));
+      return TOOL_EXIT_SYSTEM;
+   }
+   return TOOL_EXIT_OK;
+}
+
+int ToolOptions_Refuse(int found, const char *word)
+{
+   Warning("%s: %s; --help lists the options\n", word,
+           found == ':' ? "a value is missing" : "there is no such option");
+   return TOOL_EXIT_USAGE;
 }

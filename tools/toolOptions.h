@@ -23,4 +23,9 @@ struct ToolOptions {
 [[nodiscard]] std::optional<int> ToolOptions_Parse(int argc, char **argv, const ToolUsage &usage,
                                                    ToolOptions *options);
 
+/* For tools with options of their own: prints a text that was asked for, or reports what is wrong with a word for which
+   getopt_long(3) gave found. The exit status. */
+[[nodiscard]] int ToolOptions_Print(const char *text);
+[[nodiscard]] int ToolOptions_Refuse(int found, const char *word);
+
 #endif

@@ -4,6 +4,7 @@
 #include "lib/public/owned.h"
 
 #include <cstddef>
+#include <span>
 
 /* One entry of a directory. */
 struct FileEntry {
@@ -26,6 +27,11 @@ struct FileEntries {
       for (size_t i = 0; i < count; i++) {
          const Owned<char> name(entries[i].name);
       }
+   }
+
+   [[nodiscard]] std::span<const FileEntry> All() const
+   {
+      return {entries, count};
    }
 };
 

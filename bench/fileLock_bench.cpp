@@ -1,0 +1,226 @@
+/* Uncontended take and release of the lock of one file, beside what else locks files; then how long a waiter takes to get
+   what another process gives back, or leaves by being killed. The folder is TMPDIR's: names are made and
+   removed at very different speeds in memory and on a disk. */
+
+#include "lib/file/fileLock.h"
+
+#include <atomic>
+#include <benchmark/benchmark.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <lockfile.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class Folder {
+ public:
+   Folder()
+   {
+      std::string pattern = (fs::temp_directory_path() / "tessel-bench-XXXXXX").string();
+      if (mkdtemp(pattern.data()) == nullptr) {
+         abort();
+      }
+      path_ = pattern;
+   }
+
+   ~Folder()
+   {
+      std::error_code ignored;
+      fs::remove_all(path_, ignored);
+   }
+
+   Folder(const Folder &) = delete;
+   Folder &operator=(const Folder &) = delete;
+
+   [[nodiscard]] std::string File() const
+   {
+      return path_ + "/file";
+   }
+
+ private:
+   std::string path_;
+};
+
+/* A benchmark must not go on with a lock it has not got. */
+void Check(bool holds)
+{
+   if (!holds) {
+      perror("fileLock_bench");
+      abort();
+   }
+}
+
+FileLockToken *TakeLock(const std::string &file, bool exclusive, uint32_t maxWaitMs)
+{
+   int error = 0;
+   FileLockToken *const token = FileLock_Lock(file.c_str(), exclusive, maxWaitMs, {}, &error);
+   Check(token != nullptr);
+   return token;
+}
+
+void BM_FileLock(benchmark::State &state)
+{
+   const Folder folder;
+   const std::string file = folder.File();
+
+   for (auto _ : state) {
+      Check(FileLock_Unlock(TakeLock(file, state.range(0) != 0, FILE_LOCK_TRY_ONCE), {}) == 0);
+   }
+}
+BENCHMARK(BM_FileLock)->ArgName("exclusive")->Arg(0)->Arg(1);
+
+void BM_MkdirDotLock(benchmark::State &state)
+{
+   const Folder folder;
+   const std::string lock = folder.File() + ".lock";
+
+   for (auto _ : state) {
+      Check(mkdir(lock.c_str(), 0777) == 0);
+      Check(rmdir(lock.c_str()) == 0);
+   }
+}
+BENCHMARK(BM_MkdirDotLock);
+
+void BM_LinkDotLock(benchmark::State &state)
+{
+   const Folder folder;
+   const std::string lock = folder.File() + ".lock";
+   const std::string own = folder.File() + "." + std::to_string(getpid());
+   const std::string owner = std::to_string(getpid()) + "\n";
+
+   for (auto _ : state) {
+      const int fd = open(own.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+      Check(write(fd, owner.data(), owner.size()) == static_cast<ssize_t>(owner.size()));
+      close(fd);
+      Check(link(own.c_str(), lock.c_str()) == 0);
+      Check(unlink(own.c_str()) == 0);
+      Check(unlink(lock.c_str()) == 0);
+   }
+}
+BENCHMARK(BM_LinkDotLock);
+
+void BM_Liblockfile(benchmark::State &state)
+{
+   const Folder folder;
+   const std::string lock = folder.File() + ".lock";
+
+   for (auto _ : state) {
+      Check(lockfile_create(lock.c_str(), 0, L_PID) == L_SUCCESS);
+      Check(lockfile_remove(lock.c_str()) == 0);
+   }
+}
+BENCHMARK(BM_Liblockfile);
+
+void BM_Flock(benchmark::State &state)
+{
+   const Folder folder;
+   const std::string file = folder.File();
+
+   for (auto _ : state) {
+      const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+      Check(flock(fd, LOCK_EX | LOCK_NB) == 0);
+      close(fd);
+   }
+}
+BENCHMARK(BM_Flock);
+
+void BM_FcntlOpenFileDescription(benchmark::State &state)
+{
+   const Folder folder;
+   const std::string file = folder.File();
+
+   for (auto _ : state) {
+      struct flock range = {};
+      range.l_type = F_WRLCK;
+      range.l_whence = SEEK_SET;
+      const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+      Check(fcntl(fd, F_OFD_SETLK, &range) == 0);
+      close(fd);
+   }
+}
+BENCHMARK(BM_FcntlOpenFileDescription);
+
+/* What the processes tell each other. */
+struct Board {
+   std::atomic<bool> held;
+   std::atomic<bool> go;
+   std::atomic<std::chrono::steady_clock::rep> released;
+};
+
+/* From when a holder in another process lets go, or is killed, to when the waiter has the lock. The holder has had it for
+   some time, so that the waiter is in the middle of a pause. */
+void HandOver(benchmark::State &state, bool killed)
+{
+   const Folder folder;
+   const std::string file = folder.File();
+   auto *const board = static_cast<Board *>(
+       mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+   double longest = 0;
+
+   for (auto _ : state) {
+      board->held = false;
+      board->go = false;
+      const pid_t holder = fork();
+      if (holder == 0) {
+         FileLockToken *const token = TakeLock(file, true, FILE_LOCK_WAIT_FOREVER);
+         board->held = true;
+         while (!board->go) {
+            usleep(200);
+         }
+         FileLock_Unlock(token, {});
+         _exit(0);
+      }
+      while (!board->held) {
+         usleep(200);
+      }
+      const pid_t ender = fork();
+      if (ender == 0) {
+         usleep(static_cast<useconds_t>(120000 + rand() % 100000));
+         board->released = std::chrono::steady_clock::now().time_since_epoch().count();
+         if (killed) {
+            kill(holder, SIGKILL);
+         } else {
+            board->go = true;
+         }
+         _exit(0);
+      }
+      FileLockToken *const token = TakeLock(file, true, FILE_LOCK_WAIT_FOREVER);
+      const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+      const double seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::duration(now - board->released)).count();
+      state.SetIterationTime(seconds);
+      longest = seconds > longest ? seconds : longest;
+      FileLock_Unlock(token, {});
+      waitpid(holder, nullptr, 0);
+      waitpid(ender, nullptr, 0);
+   }
+   state.counters["longest_ms"] = longest * 1000;
+   munmap(board, sizeof(Board));
+}
+
+void BM_HandOver(benchmark::State &state)
+{
+   HandOver(state, false);
+}
+BENCHMARK(BM_HandOver)->UseManualTime()->Iterations(20)->Unit(benchmark::kMillisecond);
+
+void BM_RecoveryFromAKilledHolder(benchmark::State &state)
+{
+   HandOver(state, true);
+}
+BENCHMARK(BM_RecoveryFromAKilledHolder)->UseManualTime()->Iterations(20)->Unit(benchmark::kMillisecond);
+
+} // namespace

@@ -1,0 +1,107 @@
+#include "lib/file/fileLockScan.h"
+
+#include "lib/file/file.h"
+#include "lib/file/fileEntries.h"
+#include "lib/file/fileLockNumber.h"
+#include "lib/public/program.h"
+#include "lib/string/str.h"
+#include "lib/unicode/unicodeSimpleBase.h"
+
+#include <cerrno>
+#include <string_view>
+
+namespace {
+
+void FileLockReportDiscarded(const FileLockPlace &place, const char *name, const char *reason)
+{
+   Log("FILE: %s discarding %s from %s': %s\n", "FileLockScanner", name, place.directory.get(), reason);
+}
+
+/* Looks at one member file. */
+int FileLockScanner(const FileLockPlace &place, const char *name, uint32_t number, FileLockScanAction action,
+                    void *context)
+{
+   FileLockMember member;
+   int error = 0;
+
+   switch (FileLockScan_Standing(place, name, &member, &error)) {
+   case FILE_LOCK_COUNTS:
+      return action(name, &member, context);
+   case FILE_LOCK_OVER: {
+      const Owned<char> reason(Str_SafeAsprintf(nullptr, "invalid executionID %s.", member.execution));
+      FileLockReportDiscarded(place, name, reason.get());
+      FileLockNumber_Reclaim(place, number, name);
+      return 0;
+   }
+   case FILE_LOCK_FOREIGN:
+      FileLockReportDiscarded(place, name, "lock file has been moved.");
+      return 0;
+   case FILE_LOCK_HOPELESS:
+      FileLockNumber_Reclaim(place, number, name);
+      return 0;
+   case FILE_LOCK_UNKNOWN:
+      return error;
+   default:
+      return 0;
+   }
+}
+
+/* The name may be anyone's. */
+void FileLockReportInvalidName(const FileLockPlace &place, const char *name)
+{
+   const Owned<char> escaped(UnicodeEscapeBuffer(name, -1, ENCODING_UTF8));
+   Log("FILE: %s discarding %s from %s'; invalid file name.\n", "FileLockScanDirectory", escaped.get(),
+       place.directory.get());
+}
+
+} // namespace
+
+FileLockStanding FileLockScan_Standing(const FileLockPlace &place, const char *name, FileLockMember *member,
+                                       int *error)
+{
+   const Owned<char> path = FileLockPlace_Path(place, name);
+   const FileLockReading reading = FileLockMemberValues(path.get(), member);
+
+   if (FileLockMember_IsProblematic(reading)) {
+      return FILE_LOCK_HOPELESS;
+   }
+   if (reading.step == FILE_LOCK_READ_VANISHED) {
+      return FILE_LOCK_GONE;
+   }
+   if (reading.step != FILE_LOCK_READ_DONE) {
+      *error = reading.error;
+      return FILE_LOCK_UNKNOWN;
+   }
+   if (member->machine == std::string_view(place.self.machine) &&
+       !FileLockValidExecutionID(member->execution)) {
+      return FILE_LOCK_OVER;
+   }
+   return member->checksum == std::string_view(place.checksum) ? FILE_LOCK_COUNTS : FILE_LOCK_FOREIGN;
+}
+
+int FileLockScanDirectory(const FileLockPlace &place, const char *own, FileLockScanAction action,
+                          void *context)
+{
+   FileLockEntry entry;
+   FileEntries list;
+   uint32_t number;
+
+   if (!FileListEntries(place.directory.get(), &list)) {
+      return errno;
+   }
+   for (const FileEntry &found : list.All()) {
+      const char *const name = found.name;
+      if (!FileLockMember_ParseName(name, &entry, &number)) {
+         FileLockReportInvalidName(place, name);
+         continue;
+      }
+      if (entry != FILE_LOCK_MEMBER || (own != nullptr && name == std::string_view(own))) {
+         continue;
+      }
+      const int error = FileLockScanner(place, name, number, action, context);
+      if (error != 0) {
+         return error;
+      }
+   }
+   return 0;
+}
