@@ -5,7 +5,6 @@
 #include "lib/misc/codesetInit.h"
 #include "lib/misc/dynbuf.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
-#include "tests/support/allocationFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <cstring>
@@ -266,44 +265,6 @@ TEST(CodeSetWrappers, ConvertTheirPairWithFourZerosBehind)
    char *output = nullptr;
    EXPECT_FALSE(CodeSet_CurrentToUtf8("", SIZE_MAX, &output, nullptr));
    EXPECT_STREQ(CodeSet_GetCurrentCodeSet(), "UTF-8");
-}
-
-/* Whatever allocation fails, the conversion fails whole and leaks nothing; with none failing it succeeds. */
-TEST(CodeSetBuiltin, SurvivesExhaustedMemory)
-{
-   const std::string utf16 = std::string(600, 'x') + "\xAC\x20";
-   const std::string utf8 = Convert("UTF-16LE", utf16, "UTF-8");
-   const std::tuple<const char *, std::string, const char *> cases[] = {
-       {"UTF-8", utf8, "UTF-8"},
-       {"UTF-8", utf8, "UTF-16LE"},
-       {"UTF-16LE", utf16, "UTF-8"},
-       {"UTF-16BE", utf16, "UTF-8"},
-       {"UTF-16BE", utf16, "UTF-16BE"},
-       {"US-ASCII", std::string(300, 'a') + "\xFF" + std::string(300, 'z'), "UTF-8"},
-       {"ISO-8859-1", "\xE9", "UTF-8"},
-   };
-   for (const auto &[source, input, target] : cases) {
-      const std::string expected = Convert(source, input, target, CODESET_SUBSTITUTE);
-      for (int first = 1;; first++) {
-         char *output = nullptr;
-         bool converted = false;
-         bool exhausted = false;
-         {
-            const FailingAllocations failing(first);
-            converted = CodeSet_Convert(source, input.data(), input.size(), target, CODESET_SUBSTITUTE,
-                                        &output, nullptr);
-            exhausted = FailingAllocations::Failed();
-         }
-         EXPECT_EQ(converted, !exhausted) << source << " to " << target << ", allocation " << first;
-         if (converted) {
-            EXPECT_EQ(expected.compare(0, std::string::npos, output, expected.size()), 0);
-         }
-         free(output);
-         if (!exhausted) {
-            break;
-         }
-      }
-   }
 }
 
 TEST(CodeSetUtf8, ValidatesBySequenceRules)

@@ -1,6 +1,5 @@
 #include "lib/dict/dictll.h"
 #include "lib/misc/dynbuf.h"
-#include "tests/support/allocationFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <cerrno>
@@ -155,28 +154,6 @@ TEST(DictLLMarshalLine, EscapesWhatWouldNotReadBack)
    }
    const std::string line = Marshalled("name", every.c_str());
    EXPECT_EQ(every, Unmarshal(line).at(0).value);
-}
-
-TEST(DictLLMarshalLine, LeavesTheBufferWhenMemoryIsExhausted)
-{
-   for (int n = 1;; n++) {
-      DynBuf buffer;
-      DynBuf_Init(&buffer);
-      ASSERT_TRUE(DynBuf_Append(&buffer, "old", 3));
-      bool failed = false;
-      bool complete = false;
-      {
-         const FailingAllocations failing(n);
-         complete = DictLL_MarshalLine(&buffer, "name", (std::string(300, '"')).c_str());
-         failed = FailingAllocations::Failed();
-      }
-      EXPECT_EQ(!failed, complete) << n;
-      EXPECT_EQ(complete, buffer.size > 3);
-      DynBuf_Destroy(&buffer);
-      if (!failed) {
-         break;
-      }
-   }
 }
 
 TEST(DictLLWriteLine, ReportsWhatTheStreamReports)

@@ -1,6 +1,6 @@
 #include "lib/misc/escape.h"
 
-#include "tests/support/allocationFaults.h"
+#include "tests/support/callFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <cstring>
@@ -121,22 +121,6 @@ TEST(Escape, FindUnescapedSkipsWhatIsEscaped)
    for (const auto &[string, character, index] : searches) {
       const char *found = Escape_FindUnescaped('\\', string, character);
       EXPECT_EQ(found != nullptr ? found - string : -1, index) << string;
-   }
-}
-
-/* Whichever allocation fails; what the routine then leaks, the leak checker reports. */
-TEST(Escape, ExhaustionGivesNullAndLeavesTheLengthAlone)
-{
-   const std::string input = std::string(300, '\n') + ",,''..\\\\\r\n";
-   for (const Routine routine :
-        {&Bytes, &WithChar<'%'>, &Unescape<'%'>, STRIP_CR, QUOTE, REGEX, STRIP, COMMA}) {
-      const int allocations = FailEachAllocation([&] {
-         size_t length = SIZE_MAX;
-         const bool failed = Take(routine(input, &length)) == "<null>";
-         EXPECT_EQ(failed, FailingAllocations::Failed());
-         EXPECT_EQ(length == SIZE_MAX, failed);
-      });
-      EXPECT_GE(allocations, 2);
    }
 }
 

@@ -1,6 +1,6 @@
 #include "lib/misc/hashTable.h"
 
-#include "tests/support/allocationFaults.h"
+#include "tests/support/callFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <algorithm>
