@@ -1,8 +1,10 @@
 #include "tests/support/callFaults.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <new>
@@ -81,6 +83,8 @@ struct CallWatch::Record {
    int firstAllocation; /* That fails, with all that follow; 0: none. */
    std::atomic<int> allocations;
    std::atomic<bool> struck;
+   std::atomic<size_t> total;
+   std::array<const CallRow *, 1000> order;
    std::array<std::atomic<int>, std::size(ROWS)> calls;
    std::array<std::atomic<bool>, std::size(ROWS)> raised;
 };
@@ -106,14 +110,24 @@ bool IsAllocation(const CallRow *row)
 bool IsToFail(CallWatch::Record *record, const CallRow *row)
 {
    const int which = ++record->calls[row->index];
+   const size_t place = record->total++;
+   if (place < record->order.size()) {
+      record->order[place] = row;
+   }
    if (record->firstAllocation != 0 && IsAllocation(row)) {
       return ++record->allocations >= record->firstAllocation;
+   }
+   if (record->row == nullptr) {
+      return record->which != 0 && place + 1 == static_cast<size_t>(record->which);
    }
    return record->row == row && record->which == which;
 }
 
 long Fail(const CallRow *row, const CallArguments *arguments, int error)
 {
+   if (error == CALL_KILLS) {
+      kill(getpid(), SIGKILL);
+   }
    MarkStream(row, arguments);
    if (row->failing == Failing::DONE) {
       row->real(arguments->first);
@@ -172,6 +186,15 @@ void CallWatch::Disarm()
 bool CallWatch::Struck() const
 {
    return record_->struck;
+}
+
+std::vector<std::string> CallWatch::Called() const
+{
+   std::vector<std::string> names;
+   for (size_t i = 0; i < std::min(record_->total.load(), record_->order.size()); i++) {
+      names.emplace_back(record_->order[i]->name);
+   }
+   return names;
 }
 
 std::vector<CallFault> CallWatch::Faults() const

@@ -11,8 +11,11 @@
    functions in calls.inc pass through here (the linker's --wrap), under every sanitizer; those that shared
    libraries make among themselves do not. */
 
-/* One call that fails: the which-th, counted from 1, of this function, with this error. "allocation" stands for malloc, calloc
-   and realloc together, of which the which-th and all that follow fail. */
+/* In the place of an error: the process is killed instead of making the call. */
+constexpr int CALL_KILLS = -1;
+
+/* One call that fails: the which-th, counted from 1, of this function, with this error; without a name, of all. "allocation"
+   stands for malloc, calloc and realloc together, of which the which-th and all that follow fail. */
 struct CallFault {
    std::string call;
    int which = 0;
@@ -33,6 +36,9 @@ class CallWatch {
 
    /* Whether the fault has come about. */
    [[nodiscard]] bool Struck() const;
+
+   /* What was called, in order; the first thousand. */
+   [[nodiscard]] std::vector<std::string> Called() const;
 
    /* Every fault that could be had in what was watched. */
    [[nodiscard]] std::vector<CallFault> Faults() const;
