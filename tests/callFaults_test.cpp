@@ -76,61 +76,34 @@ void PrintTo(const Operation &operation, std::ostream *out)
 
 /* Owners and short forms for the table. */
 
-struct Buffer : DynBuf {
-   Buffer() : DynBuf()
-   {
-   }
-   ~Buffer()
-   {
-      DynBuf_Destroy(this);
-   }
-   Buffer(const Buffer &) = delete;
-   Buffer &operator=(const Buffer &) = delete;
-};
-
-template <typename T, T *(*make)(), void (*end)(T *)> struct Holder {
-   Holder() : held_(make())
-   {
-   }
-   ~Holder()
+template <auto END> struct Ended {
+   template <typename T> void operator()(T *held) const
    {
       const int error = errno;
-      end(held_);
+      END(held);
       errno = error;
    }
-   Holder(const Holder &) = delete;
-   Holder &operator=(const Holder &) = delete;
-   T *get()
-   {
-      return held_;
-   }
-
- private:
-   T *held_;
 };
 
-FileIOHandle *NewFile()
-{
-   return new FileIOHandle(FILEIO_CLOSED);
-}
+struct OwnedDictionary : std::unique_ptr<Dictionary, Ended<Dictionary_Free>> {
+   OwnedDictionary() : unique_ptr(Dictionary_Create())
+   {
+   }
+};
 
-void EndFile(FileIOHandle *file)
-{
-   FileIO_Close(file);
-   delete file;
-}
+struct OwnedFile {
+   FileIOHandle handle = FILEIO_CLOSED;
+   std::unique_ptr<FileIOHandle, Ended<FileIO_Close>> owner{&handle};
 
-using OwnedDictionary = Holder<Dictionary, Dictionary_Create, Dictionary_Free>;
-using OwnedFile = Holder<FileIOHandle, NewFile, EndFile>;
+   FileIOHandle *get()
+   {
+      return &handle;
+   }
+};
 
-std::string Text(const DynBuf &buffer)
+std::string Text(const DynBuf *buffer)
 {
-   return buffer.data != nullptr ? std::string(buffer.data, buffer.size) : std::string();
-}
-
-bool Append(DynBuf *buffer, const char *text)
-{
-   return DynBuf_Append(buffer, text, strlen(text));
+   return buffer->data != nullptr ? std::string(buffer->data, buffer->size) : std::string();
 }
 
 /* Of 500 bytes: buffers have to grow for it. */

@@ -163,7 +163,7 @@ CallWatch::CallWatch(const CallFault &fault)
       record_->row = ROWS[i]->name == fault.call ? ROWS[i] : record_->row;
    }
    record_->firstAllocation = fault.call == "allocation" ? fault.which : 0;
-   record_->which = fault.which;
+   record_->which = fault.call == "allocation" ? 0 : fault.which;
    record_->error = fault.error;
 }
 
