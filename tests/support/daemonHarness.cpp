@@ -80,8 +80,9 @@ Pipe::Pipe()
 Teardowns::Teardowns()
 {
    for (const std::string extension : {"hvcore", "hvlink"}) {
-      const OwnedDescriptor listener =
-          ListenAt("/run/tessel-kext/com.kestra.kext." + extension + ".teardown");
+      const std::string path = "/run/tessel-kext/com.kestra.kext." + extension + ".teardown";
+      std::filesystem::remove(path);
+      const OwnedDescriptor listener = ListenAt(path);
       servers_.push_back(fork());
       while (servers_.back() == 0) {
          close(accept(listener.get(), nullptr, nullptr));
