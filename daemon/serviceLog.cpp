@@ -25,7 +25,7 @@ void LogWriteBytes(const char *bytes, size_t length)
 int LogFormatPrefix(char *buffer, size_t size)
 {
    struct timeval now;
-   struct tm local;
+   struct tm local = {}; /* A time that cannot be told must not show what was on the stack. */
 
    gettimeofday(&now, nullptr);
    const time_t seconds = now.tv_sec;

@@ -18,9 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path SUPPORT = "/Library/Application Support/Kestra/Kestra Tessel";
-const fs::path COPY = SUPPORT / "Services";
-const fs::path LOG = "/Library/Logs/Kestra Tessel Services.log";
+const fs::path COPY = SERVICE_COPY;
+const fs::path LOG = SERVICE_LOG;
 const fs::path ACTIONS = "/Library/actions";
 
 constexpr char HELPER[] = "#!/bin/sh -p\nexec \"$@\"\n";
@@ -94,12 +93,6 @@ class StandInControl {
       return OwnedDescriptor(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
    }
 
-   /* Connections are refused from here on, although the name is still there. */
-   void StopListening()
-   {
-      listener_.reset();
-   }
-
  private:
    std::string path_;
    OwnedDescriptor listener_;
@@ -109,7 +102,7 @@ class Daemon : public testing::Test {
  protected:
    void SetUp() override
    {
-      if (getenv("TESSEL_PRIVATE_LIBRARY") == nullptr) {
+      if (!HasPrivateLibrary()) {
          GTEST_SKIP() << "needs a private /Library: run it through run-in-private-library";
       }
       signal(SIGPIPE, SIG_IGN);
@@ -118,23 +111,14 @@ class Daemon : public testing::Test {
 
    static void MakeLibrary()
    {
-      for (const auto &entry : fs::directory_iterator("/Library")) {
-         fs::remove_all(entry);
-      }
-      fs::create_directories(LOG.parent_path());
-      fs::create_directories(COPY / "Contents/Library/services");
-      for (const auto &[name, text] : {std::pair("kestra-id", HELPER), {"services/services.sh", SCRIPT}}) {
-         const fs::path path = COPY / "Contents/Library" / name;
-         WriteFile(path, text);
-         fs::permissions(path, fs::perms(0755));
-      }
+      ::MakeLibrary(HELPER, SCRIPT);
    }
 
    /* The daemon's process image. An empty argument stands for the listening socket, "-" for the launcher's
       descriptor. */
-   static DaemonProcess::Body Image(std::vector<std::string> arguments = {"", "-"}, uid_t realUser = getuid())
+   static DaemonProcess::Body Image(std::vector<std::string> arguments = {"", "-"})
    {
-      return [arguments, realUser](int listener, int launcher) mutable {
+      return [arguments](int listener, int launcher) mutable {
          std::vector<char *> argv = {const_cast<char *>(TESSEL_DAEMON)};
          for (std::string &argument : arguments) {
             argument = argument.empty()  ? std::to_string(listener)
@@ -143,13 +127,6 @@ class Daemon : public testing::Test {
             argv.push_back(argument.data());
          }
          argv.push_back(nullptr);
-         if (realUser != getuid()) {
-            /* The leak sanitizer cannot look into a process of another real user. */
-            setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-            if (setresuid(realUser, 0, 0) == -1) {
-               return;
-            }
-         }
          execv(argv[0], argv.data());
       };
    }
@@ -179,7 +156,7 @@ TEST_F(Daemon, RunsTheActionsInOrderAndDeletesTheCopy)
    EXPECT_EQ(daemon.ExitStatus(), 0);
    EXPECT_EQ(ReadFile(ACTIONS), "--start\n--stopdaemons\n--stopkexts\n");
    EXPECT_FALSE(fs::exists(COPY));
-   EXPECT_TRUE(fs::exists(SUPPORT));
+   EXPECT_TRUE(fs::exists(COPY.parent_path()));
    EXPECT_EQ(WithoutTimestamps(ReadFile(LOG)), "ServiceImpl_Daemon: PID " + pid +
                                                    "\nServiceImpl_Daemon: Running as Native process.\n" +
                                                    STARTED + Stopped(NO_KEXTS, 0));
@@ -308,15 +285,6 @@ TEST_F(Daemon, WaitsForEachKernelExtensionInTurn)
    EXPECT_EQ(Logged(), STARTED + Stopped(Ready("hvcore") + Ready("hvlink"), 0));
 }
 
-TEST_F(Daemon, GoesOnWhenAKernelControlCannotBeReached)
-{
-   StandInControl core("hvcore");
-   core.StopListening();
-   EXPECT_EQ(ServeOneClient(), 0);
-   const std::string refused = "Warning: TesselServicesWaitForKext: connect failed: Connection refused\n";
-   EXPECT_EQ(Logged(), STARTED + Stopped(Waiting("hvcore", refused) + Waiting("hvlink", NO_KEXT), 0));
-}
-
 TEST_F(Daemon, ClientsQueueWhileTheServicesStart)
 {
    ASSERT_EQ(mkfifo("/Library/gate", 0600), 0);
@@ -331,51 +299,6 @@ TEST_F(Daemon, ClientsQueueWhileTheServicesStart)
    EXPECT_EQ(starting.Read(), '1');
    EXPECT_EQ(waiting.HandOver(pipe.reader.get()), '1');
    EXPECT_EQ(ReadFile(ACTIONS), "--start\n");
-}
-
-TEST_F(Daemon, HelperGetsNoDescriptorButTheFirstThree)
-{
-   WriteFile("/Library/do--start", "ls -l /proc/$$/fd > /Library/descriptors\n");
-   EXPECT_EQ(ServeOneClient(), 0);
-   /* The shell has files and copies of its own, from 10 up. */
-   const std::string listing = ReadFile("/Library/descriptors");
-   EXPECT_NE(listing.find(" 0 -> "), std::string::npos) << listing;
-   for (const char *leak :
-        {" 3 -> ", " 4 -> ", " 5 -> ", " 6 -> ", " 7 -> ", "socket:", "eventpoll", ".log"}) {
-      EXPECT_EQ(listing.find(leak), std::string::npos) << leak << " in\n" << listing;
-   }
-}
-
-TEST_F(Daemon, WorksWithoutALog)
-{
-   fs::remove_all(LOG.parent_path());
-   EXPECT_EQ(ServeOneClient(), 0);
-   EXPECT_FALSE(fs::exists(COPY));
-   EXPECT_FALSE(fs::exists(LOG));
-}
-
-TEST_F(Daemon, IsPrivilegedOnlyWhereItMustBe)
-{
-   if (geteuid() != 0) {
-      GTEST_SKIP() << "only root can have an effective user other than the real one";
-   }
-   WriteFile("/Library/do--start", "echo \"$(id -u) $(id -ru)\" > /Library/users\n");
-   const StandInControl core("hvcore");
-   chmod("/run/tessel-kext", 0755);
-   DaemonProcess daemon(Image({"", "-"}, 65534));
-   EXPECT_EQ(Client(daemon).Reply(), '1');
-   OwnedDescriptor answering = core.Accept();
-   daemon.AwaitCall({SYS_read});
-   const std::string status = ReadFile("/proc/" + std::to_string(daemon.Pid()) + "/status");
-   EXPECT_NE(status.find("Uid:\t65534\t65534\t0\t65534"), std::string::npos) << status;
-   answering.reset();
-   EXPECT_EQ(daemon.ExitStatus(), 0);
-   EXPECT_EQ(ReadFile("/Library/users"), "0 65534\n");
-   EXPECT_FALSE(fs::exists(COPY)) << "only root may delete it";
-   struct stat attributes;
-   ASSERT_EQ(stat(LOG.c_str(), &attributes), 0);
-   EXPECT_EQ(attributes.st_uid, 0U);
-   EXPECT_EQ(Logged(), STARTED + Stopped(Ready("hvcore") + Waiting("hvlink", NO_KEXT), 0));
 }
 
 } // namespace

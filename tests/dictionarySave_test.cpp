@@ -1,13 +1,13 @@
 #include "lib/public/program.h"
+#include "tests/support/callFaults.h"
 #include "tests/support/dictionaryFixture.h"
-#include "tests/support/systemCallFaults.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <map>
 #include <sys/stat.h>
-#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -27,26 +27,13 @@ struct Expectation {
    std::string told;
 };
 
-size_t OpenDescriptors()
-{
-   const fs::directory_iterator all("/proc/self/fd");
-   return static_cast<size_t>(std::distance(begin(all), end(all)));
-}
-
 /* A save of one changed dictionary, over and over, each in a process of its own. */
 class DictionarySave : public DictionaryFixture {
  protected:
-   void SetUp() override
+   DictionarySave()
    {
       ::Log("the first line of a log has the time zone read, in calls that are not the save's\n");
       Restore();
-      const FaultedRun run = Save({});
-      if (!run.traced) {
-         GTEST_SKIP() << "this system does not let a child be traced";
-      }
-      EXPECT_EQ(SAVED, run.exitStatus);
-      EXPECT_EQ(NEW, ReadFile(path_));
-      calls_ = run.calls;
    }
 
    void Restore(const char *content = OLD)
@@ -79,17 +66,35 @@ class DictionarySave : public DictionaryFixture {
       return saved ? SAVED : FAILED;
    }
 
-   FaultedRun Save(const SystemCallFault &fault, bool leakCheck = false)
+   /* How the save ended, in a process of its own: an Ending, or -signal. */
+   int Save(CallWatch *watch, bool leakCheck = false)
    {
-      size_t descriptors = 0;
-      const auto setUp = [&] {
-         Change();
-         descriptors = OpenDescriptors();
-      };
       fs::remove(Path("told"));
-      return RunWithFault(
-          fault, setUp, [&] { return Dictionary_WriteFile(dictionary_, path_.c_str()); },
-          [&](bool saved) { return Check(saved, descriptors, leakCheck); });
+      const pid_t child = fork();
+      if (child == 0) {
+         Change();
+         const size_t descriptors = OpenDescriptors();
+         watch->Arm();
+         const bool saved = Dictionary_WriteFile(dictionary_, path_.c_str());
+         CallWatch::Disarm();
+         _exit(Check(saved, descriptors, leakCheck));
+      }
+      int status = -1;
+      waitpid(child, &status, 0);
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+   }
+
+   /* The calls of a save that nothing disturbs, but for those that only take memory. */
+   std::vector<std::string> CallsOfASave()
+   {
+      CallWatch watch;
+      EXPECT_EQ(SAVED, Save(&watch));
+      EXPECT_EQ(NEW, ReadFile(path_));
+      std::vector<std::string> calls = watch.Called();
+      std::erase_if(calls, [](const std::string &call) {
+         return call == "malloc" || call == "calloc" || call == "realloc" || call == "strndup";
+      });
+      return calls;
    }
 
    /* The identifier of the last message, without what all have in common. */
@@ -104,16 +109,17 @@ class DictionarySave : public DictionaryFixture {
    std::map<std::string, int> KillAtEveryCall(const char *content)
    {
       std::map<std::string, int> found;
-      for (size_t call = 0;; call++) {
+      for (int call = 1;; call++) {
+         CallWatch watch({"", call, CALL_KILLS});
          Restore(content);
-         const FaultedRun run = Save({.kind = FaultKind::KILL, .call = call});
+         const int status = Save(&watch);
          struct stat attributes = {};
          found[ReadFile(path_)]++;
          EXPECT_TRUE(content == nullptr ||
                      (stat(path_.c_str(), &attributes) == 0 && (attributes.st_mode & 07777) == 0640));
-         if (run.exitStatus != -SIGKILL) {
-            EXPECT_EQ(SAVED, run.exitStatus);
-            EXPECT_LT(20U, call);
+         if (status != -SIGKILL) {
+            EXPECT_EQ(SAVED, status);
+            EXPECT_LT(20, call);
             return found;
          }
          /* A later save succeeds. */
@@ -125,7 +131,6 @@ class DictionarySave : public DictionaryFixture {
    }
 
    std::string path_ = Path("d/f");
-   std::vector<long> calls_;
 };
 
 TEST_F(DictionarySave, KilledAtAnyCallLeavesTheOldFileOrTheNew)
@@ -136,22 +141,25 @@ TEST_F(DictionarySave, KilledAtAnyCallLeavesTheOldFileOrTheNew)
    EXPECT_TRUE(found.size() == 2 && found[""] > 0 && found[NEW] > 0);
 }
 
+const std::map<std::string, const char *> FILLING_FAILURES = {
+    {"fcntl", "writefile.descToStream"},   {"fdopen", "writefile.descToStream"},
+    {"setvbuf", "writefile.descToStream"}, {"fseeko", "writefile.seek"},
+    {"fwrite", "writefile.write"},         {"ftruncate", "writefile.truncate"},
+    {"fflush", "writefile.flush"},         {"fsync", "writefile.sync"}};
+
 /* By the call's name, and how many of that name came before and come after it. */
 Expectation Expected(const std::string &call, size_t before, size_t after, int error)
 {
-   static const std::map<std::string, const char *> fillingFailures = {{"fcntl", "writefile.descToStream"},
-                                                                       {"lseek", "writefile.seek"},
-                                                                       {"write", "writefile.write"},
-                                                                       {"ftruncate", "writefile.truncate"},
-                                                                       {"fsync", "writefile.sync"}};
-   if (error == EINTR && (call == "openat" || call == "close" ||
-                          (call != "fcntl" && call != "lseek" && fillingFailures.contains(call)))) {
+   const bool permission = error == EACCES || error == EROFS;
+   const bool interrupted = error == EINTR;
+   if (interrupted &&
+       (call == "open" || call == "fwrite" || call == "ftruncate" || call == "fsync" || call == "close")) {
       return {SAVED, NEW, ""};
    }
-   if (call == "openat" && before == 0) {
-      return {FAILED, OLD, error == EACCES || error == EROFS ? "permissions" : "open"};
+   if (call == "open" && before == 0) {
+      return {FAILED, OLD, permission ? "permissions" : "open"};
    }
-   if ((call == "openat" && before == 2 && error != EACCES) || (call == "fsync" && before == 1)) {
+   if ((call == "open" && before == 2 && error != EACCES) || (call == "fsync" && before == 1)) {
       return {FAILED, NEW, "writefile.sync"};
    }
    if (call == "close" && after == 0) {
@@ -160,7 +168,7 @@ Expectation Expected(const std::string &call, size_t before, size_t after, int e
    if (call == "rename") {
       return {SAVED, NEW, "writefile.atomicUpdate"};
    }
-   if (const auto found = fillingFailures.find(call); found != fillingFailures.end()) {
+   if (const auto found = FILLING_FAILURES.find(call); found != FILLING_FAILURES.end()) {
       return {FAILED, OLD, found->second};
    }
    /* No temporary file can be made, or only a description is lost: the file is written all the same. */
@@ -169,52 +177,48 @@ Expectation Expected(const std::string &call, size_t before, size_t after, int e
 
 TEST_F(DictionarySave, AnswersEveryFailedCallAsItShould)
 {
-   for (size_t i = 0; i < calls_.size(); i++) {
-      const auto at = calls_.begin() + static_cast<std::ptrdiff_t>(i);
-      const auto before = static_cast<size_t>(std::count(calls_.begin(), at, calls_[i]));
-      const auto after = static_cast<size_t>(std::count(at + 1, calls_.end(), calls_[i]));
+   Restore();
+   const std::vector<std::string> calls = CallsOfASave();
+   for (auto at = calls.begin(); at != calls.end(); at++) {
+      const auto before = static_cast<size_t>(std::count(calls.begin(), at, *at));
+      const auto after = static_cast<size_t>(std::count(at + 1, calls.end(), *at));
       for (const int error : {ENOSPC, EIO, EROFS, EACCES, EINTR}) {
          Restore();
-         const std::string name = SystemCallName(calls_[i]);
-         SCOPED_TRACE(name + " number " + std::to_string(before) + " fails with " + strerror(error));
-         const FaultedRun run = Save({.kind = FaultKind::FAIL, .call = i, .error = error}, error == EIO);
-         const Expectation expected = Expected(name, before, after, error);
-         EXPECT_EQ(calls_[i], run.calls.at(i));
-         EXPECT_EQ(expected.ending, run.exitStatus);
+         SCOPED_TRACE(*at + " number " + std::to_string(before) + " fails with " + strerror(error));
+         CallWatch watch({*at, static_cast<int>(before) + 1, error});
+         const int status = Save(&watch, error == EIO);
+         const Expectation expected = Expected(*at, before, after, error);
+         EXPECT_TRUE(watch.Struck());
+         EXPECT_EQ(expected.ending, status);
          EXPECT_EQ(expected.content, ReadFile(path_));
          EXPECT_EQ(expected.told, Told());
          EXPECT_FALSE(fs::exists(path_ + "~"));
       }
    }
-   /* The same where the file can only be rewritten in place: a folder has the temporary file's name. */
-   fs::create_directory(path_ + "~");
-   const std::vector<long> calls = Save({}).calls;
-   for (size_t i = 0; i < calls.size(); i++) {
-      const Expectation expected = Expected(SystemCallName(calls[i]), 0, 1, EIO);
-      if (expected.told.starts_with("writefile.") && calls[i] != SYS_rename && calls[i] != SYS_write) {
-         const FaultedRun run = Save({.kind = FaultKind::FAIL, .call = i, .error = EIO}, true);
-         EXPECT_EQ(FAILED, run.exitStatus) << SystemCallName(calls[i]);
-         EXPECT_EQ(expected.told, Told());
-      }
+}
+
+TEST_F(DictionarySave, ReportsEveryFailureOfRewritingInPlace)
+{
+   for (const auto &[call, message] : FILLING_FAILURES) {
+      Restore();
+      fs::create_directory(path_ + "~");
+      CallWatch watch({call, 1, EIO});
+      EXPECT_EQ(FAILED, Save(&watch, true)) << call;
+      EXPECT_EQ(message, Told());
    }
 }
 
-TEST_F(DictionarySave, FlushesBeforeAndAfterTheRenameAndTakesShortWrites)
+TEST_F(DictionarySave, FlushesBeforeAndAfterTheRename)
 {
+   Restore();
    std::string order;
-   for (const long call : calls_) {
-      if (call == SYS_write || call == SYS_ftruncate || call == SYS_fsync || call == SYS_rename) {
-         order += SystemCallName(call) + " ";
+   for (const std::string &call : CallsOfASave()) {
+      if (call == "fwrite" || call == "ftruncate" || call == "fflush" || call == "fsync" ||
+          call == "rename") {
+         order += call + " ";
       }
    }
-   EXPECT_EQ("write ftruncate fsync rename fsync ", order);
-   Restore();
-   const auto write =
-       static_cast<size_t>(std::find(calls_.begin(), calls_.end(), SYS_write) - calls_.begin());
-   const FaultedRun run = Save({.kind = FaultKind::SHORTEN, .call = write});
-   EXPECT_EQ(SAVED, run.exitStatus);
-   EXPECT_EQ(NEW, ReadFile(path_));
-   EXPECT_EQ(calls_.size() + 1, run.calls.size()) << "the rest takes one more write";
+   EXPECT_EQ("fwrite ftruncate fflush fsync rename fsync ", order);
 }
 
 } // namespace

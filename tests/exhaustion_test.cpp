@@ -1,129 +1,25 @@
-/* Exhausted memory, for every module that reports it to its caller or ends the process by it. */
+/* Exhausted memory, where more is promised than that the operation fails: see callFaults_test.cpp for that. */
 
-#include "lib/dict/dictll.h"
-#include "lib/misc/codeset.h"
 #include "lib/misc/dynbuf.h"
-#include "lib/misc/escape.h"
 #include "lib/misc/hashTable.h"
 #include "lib/misc/util.h"
 #include "lib/string/bsd_vsnprintf.h"
-#include "lib/unicode/unicodeSimpleTypes.h"
-#include "tests/support/allocationFaults.h"
+#include "tests/support/callFaults.h"
 #include "tests/support/testSupport.h"
 
 #include <cerrno>
-#include <cstring>
+#include <cstdarg>
 
 namespace {
 
-/* A routine that gives a malloc'ed string, or null where an allocation fails; its length is then left alone. */
-using Routine = char *(*)(const std::string &input, size_t *length);
-
-constexpr EscapeTable NEWLINES = [] {
-   EscapeTable table = {};
-   table['\n'] = -1;
-   return table;
-}();
-
-template <auto ROUTINE> char *Measured(const std::string &in, size_t *length)
-{
-   char *text = ROUTINE(in.c_str());
-   *length = text != nullptr ? strlen(text) : *length;
-   return text;
-}
-
-template <auto ROUTINE> char *Counted(const std::string &in, size_t *length)
-{
-   return ROUTINE(in.data(), in.size(), length);
-}
-
-char *Format(const char *format, ...)
+void Format(const char *format, ...)
 {
    char *text = nullptr;
    va_list args;
    va_start(args, format);
    Fmt_Vsnprintf(&text, 0, format, args);
    va_end(args);
-   return text;
-}
-
-/* A first block, its growth, a block for the wide text, and growth. */
-char *FormatLong(const char *text)
-{
-   return Format("%s%ls%s%1000d%.300f", text, L"wide", text, 1, 1.5);
-}
-
-char *Marshal(const char *value)
-{
-   DynBuf buffer;
-   DynBuf_Init(&buffer);
-   const bool whole = DynBuf_Append(&buffer, "", 0) && DictLL_MarshalLine(&buffer, "name", value);
-   EXPECT_TRUE(whole || buffer.size == 0);
-   char *text = whole ? DynBuf_DetachString(&buffer) : nullptr;
-   DynBuf_Destroy(&buffer);
-   return text;
-}
-
-template <EncodingId SOURCE, EncodingId TARGET> char *Convert(const std::string &in, size_t *length)
-{
-   char *text = nullptr;
-   const bool converted =
-       CodeSet_Convert(Unicode_EncodingEnumToName(SOURCE), in.data(), in.size() & ~1U,
-                       Unicode_EncodingEnumToName(TARGET), CODESET_SUBSTITUTE, &text, length);
-   EXPECT_EQ(converted, text != nullptr);
-   return text;
-}
-
-constexpr Routine ROUTINES[] = {
-    [](const std::string &in, size_t *n) { return Escape_Bytes("\\x", NEWLINES, in.data(), in.size(), n); },
-    [](const std::string &in, size_t *n) {
-       return Escape_BytesWithChar('%', NEWLINES, in.data(), in.size(), n);
-    },
-    [](const std::string &in, size_t *n) { return Escape_Unescape('%', in.data(), in.size(), n); },
-    Counted<Escape_StripCarriageReturns>,
-    Counted<Escape_ShellQuote>,
-    Counted<Escape_RegexMetachars>,
-    Measured<[](const char *in) { return Escape_StripEscapeChar('\\', in); }>,
-    Measured<Escape_CommaAndBackslash>,
-    Measured<FormatLong>,
-    Measured<Marshal>,
-    Convert<ENCODING_UTF8, ENCODING_UTF8>,
-    Convert<ENCODING_UTF8, ENCODING_UTF16_LE>,
-    Convert<ENCODING_UTF16_LE, ENCODING_UTF8>,
-    Convert<ENCODING_UTF16_BE, ENCODING_UTF8>,
-    Convert<ENCODING_UTF16_BE, ENCODING_UTF16_BE>,
-    Convert<ENCODING_US_ASCII, ENCODING_UTF8>,
-    Convert<ENCODING_ISO_8859_1, ENCODING_UTF8>};
-
-/* Whichever allocation fails; what the routine then leaks, the leak checker reports. */
-TEST(Exhaustion, GivesNullAndLeavesTheLengthAndErrnoAlone)
-{
-   std::string input;
-   for (int i = 0; i < 150; i++) {
-      input += "\xC3\xA9\n\n";
-   }
-   input += ",,''..\\\\\r\n\"";
-   for (const Routine &routine : ROUTINES) {
-      SCOPED_TRACE(&routine - ROUTINES);
-      size_t ignored;
-      free(routine(input, &ignored)); /* Names of encodings are looked up once. */
-      const int allocations = FailEachAllocation([&] {
-         size_t length = SIZE_MAX;
-         const bool none = Take(routine(input, &length)) == "<null>";
-         EXPECT_EQ(none, FailingAllocations::Failed());
-         EXPECT_EQ(length == SIZE_MAX, none);
-      });
-      EXPECT_GE(allocations, 2);
-   }
-   const int allocations = FailEachAllocation([&] {
-      errno = 77;
-      free(FormatLong(input.c_str()));
-      EXPECT_EQ(errno, 77);
-   });
-   EXPECT_GE(allocations, 4);
-   char buffer[4];
-   const FailingAllocations faults(1);
-   EXPECT_FALSE(Escape_UnescapeToBuffer('%', "x", 1, buffer, 3));
+   free(text);
 }
 
 TEST(Exhaustion, LeavesABufferAsItWas)

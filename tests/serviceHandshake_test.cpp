@@ -1,6 +1,5 @@
 #include "daemon/serviceHandshake.h"
 
-#include "daemon/servicePrivilege.h"
 #include "tests/support/daemonHarness.h"
 
 #include <csignal>
@@ -91,39 +90,6 @@ TEST_F(ServiceHandshake, SwitchesBlocking)
    ASSERT_TRUE(ServiceImplWriteOne(client_.get(), 0x80));
    EXPECT_EQ(ServiceImplReadOne(daemon_.get(), &byte), ServiceImplReadResult::Byte);
    EXPECT_EQ(byte, 0x80);
-}
-
-TEST(ServicePrivilege, SwitchesBetweenTheRealAndTheFirstEffectiveUser)
-{
-   if (geteuid() != 0) {
-      GTEST_SKIP() << "only root can have an effective user other than the real one";
-   }
-   ASSERT_EQ(setresuid(65534, 0, 0), 0);
-   ServiceImpl_PrivLower();
-   EXPECT_EQ(geteuid(), 65534U);
-   {
-      const PrivilegeBracket raised;
-      EXPECT_EQ(geteuid(), 0U);
-      errno = EXDEV;
-   }
-   EXPECT_EQ(errno, EXDEV) << "the caller reports it after the bracket";
-   EXPECT_EQ(geteuid(), 65534U);
-   ServiceImpl_PrivRaise();
-   ASSERT_EQ(setresuid(0, 0, 0), 0);
-}
-
-TEST(ServicePrivilege, ReportsWhatTheSystemRefuses)
-{
-   EXPECT_EXIT(
-       {
-          if (geteuid() == 0) {
-             setresuid(65534, 65534, 65534);
-          }
-          LogToStandardError();
-          ServiceImpl_PrivRaise(); /* Nothing was lowered: the remembered user is root. */
-          _exit(0);
-       },
-       ::testing::ExitedWithCode(0), "Warning: ServiceImpl_PrivRaise: seteuid errno 1\\.");
 }
 
 } // namespace

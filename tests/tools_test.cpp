@@ -282,9 +282,9 @@ TEST_F(Tools, GiveWhatIsMeantForOneAndNothingElse)
    /* Besides the three streams and the two given to it the daemon has the script, which the shell reads. */
    const std::string daemon = Script("cd /proc/$$/fd\n"
                                      "[ -S $1 ] && [ -p $2 ] && [ 0 -ef /dev/null ] && echo as given\n"
-                                     "ls | wc -l; grep SigIgn /proc/self/status\n");
+                                     "find . -type l -printf x; echo; grep SigIgn /proc/self/status\n");
    Expect({"tessel-launch -q --daemon " + daemon + " 9>&2", 69,
-           "as given\r\n6\r\nSigIgn:\t0000000000001000\r\n"});
+           "as given\r\nxxxxxx\r\nSigIgn:\t0000000000001000\r\n"});
    Expect({LAUNCH + "-- sh -c '[ -t 9 ] && echo kept; find /proc/self/fd -lname \"socket*\"\n"
                     "grep -E \"SigBlk|SigIgn\" /proc/self/status' 9>&2",
            0, "kept\r\nSigBlk:\t0000000000000000\r\nSigIgn:\t0000000000000000\r\n"});

@@ -196,7 +196,7 @@ char *DictLL_Unescape(std::string_view value)
    }
    char *const plain = Escape_Unescape(ESCAPE, value.data(), value.size(), nullptr);
    if (plain == nullptr) {
-      Panic("NOT_REACHED %s:%d\n", MODULE, __LINE__);
+      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
    }
    return plain;
 }

@@ -316,6 +316,9 @@ int FileDeletion(const char *path, bool handleLink)
 
 int FileRemoveDirectory(const char *path)
 {
+   if (path == nullptr) {
+      return EFAULT;
+   }
    return rmdir(path) == 0 ? 0 : errno;
 }
 
@@ -323,5 +326,8 @@ int FileAttributes(const char *path, struct stat *attributes)
 {
    struct stat unwanted;
 
+   if (path == nullptr) {
+      return EFAULT;
+   }
    return stat(path, attributes != nullptr ? attributes : &unwanted) == 0 ? 0 : errno;
 }

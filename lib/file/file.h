@@ -3,7 +3,8 @@
 
 #include <sys/stat.h>
 
-/* Directory trees: listing and deletion. Paths are UTF-8, not null, and reach the system as they are. */
+/* Directory trees: listing and deletion. Paths are UTF-8 and reach the system as they are; one that could not be put
+   together, a null one, is EFAULT. */
 
 struct WalkDirContext;
 
@@ -58,7 +59,7 @@ int File_Unlink(const char *path);
 
 /* The routines below give 0 or the error's number; errno is undefined then. */
 
-/* Removes an entry that is not a directory; EFAULT for null. With handleLink, the text of a link is first unlinked as
+/* Removes an entry that is not a directory. With handleLink, the text of a link is first unlinked as
    a path (a relative one from the current directory, not the link's). If that fails, other than for lack of
    such an entry, the link is kept. */
 int FileDeletion(const char *path, bool handleLink);

@@ -90,6 +90,16 @@ void FileEndWalk(const WalkDirContext *context)
    HashTable_Free(context->names);
 }
 
+/* Null with errno set. */
+DIR *FileOpenPath(const char *path)
+{
+   if (path == nullptr) {
+      errno = EFAULT;
+      return nullptr;
+   }
+   return opendir(path);
+}
+
 /* A stream with a descriptor of its own; null with errno set. */
 DIR *FileOpenStream(int directory)
 {
@@ -124,7 +134,7 @@ bool FileListStream(DIR *stream, const char *path, FileEntries *list)
 
 WalkDirContext *File_WalkDirectoryStart(const char *path)
 {
-   DIR *const stream = opendir(path);
+   DIR *const stream = FileOpenPath(path);
 
    if (stream == nullptr) {
       return nullptr;
@@ -173,7 +183,7 @@ void File_WalkDirectoryEnd(WalkDirContext *context)
 
 bool FileListEntries(const char *path, FileEntries *list)
 {
-   return FileListStream(opendir(path), path, list);
+   return FileListStream(FileOpenPath(path), path, list);
 }
 
 bool FileListOpened(int directory, const char *path, FileEntries *list)

@@ -8,6 +8,7 @@
 #include "lib/public/program.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -72,36 +73,46 @@ char *TerminatedCopy(const char *string, size_t length)
    return copy;
 }
 
+/* The result of a conversion, or null if it fails. The text is not to be blamed when memory runs out: that ends the
+   process. */
+template <typename Conversion> char *Converted(const Conversion &convert)
+{
+   const int savedErrno = errno;
+   char *output = nullptr;
+
+   errno = 0;
+   if (!convert(&output) && errno == ENOMEM) {
+      Panic("Unrecoverable memory allocation failure at %s:%d\n", MODULE, __LINE__);
+   }
+   errno = savedErrno;
+   return output;
+}
+
 char *AllocLenient(const void *buffer, size_t length, EncodingId encoding)
 {
-   char *string = nullptr;
-   const bool converted = CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8",
-                                          CODESET_SUBSTITUTE, &string, nullptr);
-   return converted ? string : nullptr;
+   return Converted([=](char **string) {
+      return CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8",
+                             CODESET_SUBSTITUTE, string, nullptr);
+   });
 }
 
 char *AllocStrict(const void *buffer, size_t length, EncodingId encoding)
 {
-   char *string = nullptr;
-   bool converted = false;
    const auto *bytes = static_cast<const char *>(buffer);
    switch (encoding) {
    case ENCODING_UTF16_LE:
-      converted = CodeSet_Utf16leToUtf8(bytes, length, &string, nullptr);
-      break;
+      return Converted([=](char **string) { return CodeSet_Utf16leToUtf8(bytes, length, string, nullptr); });
    case ENCODING_UTF8:
    case ENCODING_US_ASCII:
-      if (Unicode_IsBufferValid(buffer, static_cast<ssize_t>(length), encoding)) {
-         string = Util_SafeStrndup(bytes, length);
-         converted = true;
-      }
-      break;
+      return Unicode_IsBufferValid(buffer, static_cast<ssize_t>(length), encoding)
+                 ? Util_SafeStrndup(bytes, length)
+                 : nullptr;
    default:
-      converted = CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8",
-                                  CODESET_REFUSE, &string, nullptr);
-      break;
+      return Converted([=](char **string) {
+         return CodeSet_Convert(Unicode_EncodingEnumToName(encoding), buffer, length, "UTF-8", CODESET_REFUSE,
+                                string, nullptr);
+      });
    }
-   return converted ? string : nullptr;
 }
 
 unsigned int HexDigit(char digit)
@@ -235,7 +246,9 @@ void *Unicode_GetAllocBytesWithLength(const char *string, EncodingId encoding, s
    char *bytes = nullptr;
    switch (encoding) {
    case ENCODING_UTF16_LE:
-      if (!CodeSet_Utf8ToUtf16le(string, length, &bytes, outLength)) {
+      bytes =
+          Converted([=](char **output) { return CodeSet_Utf8ToUtf16le(string, length, output, outLength); });
+      if (bytes == nullptr) {
          Panic("NOT_IMPLEMENTED %s:%d\n", MODULE, __LINE__);
       }
       return bytes;
@@ -250,10 +263,10 @@ void *Unicode_GetAllocBytesWithLength(const char *string, EncodingId encoding, s
       }
       return TerminatedCopy(string, length);
    default:
-      return CodeSet_Convert("UTF-8", string, length, Unicode_EncodingEnumToName(encoding), CODESET_REFUSE,
-                             &bytes, outLength)
-                 ? bytes
-                 : nullptr;
+      return Converted([=](char **output) {
+         return CodeSet_Convert("UTF-8", string, length, Unicode_EncodingEnumToName(encoding), CODESET_REFUSE,
+                                output, outLength);
+      });
    }
 }
 

@@ -66,16 +66,19 @@ bool EventQueue_AddReadSource(int queue, int descriptor, QueueHandler handler)
    return true;
 }
 
-/* Errors and hang-ups of the descriptor are reported whatever was asked for, and count as readable. */
+/* Errors and hang-ups of the descriptor are reported whatever was asked for, and count as readable. A descriptor that
+   could not be taken out of the queue may still be heard of; it is nobody's any more. */
 bool EventQueue_Wait(int queue, QueueEvent *event)
 {
    struct epoll_event ready;
 
-   if (epoll_wait(queue, &ready, 1, -1) == -1) {
-      return false;
-   }
-   event->descriptor = ready.data.fd;
-   event->handler = sRegistrations[ready.data.fd].handler;
+   do {
+      if (epoll_wait(queue, &ready, 1, -1) == -1) {
+         return false;
+      }
+      event->descriptor = ready.data.fd;
+      event->handler = sRegistrations[ready.data.fd].handler;
+   } while (event->handler == nullptr);
    return true;
 }
 

@@ -40,6 +40,25 @@ struct sockaddr_un SocketAddress(const std::string &path)
 
 } // namespace
 
+bool HasPrivateLibrary()
+{
+   return getenv("TESSEL_PRIVATE_LIBRARY") != nullptr;
+}
+
+void MakeLibrary(const std::string &helper, const std::string &script)
+{
+   for (const auto &entry : std::filesystem::directory_iterator("/Library")) {
+      std::filesystem::remove_all(entry);
+   }
+   std::filesystem::create_directories(SERVICE_LOG.parent_path());
+   std::filesystem::create_directories(SERVICE_COPY / "Contents/Library/services");
+   for (const auto &[name, text] : {std::pair("kestra-id", helper), {"services/services.sh", script}}) {
+      const std::filesystem::path path = SERVICE_COPY / "Contents/Library" / name;
+      WriteFile(path, text);
+      std::filesystem::permissions(path, std::filesystem::perms(0755));
+   }
+}
+
 OwnedDescriptor ListenAt(const std::string &path)
 {
    const struct sockaddr_un address = SocketAddress(path);
@@ -56,6 +75,29 @@ Pipe::Pipe()
    Require(pipe(ends) == 0, "pipe");
    reader.reset(CloseOnExec(ends[0]));
    writer.reset(CloseOnExec(ends[1]));
+}
+
+Teardowns::Teardowns()
+{
+   for (const std::string extension : {"hvcore", "hvlink"}) {
+      const std::string path = "/run/tessel-kext/com.kestra.kext." + extension + ".teardown";
+      std::filesystem::remove(path);
+      const OwnedDescriptor listener = ListenAt(path);
+      servers_.push_back(fork());
+      while (servers_.back() == 0) {
+         close(accept(listener.get(), nullptr, nullptr));
+      }
+   }
+   /* The daemon looks for them as an ordinary user. */
+   std::filesystem::permissions("/run/tessel-kext", std::filesystem::perms(0755));
+}
+
+Teardowns::~Teardowns()
+{
+   for (const pid_t server : servers_) {
+      kill(server, SIGKILL);
+      waitpid(server, nullptr, 0);
+   }
 }
 
 DaemonProcess::DaemonProcess(const Body &body) : socketPath_(folder_.Path("socket"))
@@ -94,6 +136,11 @@ int DaemonProcess::ExitStatus()
    Require(waitpid(pid_, &status, 0) == pid_, "waitpid");
    pid_ = -1;
    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+pid_t DaemonProcess::Release()
+{
+   return std::exchange(pid_, -1);
 }
 
 /* A process that is not in a call shows no number. */

@@ -5,6 +5,7 @@
 #include "tests/support/testSupport.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -19,8 +20,32 @@ struct Pipe {
    OwnedDescriptor writer;
 };
 
+/* The daemon's files. */
+inline const std::filesystem::path SERVICE_COPY =
+    "/Library/Application Support/Kestra/Kestra Tessel/Services";
+inline const std::filesystem::path SERVICE_LOG = "/Library/Logs/Kestra Tessel Services.log";
+
+/* Whether /Library is the test's own (see run-in-private-library). */
+bool HasPrivateLibrary();
+
+/* Empties /Library but for the folder of the log and a service copy of these two programs. */
+void MakeLibrary(const std::string &helper, const std::string &script);
+
 /* A listening local-domain socket at this path, closed on exec. */
 OwnedDescriptor ListenAt(const std::string &path);
+
+/* Serves the kernel extensions' controls until the end of the scope, in processes of its own: a connection is taken and
+   closed. */
+class Teardowns {
+ public:
+   Teardowns();
+   ~Teardowns();
+   Teardowns(const Teardowns &) = delete;
+   Teardowns &operator=(const Teardowns &) = delete;
+
+ private:
+   std::vector<pid_t> servers_;
+};
 
 /* A daemon in a process of its own, with a listening socket and a launcher descriptor as a launcher makes them. */
 class DaemonProcess {
@@ -38,6 +63,9 @@ class DaemonProcess {
 
    /* Waits for the end of the process and gives its exit status; -signal if a signal ended it. */
    int ExitStatus();
+
+   /* Hands the process over to the caller, who collects it. */
+   pid_t Release();
 
    /* Waits until the daemon is inside one of these system calls. */
    void AwaitCall(const std::vector<long> &calls) const;
