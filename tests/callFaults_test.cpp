@@ -122,6 +122,14 @@ std::string Converted(const char *from, const char *text, const char *to)
    return std::to_string(length);
 }
 
+/* The same; 0 if it fails. */
+std::string Escaped(const EscapeTable &table, const char *text)
+{
+   size_t length = 0;
+   free(Escape_Bytes("%", table, text, strlen(text), &length));
+   return std::to_string(length);
+}
+
 /* A result, which is untouched if there is none. */
 std::string Sized(char *text, size_t length)
 {

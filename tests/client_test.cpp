@@ -119,8 +119,10 @@ TEST(TesselClientRegister, GoesOnAfterSignalsAndKeepsItsLimit)
    setitimer(ITIMER_REAL, &often, nullptr);
    EXPECT_EQ(Register(slow, TESSEL_NO_LIMIT, &hold), TESSEL_REGISTERED);
    TesselClient_LetGo(&hold);
-   EXPECT_EQ(Register(silent, SHORT_LIMIT_MS, &hold), TESSEL_TIMED_OUT);
-   EXPECT_EQ(Register(full, SHORT_LIMIT_MS, &hold), TESSEL_TIMED_OUT);
+   for (int i = 0; i < 5; i++) { /* The time may end while it waits, or between two signals. */
+      EXPECT_EQ(Register(silent, SHORT_LIMIT_MS, &hold), TESSEL_TIMED_OUT);
+      EXPECT_EQ(Register(full, SHORT_LIMIT_MS, &hold), TESSEL_TIMED_OUT);
+   }
    setitimer(ITIMER_REAL, &off, nullptr);
 }
 

@@ -9,6 +9,7 @@
 #include "lib/unicode/unicodeSimpleTypes.h"
 #include "tests/support/testSupport.h"
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -25,7 +26,7 @@ const std::string failed = "<failed>";
 std::unique_ptr<char, Freed> Exact(const std::string &text)
 {
    std::unique_ptr<char, Freed> block(static_cast<char *>(malloc(text.size() + (text.empty() ? 1 : 0))));
-   memcpy(block.get(), text.data(), text.size());
+   std::copy(text.begin(), text.end(), block.get());
    return block;
 }
 
@@ -183,7 +184,6 @@ TEST(CodeSetUtf16, IsRefusedUnlessItsSurrogatesPair)
 {
    constexpr uint32_t kinds[] = {0,      'a',    0x80,   0x7FF,  0x800,  0xD7FF,
                                  0xD800, 0xDBFF, 0xDC00, 0xDFFF, 0xE000, 0xFFFF};
-   const std::string odd = "a";
    for (const uint32_t one : kinds) {
       for (const uint32_t two : kinds) {
          for (const uint32_t three : kinds) {
@@ -191,9 +191,11 @@ TEST(CodeSetUtf16, IsRefusedUnlessItsSurrogatesPair)
             std::string utf8;
             for (size_t i = 0; i < 3 && utf8 != failed; i++) {
                const bool paired = i < 2 && units[i] >> 10 == 0x36 && units[i + 1] >> 10 == 0x37;
-               const bool alone = IsSurrogate(units[i]) && !paired;
-               utf8 = alone ? failed
-                            : utf8 + Utf8(paired ? (units[i] << 10) + units[i + 1] - 0x35FDC00 : units[i]);
+               if (IsSurrogate(units[i]) && !paired) {
+                  utf8 = failed;
+               } else {
+                  utf8 += Utf8(paired ? (units[i] << 10) + units[i + 1] - 0x35FDC00 : units[i]);
+               }
                i += paired ? 1 : 0;
             }
             const std::string little = Utf16(one) + Utf16(two) + Utf16(three);

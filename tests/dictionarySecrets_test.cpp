@@ -13,7 +13,7 @@ int sLeakedSecrets = 0;
 
 } // namespace
 
-/* The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c) */
+/* The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
 extern "C" {
 void __real_free(void *block);
 
@@ -26,7 +26,7 @@ void __wrap_free(void *block)
    __real_free(block);
 }
 }
-/* NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c) */
+/* NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
 
 namespace {
 

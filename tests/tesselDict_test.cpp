@@ -1,5 +1,6 @@
 #include "tests/support/testSupport.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -24,12 +25,9 @@ class TesselDict : public testing::Test {
 
    Outcome Run(std::vector<std::string> words)
    {
-      std::vector<char *> argv;
       words.insert(words.begin(), "tessel-dict");
-      for (std::string &word : words) {
-         argv.push_back(word.data());
-      }
-      argv.push_back(nullptr);
+      std::vector<char *> argv(words.size() + 1);
+      std::transform(words.begin(), words.end(), argv.begin(), [](std::string &word) { return word.data(); });
       const pid_t child = fork();
       if (child == 0) {
          dup2(open(Path("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
