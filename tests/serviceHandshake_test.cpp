@@ -1,5 +1,6 @@
 #include "daemon/serviceHandshake.h"
 
+#include "daemon/serviceImpl.h"
 #include "daemon/servicePrivilege.h"
 #include "tests/support/daemonHarness.h"
 
@@ -78,6 +79,18 @@ TEST_F(ServiceHandshake, EveryFailureIsReportedByTheRoutineThatSawIt)
                               "Warning: ServiceImplRecvFd: recvmsg errno " + number +
                               "Warning: ServiceImplSendFd: sendmsg errno " + number +
                               "Warning: ServiceImplClose: close 9999 errno " + number);
+}
+
+TEST_F(ServiceHandshake, GoesOnWhereThereIsNoClient)
+{
+   const ScratchFolder folder;
+   const OwnedDescriptor listener = ListenAt(folder.Path("socket"));
+   ASSERT_TRUE(ServiceImplSetBlockingState(listener.get(), false));
+   for (const int socket : {listener.get(), daemon_.get()}) {
+      const QueueEvent event = {.descriptor = socket, .handler = ServiceImplOnNewClient};
+      EXPECT_EQ(ServiceImplOnNewClient(nullptr, &event), SERVICE_KEEP_RUNNING);
+   }
+   EXPECT_EQ(log_.Text(), "Warning: ServiceImplOnNewClient: accept errno 22.\n") << "of what is no listener";
 }
 
 TEST_F(ServiceHandshake, SwitchesBlocking)

@@ -58,6 +58,15 @@ TEST_F(ServiceImpl, TriesARefusedStartAgainForTheNextClient)
                            "ServiceImplDaemon: Exiting with code 1.\n");
 }
 
+TEST_F(ServiceImpl, EndsWhereAClientsDescriptorCannotBeClosed)
+{
+   const CapturedLog log;
+   ServiceImplCtx ctx = {.start = Start, .stop = Stop, .refCount = 1, .kq = -1};
+   const QueueEvent event = {.descriptor = 9999, .handler = ServiceImplUnref};
+   EXPECT_EQ(ServiceImplUnref(&ctx, &event), 1);
+   EXPECT_EQ(log.Text(), "Warning: ServiceImplClose: close 9999 errno 9.\n");
+}
+
 TEST_F(ServiceImpl, ReportsThatThereIsNoRoomForAQueue)
 {
    DaemonProcess daemon([log = log_](int listener, int launcher) {
