@@ -12,6 +12,15 @@ if(TESSEL_SANITIZE)
   target_link_options(tessel-options INTERFACE -fsanitize=${TESSEL_SANITIZE})
 endif()
 
+if(TESSEL_COVERAGE)
+  target_compile_options(tessel-options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(tessel-options INTERFACE --coverage -Wl,--wrap=_exit)
+  # Of each program, so that a process that ends with _exit writes its counters too.
+  add_library(coverage-exit OBJECT tests/support/coverageExit.cpp)
+  target_sources(tessel-options INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:coverage-exit>>)
+endif()
+
 # What is released does not tell where it was built.
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_options(tessel-options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)

@@ -166,6 +166,7 @@ TEST_F(Daemon, RefusesWrongArguments)
 {
    const std::string invalid = "Warning: Invalid number of arguments.\n";
    const std::string unset = "Warning: ServiceImplSetBlockingState: fcntl get errno 9.\n";
+   const OwnedDescriptor folder(open("/", O_RDONLY)); /* Cannot be watched. */
    const std::pair<std::vector<std::string>, std::string> cases[] = {
        {{""}, invalid},
        {{"", "-", "-"}, invalid},
@@ -173,6 +174,7 @@ TEST_F(Daemon, RefusesWrongArguments)
        {{"", "-1"}, RegistrationFailed(EBADF)},
        {{"text", "9999"}, RegistrationFailed(EBADF)}, /* The launcher comes first. */
        {{"9999", "-"}, unset},
+       {{std::to_string(folder.get()), "-"}, RegistrationFailed(EPERM)},
    };
    for (const auto &[arguments, logged] : cases) {
       DaemonProcess daemon(Image(arguments));

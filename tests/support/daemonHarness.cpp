@@ -120,7 +120,7 @@ DaemonProcess::DaemonProcess(const Body &body) : socketPath_(folder_.Path("socke
 DaemonProcess::~DaemonProcess()
 {
    if (pid_ != -1) {
-      kill(pid_, SIGKILL);
+      kill(pid_, SIGTERM);
       ExitStatus();
    }
 }
