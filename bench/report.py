@@ -153,6 +153,10 @@ def peers_of(row: Row, rows: list[Row]) -> list[Row]:
     return [r for r in rows if (r.group, r.case, r.size) == (row.group, row.case, row.size) and not r.ours()]
 
 
+def fastest(rows: list[Row]) -> Row | None:
+    return min(rows, key=lambda row: row.time, default=None)
+
+
 def compare(rows: list[Row], rules: list[list[str]]) -> list[Comparison]:
     comparisons = []
     for row in rows:
@@ -160,13 +164,14 @@ def compare(rows: list[Row], rules: list[list[str]]) -> list[Comparison]:
         peers = {peer.implementation: peer for peer in peers_of(row, rows)}
         if not row.ours() or rule is None or not peers:
             continue
-        _, _, default, limit, *goals = rule
-        best = min((p for p in peers.values() if p.implementation != limit), key=lambda p: p.time, default=None)
+        _, _, default, limits, *goals = rule
+        limit = fastest([peer for name, peer in peers.items() if name in limits.split(",")])
+        best = fastest([peer for name, peer in peers.items() if name not in limits.split(",")])
         comparisons.append(Comparison(
             label_of(row), row.group, row.time,
             ratio(row, best) if best else None,
             ratio(row, peers[default]) if default in peers else None,
-            ratio(row, peers[limit]) if limit in peers else None,
+            ratio(row, limit) if limit else None,
             {name: float(goal) for name, goal in zip(("best", "limit"), goals) if goal != "-"}))
     return comparisons
 
