@@ -244,7 +244,9 @@ def growth_lines(growths: list[Growth]) -> list[list[str]]:
     def goal(row: Growth) -> str:
         if row.goal is None:
             return ""
-        return f"{row.goal:g}: {'met' if row.fitted <= row.goal else 'missed'}"
+        if row.fitted > row.goal:
+            return f"{row.goal:g}: missed"
+        return f"{row.goal:g}: {'met' if row.last <= row.goal else 'missed at the end'}"
 
     return [[f"{row.group.removesuffix('-grows')} {row.case}", row.implementation, row.what, f"{row.fitted:.2f}",
              f"{row.last:.2f}", goal(row)] for row in growths]
