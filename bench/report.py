@@ -220,7 +220,7 @@ def describe_machine(context: dict) -> dict:
         if version:
             versions[package] = version
     return {"processor": cpu.group(1) if cpu else platform.machine(), "cores": os.cpu_count(),
-            "kernel": platform.release(), "system": system.group(1) if system else "",
+            "kernel": platform.release().split("-")[0], "system": system.group(1) if system else "",
             "compiler": first_line("g++", "--version"), "load": context.get("load_avg", []), "versions": versions}
 
 
@@ -325,10 +325,11 @@ def summary(comparisons: list[Comparison]) -> list[str]:
         counts = {v: sum(1 for _, verdict in verdicts if verdict == v) for v in ("met", "open", "missed")}
         lines.append(f"Against {what}, of {len(verdicts)} goals {counts['met']} are met, {counts['missed']} missed, and"
                      f" {counts['open']} missed by less than the spread of the runs.")
-        missed = [f"{row.group} {row.label} ({getattr(row, name).value:.2f})" for row, verdict in verdicts if verdict == "missed"]
-        if missed:
-            lines += ["", "Missed: " + "; ".join(missed) + "."]
-        lines.append("")
+        missed: dict[str, list[str]] = {}
+        for row, verdict in verdicts:
+            if verdict == "missed":
+                missed.setdefault(row.group, []).append(f"{row.label} ({getattr(row, name).value:.2f})")
+        lines += ["", *(f"- missed of {group}: {', '.join(labels)}" for group, labels in missed.items()), ""]
     return lines
 
 
