@@ -153,6 +153,10 @@ def peers_of(row: Row, rows: list[Row]) -> list[Row]:
     return [r for r in rows if (r.group, r.case, r.size) == (row.group, row.case, row.size) and not r.ours()]
 
 
+def fastest(rows: list[Row]) -> Row | None:
+    return min(rows, key=lambda row: row.time, default=None)
+
+
 def compare(rows: list[Row], rules: list[list[str]]) -> list[Comparison]:
     comparisons = []
     for row in rows:
@@ -160,13 +164,14 @@ def compare(rows: list[Row], rules: list[list[str]]) -> list[Comparison]:
         peers = {peer.implementation: peer for peer in peers_of(row, rows)}
         if not row.ours() or rule is None or not peers:
             continue
-        _, _, default, limit, *goals = rule
-        best = min((p for p in peers.values() if p.implementation != limit), key=lambda p: p.time, default=None)
+        _, _, default, limits, *goals = rule
+        limit = fastest([peer for name, peer in peers.items() if name in limits.split(",")])
+        best = fastest([peer for name, peer in peers.items() if name not in limits.split(",")])
         comparisons.append(Comparison(
             label_of(row), row.group, row.time,
             ratio(row, best) if best else None,
             ratio(row, peers[default]) if default in peers else None,
-            ratio(row, peers[limit]) if limit in peers else None,
+            ratio(row, limit) if limit else None,
             {name: float(goal) for name, goal in zip(("best", "limit"), goals) if goal != "-"}))
     return comparisons
 
@@ -215,7 +220,7 @@ def describe_machine(context: dict) -> dict:
         if version:
             versions[package] = version
     return {"processor": cpu.group(1) if cpu else platform.machine(), "cores": os.cpu_count(),
-            "kernel": platform.release(), "system": system.group(1) if system else "",
+            "kernel": platform.release().split("-")[0], "system": system.group(1) if system else "",
             "compiler": first_line("g++", "--version"), "load": context.get("load_avg", []), "versions": versions}
 
 
@@ -239,7 +244,9 @@ def growth_lines(growths: list[Growth]) -> list[list[str]]:
     def goal(row: Growth) -> str:
         if row.goal is None:
             return ""
-        return f"{row.goal:g}: {'met' if row.fitted <= row.goal else 'missed'}"
+        if row.fitted > row.goal:
+            return f"{row.goal:g}: missed"
+        return f"{row.goal:g}: {'met' if row.last <= row.goal else 'missed at the end'}"
 
     return [[f"{row.group.removesuffix('-grows')} {row.case}", row.implementation, row.what, f"{row.fitted:.2f}",
              f"{row.last:.2f}", goal(row)] for row in growths]
@@ -318,10 +325,11 @@ def summary(comparisons: list[Comparison]) -> list[str]:
         counts = {v: sum(1 for _, verdict in verdicts if verdict == v) for v in ("met", "open", "missed")}
         lines.append(f"Against {what}, of {len(verdicts)} goals {counts['met']} are met, {counts['missed']} missed, and"
                      f" {counts['open']} missed by less than the spread of the runs.")
-        missed = [f"{row.group} {row.label} ({getattr(row, name).value:.2f})" for row, verdict in verdicts if verdict == "missed"]
-        if missed:
-            lines += ["", "Missed: " + "; ".join(missed) + "."]
-        lines.append("")
+        missed: dict[str, list[str]] = {}
+        for row, verdict in verdicts:
+            if verdict == "missed":
+                missed.setdefault(row.group, []).append(f"{row.label} ({getattr(row, name).value:.2f})")
+        lines += ["", *(f"- missed of {group}: {', '.join(labels)}" for group, labels in missed.items()), ""]
     return lines
 
 
