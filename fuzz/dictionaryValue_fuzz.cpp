@@ -3,6 +3,7 @@
 #include "lib/user/dictionaryConvert.h"
 #include "lib/user/msgList.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cerrno>
@@ -33,28 +34,21 @@ struct Setting {
    std::string original; /* What the file holds until it is modified. */
 };
 
-bool Is(const char *const (&words)[7], const std::string &text)
+bool IsOneOf(const std::string &text, std::initializer_list<const char *> words)
 {
-   for (const char *word : words) {
-      if (strcasecmp(word, text.c_str()) == 0) {
-         return true;
-      }
-   }
-   return false;
+   return std::any_of(words.begin(), words.end(),
+                      [&text](const char *word) { return strcasecmp(word, text.c_str()) == 0; });
 }
 
 std::optional<int32_t> Word(const std::string &text, bool triState)
 {
-   static constexpr const char *yes[7] = {"", "true", "t", "yes", "y", "on", "1"};
-   static constexpr const char *no[7] = {"false", "f", "no", "n", "off", "0", "0"};
-   static constexpr const char *either[7] = {"default", "dontcare", "auto", "auto", "auto", "auto", "auto"};
-   if (Is(yes, text)) {
+   if (IsOneOf(text, {"", "true", "t", "yes", "y", "on", "1"})) {
       return 1;
    }
-   if (Is(no, text)) {
+   if (IsOneOf(text, {"false", "f", "no", "n", "off", "0"})) {
       return 0;
    }
-   return triState && Is(either, text) ? std::optional<int32_t>(-1) : std::nullopt;
+   return triState && IsOneOf(text, {"default", "dontcare", "auto"}) ? std::optional(-1) : std::nullopt;
 }
 
 /* The C library's reading, which is whole or none. */
@@ -155,9 +149,15 @@ class Session {
    {
       for (int i = 0; i < 24 && input_.remaining_bytes() > 0; i++) {
          name_ = input_.PickValueInArray(NAMES);
-         switch (input_.ConsumeIntegralInRange(0, 5)) {
+         switch (input_.ConsumeIntegralInRange(0, 7)) {
          case 0:
             SetFromString();
+            break;
+         case 5:
+            SetText();
+            break;
+         case 6:
+            GetText();
             break;
          case 1:
          case 2:
@@ -238,7 +238,7 @@ class Session {
       const std::string text = TakeText();
       const bool keep = input_.ConsumeBool();
       if (model_.contains(name_)) {
-         return; /* What it does to a value that is there is what a setter of text does. */
+         return; /* What it does to a value that is there is what SetText does. */
       }
       Dictionary_SetFromString(dictionary_.get(), (std::string(name_) + "=" + text).c_str(), keep, messages_);
       model_[name_] = {{DICTIONARY_UNTYPED, text, 0}, true, true, ""};
@@ -294,6 +294,58 @@ class Session {
       model_[name_] = {{type, "", bits}, true, differs, fresh ? "" : found->second.original};
       changed_ = changed_ || differs;
       REQUIRE(GetBits(type, 0) == bits);
+   }
+
+   /* Text for a value of another type is read as that type, or changes nothing. */
+   void SetText()
+   {
+      const std::string text = TakeText();
+      const size_t told = MsgList_Count(messages_);
+      const auto found = model_.find(name_);
+      Dictionary_SetString(dictionary_.get(), text.c_str(), 0, name_);
+      if (found == model_.end()) {
+         model_[name_] = {{DICTIONARY_STRING, text, 0}, true, true, ""};
+         changed_ = true;
+         return;
+      }
+      Setting &setting = found->second;
+      bool differs = setting.modified || !setting.persistent;
+      bool convertible = true;
+      if (setting.value.type <= DICTIONARY_STRING) {
+         differs = differs || setting.value.text != text;
+         setting.value = {DICTIONARY_STRING, text, 0};
+      } else {
+         const std::optional<uint64_t> parsed = Parsed(text, setting.value.type);
+         convertible = parsed.has_value();
+         differs = differs || parsed.value_or(setting.value.bits) != setting.value.bits;
+         setting.value.bits = parsed.value_or(setting.value.bits);
+      }
+      setting.modified = differs;
+      setting.persistent = true;
+      changed_ = changed_ || differs;
+      REQUIRE(MsgList_Count(messages_) - told == (convertible ? 0 : 1));
+   }
+
+   void GetText()
+   {
+      const std::optional<std::string> fallback =
+          input_.ConsumeBool() ? std::optional(TakeText()) : std::nullopt;
+      const auto found = model_.find(name_);
+      char *const text =
+          Dictionary_GetString(dictionary_.get(), fallback ? fallback->c_str() : nullptr, "%s", name_);
+      std::optional<std::string> expected = fallback;
+      if (found == model_.end()) {
+         if (fallback) {
+            model_[name_] = {{DICTIONARY_STRING, *fallback, 0}, false, false, ""};
+         }
+      } else if (found->second.value.type <= DICTIONARY_STRING) {
+         expected = found->second.value.text;
+         found->second.value.type = DICTIONARY_STRING;
+      }
+      REQUIRE((text != nullptr) == expected.has_value());
+      if (text != nullptr) {
+         REQUIRE_SAME(Take(text), *expected);
+      }
    }
 
    uint64_t GetBits(uint32_t type, uint64_t fallback)

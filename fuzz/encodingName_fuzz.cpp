@@ -78,16 +78,18 @@ const EncodingRow *Expected(const std::string &name)
    return Find(loose, Loose(name));
 }
 
-/* A name of the table, and the bytes of the input where it says so in their places. */
+/* A name of the table, or that of one of its code pages, and the bytes of the input where it says so in their places. */
 std::string TakeName(FuzzedDataProvider *input)
 {
-   const auto row = input->ConsumeIntegralInRange<size_t>(0, ENCODING_ROWS);
-   if (row == ENCODING_ROWS) {
+   const auto kind = input->ConsumeIntegralInRange(0, 3);
+   if (kind == 0) {
       return RestAsString(input);
    }
-   const auto &names = encodingRows[row].names;
+   const EncodingRow &row = input->PickValueInArray(encodingRows);
+   const auto &names = row.names;
    const auto count = static_cast<size_t>(std::find(names.begin(), names.end(), nullptr) - names.begin());
-   std::string name = names[input->ConsumeIntegralInRange<size_t>(0, count - 1)];
+   std::string name = kind == 1 ? "windows-" + std::to_string(row.windowsCodePage)
+                                : names[input->ConsumeIntegralInRange<size_t>(0, count - 1)];
    for (char &c : name) {
       switch (input->remaining_bytes() > 0 ? input->ConsumeIntegralInRange(0, 15) : 0) {
       case 1:

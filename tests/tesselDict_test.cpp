@@ -102,6 +102,10 @@ TEST_F(TesselDict, ChangesNothingButWhatWasAsked)
        {"a=1\n", {"set", "a", "1"}, "a=1\n"},
        {"a=1", {"set", "b", "2"}, "a=1\nb = \"2\"\n"},
        {"", {"set", "b", "2"}, "b = \"2\"\n"},
+       {"\xEF\xBB\xBF",
+        {"set", "b", "2"},
+        "\xEF\xBB\xBF"
+        "b = \"2\"\n"},
        {"# a=1\na=1\nb=2", {"unset", "A"}, "# a=1\nb=2"},
        {"b=1\na=2", {"unset", "a"}, "b=1\n"},
        {"a=1\n", {"unset", "b"}, "a=1\n", "1"},

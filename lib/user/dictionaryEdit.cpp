@@ -125,7 +125,7 @@ void DictionarySplice(DynBuf *result, std::string_view content, std::string_view
 void DictionaryAddAtEnd(DynBuf *result, std::string_view content, std::string_view line)
 {
    DictionaryEditAppend(result, content);
-   if (!content.empty() && !content.ends_with('\n')) {
+   if (!content.empty() && content != BYTE_ORDER_MARK && !content.ends_with('\n')) {
       DictionaryEditAppend(result, "\n");
    }
    DictionaryEditAppend(result, line);
