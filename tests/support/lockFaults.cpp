@@ -1,7 +1,6 @@
 #include "tests/support/lockFaults.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -77,28 +76,22 @@ void LockFaults::SetHaste(unsigned factor)
    }
 
 WRAPPED(int, mkdir, (const char *path, mode_t mode), (path, mode), -1)
+WRAPPED(int, mkdirat, (int folder, const char *name, mode_t mode), (folder, name, mode), -1)
 WRAPPED(int, rmdir, (const char *path), (path), -1)
 WRAPPED(int, unlink, (const char *path), (path), -1)
-WRAPPED(int, rename, (const char *from, const char *to), (from, to), -1)
+WRAPPED(int, unlinkat, (int folder, const char *name, int flags), (folder, name, flags), -1)
+WRAPPED(int, renameat, (int folder, const char *from, int other, const char *to), (folder, from, other, to), -1)
 WRAPPED(int, stat, (const char *path, struct stat *status), (path, status), -1)
-WRAPPED(int, lstat, (const char *path, struct stat *status), (path, status), -1)
 WRAPPED(int, fstat, (int fd, struct stat *status), (fd, status), -1)
+WRAPPED(int, fstatat, (int folder, const char *name, struct stat *status, int flags),
+        (folder, name, status, flags), -1)
 WRAPPED(ssize_t, read, (int fd, void *buffer, size_t size), (fd, buffer, size), -1)
 WRAPPED(ssize_t, write, (int fd, const void *buffer, size_t size), (fd, buffer, size), -1)
 WRAPPED(DIR *, opendir, (const char *path), (path), nullptr)
+WRAPPED(DIR *, fdopendir, (int fd), (fd), nullptr)
 WRAPPED(struct dirent *, readdir, (DIR * stream), (stream), nullptr)
-
-extern "C" int __real_open(const char *path, int flags, ...);
-extern "C" int __wrap_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, ...)
-{
-   va_list args;
-
-   va_start(args, flags);
-   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
-   va_end(args);
-   return Pass("open") ? __real_open(path, flags, mode) : -1;
-}
+WRAPPED(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode), -1)
+WRAPPED(int, openat, (int folder, const char *name, int flags, mode_t mode), (folder, name, flags, mode), -1)
 
 /* The descriptor is gone even if closing it tells of an error. */
 extern "C" int __real_close(int fd);
