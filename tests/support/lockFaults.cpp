@@ -9,8 +9,10 @@
 #include <unistd.h>
 #include <utility>
 
+namespace {
+
 /* False: the call is to fail, with errno set. */
-static bool Pass()
+bool Pass()
 {
    static int calls;
    const auto before = std::exchange(LockFaults::before, nullptr);
@@ -20,6 +22,8 @@ static bool Pass()
    errno = error != 0 ? error : errno;
    return error == 0;
 }
+
+} // namespace
 
 /* The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
 
@@ -33,7 +37,7 @@ static bool Pass()
    }
 
 #define CALL(type, name, parameters, arguments)                                                              \
-   WRAPPED(type, name, parameters, arguments, Pass() ? real() : (type)(-1))
+   WRAPPED(type, name, parameters, arguments, Pass() ? real() : static_cast<type>(-1))
 
 CALL(int, mkdir, (const char *path, mode_t mode), (path, mode))
 CALL(int, mkdirat, (int folder, const char *name, mode_t mode), (folder, name, mode))
