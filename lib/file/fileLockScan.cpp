@@ -34,9 +34,6 @@ int FileLockScanner(const FileLockPlace &place, const char *name, uint32_t numbe
    case FILE_LOCK_FOREIGN:
       FileLockReportDiscarded(place, name, "lock file has been moved.");
       return 0;
-   case FILE_LOCK_HOPELESS:
-      FileLockNumber_Reclaim(place, number, name);
-      return 0;
    case FILE_LOCK_UNKNOWN:
       return error;
    default:
@@ -57,8 +54,15 @@ void FileLockReportInvalidName(const FileLockPlace &place, const char *name)
 FileLockStanding FileLockScan_Standing(const FileLockPlace &place, const char *name, FileLockMember *member,
                                        int *error)
 {
-   const FileLockReading reading = FileLockMemberValues(place, name, member);
+   FileLockReading reading = FileLockMemberValues(place, name, member);
+   FileLockEntry entry;
+   uint32_t number;
 
+   if (FileLockMember_IsProblematic(reading) && FileLockMember_ParseName(name, &entry, &number)) {
+      FileLockNumber_Reclaim(place, number, name);
+      /* If it was not the file that failed but the reading, its owner may hold the lock. */
+      reading = FileLockMember_Read(place, name, member);
+   }
    if (FileLockMember_IsProblematic(reading)) {
       return FILE_LOCK_HOPELESS;
    }

@@ -88,8 +88,6 @@ bool FileLockIsStillThere(const FileLockPlace &place, const char *name, FileLock
    case FILE_LOCK_OVER:
       Log("FILE: %s discarding file '%s'; invalid executionID.\n", TAG,
           FileLockPlace_Path(place, name).get());
-      [[fallthrough]];
-   case FILE_LOCK_HOPELESS:
       FileLockDiscard(place, name);
       return false;
    default:
