@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
@@ -409,9 +410,9 @@ long OpenDescriptors()
 class FileLockSteps : public FileLock {
  protected:
    /* A process that takes the lock and gives it back, with before called as LockFaults says. */
-   pid_t Start(const std::function<int(int)> &before)
+   pid_t Start(const std::function<int(int)> &before, bool held = false)
    {
-      new (board_) Board{};
+      new (board_) Board{held, false, false};
       const pid_t pid = fork();
       if (pid == 0) {
          const long descriptors = OpenDescriptors();
@@ -437,33 +438,39 @@ class FileLockSteps : public FileLock {
       return status;
    }
 
-   void ExpectThatNothingStays(const std::string &what)
-   {
-      /* Between a directory and its marker nobody can tell whose it is, and only its age tells that it is left. */
-      std::error_code none;
-      for (const auto &entry : fs::directory_iterator(directory_, none)) {
-         fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::seconds(60));
-      }
-      EXPECT_TRUE(IsFree()) << what;
-      EXPECT_FALSE(fs::exists(directory_)) << what;
-   }
-
    Board *board_ = static_cast<Board *>(
        mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 };
 
 constexpr int STEPS_AT_LEAST = 30;
 
-TEST_F(FileLockSteps, LeaveNothingForEverWhenKilledAtAny)
+TEST_F(FileLockSteps, LeaveNothingForEverWhenKilledOrRefusedAtAny)
 {
-   int step = 0;
-   for (bool killed = true; killed;) {
-      step++;
-      const pid_t other = Start([step](int number) { return number == step ? kill(getpid(), SIGKILL) : 0; });
-      killed = WIFSIGNALED(Await(other));
-      ExpectThatNothingStays("killed at step " + std::to_string(step));
+   int steps = INT_MAX;
+   const std::pair<int, bool> cases[] = {
+       {0, false}, {ENOSPC, false}, {EIO, false}, {EMFILE, false}, {EIO, true}};
+   for (const auto &[error, held] : cases) {
+      for (int step = 1; step <= steps; step++) {
+         SCOPED_TRACE(std::to_string(step) + (error == 0 ? ": killed" : strerror(error)));
+         FileLockToken *const token = held ? Take(true) : nullptr;
+         const auto fault = [step, error = error](int number) {
+            return number != step ? 0 : error != 0 ? error : kill(getpid(), SIGKILL);
+         };
+         const int status = Await(Start(fault, held));
+         EXPECT_FALSE(board_->intruder);
+         EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, {}) == 0);
+         EXPECT_TRUE(status == 0 || (error == 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL));
+         steps = error == 0 && !WIFSIGNALED(status) ? step : steps;
+         /* Between a directory and its marker nobody can tell whose it is, and only its age tells that it is left. */
+         std::error_code none;
+         for (const auto &entry : fs::directory_iterator(directory_, none)) {
+            fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::seconds(60));
+         }
+         ASSERT_TRUE(IsFree());
+         ASSERT_FALSE(fs::exists(directory_));
+      }
    }
-   EXPECT_GT(step, STEPS_AT_LEAST);
+   EXPECT_GT(steps, STEPS_AT_LEAST);
 }
 
 /* The other stops before each of its calls in turn, and goes on when this process has, or has not, got the lock. */
@@ -486,21 +493,11 @@ TEST_F(FileLockSteps, KeepOthersOutWhenSlowAtAny)
          had += token != nullptr ? 1 : 0;
          EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, {}) == 0);
       }
-      EXPECT_FALSE(fs::exists(directory_)) << step;
+      ASSERT_FALSE(fs::exists(directory_)) << step;
    }
    EXPECT_GT(step, STEPS_AT_LEAST);
    EXPECT_GT(had, 0);
    EXPECT_LT(had, step - 1);
-}
-
-TEST_F(FileLockSteps, SurviveTheFailureOfAny)
-{
-   for (const int error : {ENOSPC, EIO, EMFILE}) {
-      for (int step = 1; step < 2 * STEPS_AT_LEAST; step++) {
-         EXPECT_EQ(Await(Start([&](int number) { return number == step ? error : 0; })), 0) << error << step;
-         ExpectThatNothingStays(std::string(strerror(error)) + " at step " + std::to_string(step));
-      }
-   }
 }
 
 } // namespace
