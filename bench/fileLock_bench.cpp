@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <lockfile.h>
@@ -83,6 +84,44 @@ void BM_FileLock(benchmark::State &state, bool exclusive)
 }
 BENCHMARK_CAPTURE(BM_FileLock, exclusive, true)->Name("lock/Take/tessel");
 BENCHMARK_CAPTURE(BM_FileLock, shared, false)->Name("lock/Take/tessel-shared");
+
+void ListNames(const std::string &folder)
+{
+   DIR *const stream = opendir(folder.c_str());
+
+   while (readdir(stream) != nullptr) {
+   }
+   closedir(stream);
+}
+
+/* The calls that a lock of numbered tickets in a directory cannot do without, and nothing else: no thought for processes
+   that are slow, killed or strangers. The limit of what the lock above can come to. */
+void BM_TicketCallsAlone(benchmark::State &state)
+{
+   const Folder folder;
+   const std::string lock = folder.File() + ".lck";
+   const std::string entry = lock + "/D12345.lck";
+   const std::string writing = lock + "/E12345.lck";
+   const std::string member = lock + "/M12345.lck";
+   const char record[512] = {};
+   struct stat status;
+
+   for (auto _ : state) {
+      Check(stat(lock.c_str(), &status) == -1);
+      const mode_t mask = umask(0);
+      Check(mkdir(lock.c_str(), 0777) == 0 && mkdir(entry.c_str(), 0777) == 0);
+      umask(mask);
+      Check(stat(member.c_str(), &status) == -1);
+      const int fd = open(writing.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+      ListNames(lock);
+      Check(write(fd, record, sizeof record) == sizeof record);
+      close(fd);
+      Check(rename(writing.c_str(), member.c_str()) == 0 && rmdir(entry.c_str()) == 0);
+      ListNames(lock);
+      Check(unlink(member.c_str()) == 0 && rmdir(lock.c_str()) == 0);
+   }
+}
+BENCHMARK(BM_TicketCallsAlone);
 
 void BM_MkdirDotLock(benchmark::State &state)
 {

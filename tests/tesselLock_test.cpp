@@ -21,10 +21,9 @@ class TesselLock : public testing::Test {
          argv.push_back(word.data());
       }
       argv.push_back(nullptr);
-      const std::string out = Out();
       const pid_t pid = fork();
       if (pid == 0) {
-         if (freopen(out.c_str(), "w", stdout) != nullptr && freopen("/dev/null", "w", stderr) != nullptr) {
+         if (freopen(out_.c_str(), "w", stdout) != nullptr && freopen("/dev/null", "w", stderr) != nullptr) {
             execv(TESSEL_LOCK, argv.data());
          }
          _exit(255);
@@ -44,32 +43,26 @@ class TesselLock : public testing::Test {
       return Await(Start(words));
    }
 
-   /* Holds the lock until Release. */
-   void Hold(const std::vector<std::string> &options = {})
+   /* What --show prints. */
+   [[nodiscard]] std::string Shown() const
    {
-      std::vector<std::string> words = options;
-      const std::string begun = folder_.Path("begun");
-      words.insert(words.end(), {file_, "--", "sh", "-c", "touch " + begun + "; exec sleep 60"});
-      holder_ = Start(words);
-      while (!fs::exists(begun)) {
+      EXPECT_EQ(Run({"--show", file_}), 0);
+      return ReadFile(out_);
+   }
+
+   /* One that holds the lock until it is ended. */
+   [[nodiscard]] pid_t Hold(bool shared) const
+   {
+      const pid_t holder = Start({shared ? "--shared" : "--wait=9", file_, "--", "sleep", "60"});
+      while (!Shown().starts_with("holds ")) {
          usleep(1000);
       }
-   }
-
-   void Release() const
-   {
-      kill(holder_, SIGTERM);
-      EXPECT_EQ(Await(holder_), 128 + SIGTERM);
-   }
-
-   [[nodiscard]] std::string Out() const
-   {
-      return folder_.Path("out");
+      return holder;
    }
 
    ScratchFolder folder_;
    std::string file_ = folder_.Path("file");
-   pid_t holder_ = -1;
+   std::string out_ = folder_.Path("out");
 };
 
 TEST_F(TesselLock, PassesOnWhatTheCommandEndsWith)
@@ -98,41 +91,30 @@ TEST_F(TesselLock, PassesOnWhatTheCommandEndsWith)
    }
 }
 
-TEST_F(TesselLock, KeepsOthersOutAndReadersTogether)
+TEST_F(TesselLock, KeepsOthersOutAndReadersTogetherAndShowsThem)
 {
-   Hold();
-   EXPECT_EQ(Run({"--wait", "0", file_, "--", "true"}), 75);
-   EXPECT_EQ(Run({"--shared", "--wait", "0.1", file_, "--", "true"}), 75);
-   Release();
-   fs::remove(folder_.Path("begun"));
-   Hold({"--shared"});
-   EXPECT_EQ(Run({"--shared", "--wait", "0", file_, "--", "true"}), 0);
-   EXPECT_EQ(Run({"--wait", "0", file_, "--", "true"}), 75);
-   Release();
-   EXPECT_EQ(Run({"--wait", "0", file_, "--", "true"}), 0);
-}
-
-TEST_F(TesselLock, ShowsWhoHoldsAndWhoWaitsAndGivesUpAtASignal)
-{
-   EXPECT_EQ(Run({"--show", file_}), 0);
-   EXPECT_EQ(ReadFile(Out()), "");
-   Hold();
-   const pid_t waiter = Start({"--shared", file_, "--", "true"});
-   const std::string held = "holds    exclusive  " + std::to_string(holder_) + "-";
-   std::string shown;
-   while (shown.find("\nwaits    shared     " + std::to_string(waiter) + "-") == std::string::npos) {
-      ASSERT_EQ(Run({"--show", file_}), 0);
-      shown = ReadFile(Out());
-      EXPECT_TRUE(shown.starts_with(held)) << shown;
+   EXPECT_EQ(Shown(), "");
+   for (const bool shared : {false, true}) {
+      const pid_t holder = Hold(shared);
+      EXPECT_EQ(Run({"--wait", "0", file_, "--", "true"}), 75);
+      EXPECT_EQ(Run({"--shared", "--wait", "0.1", file_, "--", "true"}), shared ? 0 : 75);
+      const pid_t waiter = Start({file_, "--", "true"});
+      const std::string waits = "\nwaits    exclusive  " + std::to_string(waiter) + "-";
+      std::string shown;
+      while (shown.find(waits) == std::string::npos) {
+         shown = Shown();
+         EXPECT_TRUE(shown.starts_with((shared ? "holds    shared     " : "holds    exclusive  ") +
+                                       std::to_string(holder) + "-"))
+             << shown;
+      }
+      EXPECT_NE(shown.find(" here "), std::string::npos);
+      kill(waiter, SIGTERM);
+      EXPECT_EQ(Await(waiter), 128 + SIGTERM);
+      kill(holder, shared ? SIGTERM : SIGKILL);
+      EXPECT_EQ(Await(holder), shared ? 128 + SIGTERM : -1);
+      EXPECT_EQ(Shown().starts_with("stale    exclusive  "), !shared);
+      EXPECT_EQ(Run({"--wait", "0", file_, "--", "true"}), 0);
    }
-   EXPECT_NE(shown.find(" here "), std::string::npos);
-   kill(waiter, SIGTERM);
-   EXPECT_EQ(Await(waiter), 128 + SIGTERM);
-   kill(holder_, SIGKILL);
-   Await(holder_);
-   ASSERT_EQ(Run({"--show", file_}), 0);
-   EXPECT_TRUE(ReadFile(Out()).starts_with("stale    exclusive  ")) << ReadFile(Out());
-   EXPECT_EQ(Run({"--wait", "0", file_, "--", "true"}), 0);
 }
 
 } // namespace

@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -59,21 +58,35 @@ FileLockOutcome FileLockRemoveObstacle(const FileLockPlace &place)
    return {.step = STEP_AGAIN};
 }
 
-FileLockOutcome FileLockFindDirectory(const FileLockPlace &place)
+/* What it means that the lock directory could not be made, or that it could not be opened. */
+FileLockOutcome FileLockNoDirectory(const FileLockPlace &place, int makingError, int openingError)
 {
    const char *const path = place.directory.get();
    struct stat status;
-   int error = FileAttributes(path, &status);
+   const int error = FileAttributes(path, &status);
 
-   if (error == 0) {
-      return S_ISDIR(status.st_mode) ? FileLockOutcome{.step = STEP_DONE} : FileLockRemoveObstacle(place);
+   if (error == 0 && !S_ISDIR(status.st_mode)) {
+      return FileLockRemoveObstacle(place);
    }
-   if (error != ENOENT) {
+   if (error != 0 && error != ENOENT) {
       Log("FILE: %s stat failure on '%s': %s\n", "FileLockCreateEntryDirectory", path, strerror(error));
       return {.step = STEP_FAILED, .error = error};
    }
-   error = FileLockPlace_MakeDirectory(path);
-   return error == 0 || error == EEXIST ? FileLockOutcome{.step = STEP_DONE} : FileLockCreationFailure(error);
+   if (makingError != 0 && makingError != EEXIST) {
+      return FileLockCreationFailure(makingError);
+   }
+   return openingError == ENOENT ? FileLockOutcome{.step = STEP_AGAIN}
+                                 : FileLockCreationFailure(openingError);
+}
+
+/* Opens the lock directory, which is made if need be. */
+FileLockOutcome FileLockFindDirectory(FileLockPlace *place)
+{
+   const int makingError = FileLockPlace_Make(*place);
+   const int openingError = FileLockPlace_Open(place);
+
+   return openingError == 0 ? FileLockOutcome{.step = STEP_DONE}
+                            : FileLockNoDirectory(*place, makingError, openingError);
 }
 
 FileLockOutcome FileLockTakeNumber(FileLockAttempt *attempt)
@@ -107,7 +120,7 @@ FileLockOutcome FileLockCreateEntryDirectory(FileLockAttempt *attempt)
       if (round >= HASTY_ROUNDS && !FileLockWait_Pause(*attempt, 1)) {
          return {.step = STEP_FAILED, .error = ECANCELED};
       }
-      FileLockOutcome outcome = FileLockFindDirectory(attempt->place);
+      FileLockOutcome outcome = FileLockFindDirectory(&attempt->place);
       if (outcome.step == STEP_DONE) {
          outcome = FileLockTakeNumber(attempt);
       }
@@ -135,7 +148,7 @@ uint64_t FileLockWallClock()
    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
 }
 
-int FileLockWriteMember(const FileLockAttempt &attempt, int fd, const char *path)
+int FileLockWriteMember(const FileLockAttempt &attempt, int fd, const char *name)
 {
    static constexpr const char *tag = "FileLockCreateMemberFile";
    char record[FILE_LOCK_RECORD_SIZE];
@@ -145,31 +158,27 @@ int FileLockWriteMember(const FileLockAttempt &attempt, int fd, const char *path
    const ssize_t length = write(fd, record, sizeof record);
    if (length == -1) {
       const int error = errno;
-      Log("FILE: %s write of '%s' failed: %s\n", tag, path, strerror(error));
+      Log("FILE: %s write of '%s' failed: %s\n", tag, FileLockPlace_Path(attempt.place, name).get(),
+          strerror(error));
       return error;
    }
    if (length != static_cast<ssize_t>(sizeof record)) {
-      Log("FILE: %s write length issue on '%s': %zd and %zd\n", tag, path, length,
-          static_cast<ssize_t>(sizeof record));
+      Log("FILE: %s write length issue on '%s': %zd and %zd\n", tag,
+          FileLockPlace_Path(attempt.place, name).get(), length, static_cast<ssize_t>(sizeof record));
       return EIO;
    }
    return 0;
 }
 
-/* Chooses a ticket, while the file at path says that a choice is being made, and writes it. */
-int FileLockChoose(FileLockAttempt *attempt, const char *path)
+/* Chooses a ticket, while the file says that a choice is being made, and writes it. */
+int FileLockChoose(FileLockAttempt *attempt, const char *name)
 {
    uint32_t highest = 0;
-   int fd;
 
-   {
-      const ClearedMask cleared;
-      fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-   }
-   if (fd == -1) {
+   OwnedDescriptor file(FileLockPlace_CreateFile(attempt->place, name));
+   if (file.get() == -1) {
       return errno;
    }
-   OwnedDescriptor file(fd);
    int error = FileLockScanDirectory(attempt->place, nullptr, FileLockHighest, &highest);
    if (error != 0) {
       return error;
@@ -178,10 +187,22 @@ int FileLockChoose(FileLockAttempt *attempt, const char *path)
       return FileLockNoProgress(attempt->place).error;
    }
    attempt->ticket = highest + 1;
-   error = FileLockWriteMember(*attempt, fd, path);
+   error = FileLockWriteMember(*attempt, file.get(), name);
    if (close(file.release()) == -1 && error == 0) {
       error = errno;
-      Log("FILE: %s close of '%s' failed: %s\n", "FileLockCreateMemberFile", path, strerror(error));
+      Log("FILE: %s close of '%s' failed: %s\n", "FileLockCreateMemberFile",
+          FileLockPlace_Path(attempt->place, name).get(), strerror(error));
+   }
+   return error;
+}
+
+int FileLockPublish(const FileLockPlace &place, const char *writing, const char *member)
+{
+   const int error = FileLockPlace_Rename(place, writing, member);
+
+   if (error != 0) {
+      Log("FILE: %s FileRename of '%s' to '%s' failed: %s\n", "FileLockCreateMemberFile",
+          FileLockPlace_Path(place, writing).get(), FileLockPlace_Path(place, member).get(), strerror(error));
    }
    return error;
 }
@@ -190,14 +211,10 @@ int FileLockChoose(FileLockAttempt *attempt, const char *path)
 int FileLockCreateMemberFile(FileLockAttempt *attempt)
 {
    const FileLockName writing = FileLockMember_Name(FILE_LOCK_WRITING, attempt->number);
-   const Owned<char> path = FileLockPlace_Path(attempt->place, writing.text);
-   const Owned<char> member = FileLockPlace_Path(attempt->place, attempt->name.text);
 
-   int error = FileLockChoose(attempt, path.get());
-   if (error == 0 && rename(path.get(), member.get()) == -1) {
-      error = errno;
-      Log("FILE: %s FileRename of '%s' to '%s' failed: %s\n", "FileLockCreateMemberFile", path.get(),
-          member.get(), strerror(error));
+   int error = FileLockChoose(attempt, writing.text);
+   if (error == 0) {
+      error = FileLockPublish(attempt->place, writing.text, attempt->name.text);
    }
    if (error != 0) {
       FileLockRemoveLockingFile(attempt->place, writing.text);
@@ -277,7 +294,7 @@ FileLockToken *FileLockIntrinsicPortable(const char *path, bool exclusive, uint3
    if (*error == 0) {
       return FileLockMakeToken(attempt, false);
    }
-   FileLockPlace_RemoveDirectory(attempt.place);
+   rmdir(attempt.place.directory.get());
    if (*error == EAGAIN) {
       *error = 0;
    }
@@ -297,10 +314,12 @@ int FileUnlockIntrinsic(FileLockToken *token)
 
    token->valid = false;
    if (memberPath != nullptr) {
-      FileLockPlace place;
-      place.directory.reset(Str_SafeAsprintf(nullptr, "%s%s", path.get(), FILE_LOCK_SUFFIX));
-      error = FileLockRemoveLockingFile(place, strrchr(memberPath.get(), '/') + 1);
-      FileLockPlace_RemoveDirectory(place);
+      if (unlink(memberPath.get()) == -1 && errno != ENOENT) {
+         error = FileLockReportRemoval(memberPath.get(), errno);
+      }
+      /* What is left of it is the path of the lock directory. */
+      *strrchr(memberPath.get(), '/') = '\0';
+      rmdir(memberPath.get());
    }
    memset(token, 0, sizeof *token);
    return error;

@@ -1,5 +1,3 @@
-#include "lib/file/file.h"
-#include "lib/file/fileEntries.h"
 #include "lib/file/fileLock.h"
 #include "lib/file/fileLockNumber.h"
 #include "lib/misc/util.h"
@@ -39,8 +37,7 @@ bool FileLockDescribeMember(const FileLockPlace &place, const char *name, FileLo
 {
    FileLockMember member;
 
-   const Owned<char> path = FileLockPlace_Path(place, name);
-   const FileLockReading reading = FileLockMember_Read(path.get(), &member);
+   const FileLockReading reading = FileLockMember_Read(place, name, &member);
    if (reading.step != FILE_LOCK_READ_DONE) {
       party->state = FILE_LOCK_UNREADABLE;
       return reading.step != FILE_LOCK_READ_VANISHED;
@@ -120,7 +117,7 @@ void FileLockFindHolders(std::span<FileLockParty> parties)
 int FileLock_List(const char *path, FileLockParty **parties)
 {
    FileLockPlace place;
-   FileEntries list;
+   FileLockNames list;
    FileLockEntry entry;
    uint32_t number;
    size_t found = 0;
@@ -130,13 +127,17 @@ int FileLock_List(const char *path, FileLockParty **parties)
    if (errno != 0) {
       return -1;
    }
-   if (!FileListEntries(place.directory.get(), &list)) {
+   errno = FileLockPlace_Open(&place);
+   if (errno != 0) {
       return errno == ENOENT ? 0 : -1;
+   }
+   errno = FileLockNames_Read(place.stream.get(), &list);
+   if (errno != 0) {
+      return -1;
    }
    Owned<FileLockParty> all(
        static_cast<FileLockParty *>(Util_SafeCalloc(list.count + 1, sizeof(FileLockParty))));
-   for (const FileEntry &listed : list.All()) {
-      const char *const name = listed.name;
+   for (const char *name = nullptr; (name = FileLockNames_Next(list, name)) != nullptr;) {
       FileLockParty party = {};
       FileLockCopy(party.name, name);
       /* A file that is being written has its owner's directory beside it. */

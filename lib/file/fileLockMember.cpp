@@ -1,5 +1,6 @@
 #include "lib/file/fileLockMember.h"
 
+#include "lib/file/fileLockPlace.h"
 #include "lib/public/owned.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
@@ -82,11 +83,8 @@ FileLockReading FileLockFailure(FileLockReadStep step, int error)
 }
 
 /* The content may be anyone's and anything. */
-void FileLockReportFields(const char *path, const FileLockMember &member)
+void FileLockReportFields(const char *path, const char *name, const FileLockMember &member)
 {
-   const char *const slash = strrchr(path, '/');
-   const char *const name = slash != nullptr ? slash + 1 : path;
-
    Log("FILE: %s '%s' contents are:\n", "FileLockMemberValues", path);
    for (size_t i = 0; i < std::min(member.fieldCount, FILE_LOCK_FIELDS_KEPT); i++) {
       const Owned<char> field(UnicodeEscapeBuffer(member.fields[i], -1, ENCODING_US_ASCII));
@@ -95,7 +93,8 @@ void FileLockReportFields(const char *path, const FileLockMember &member)
    }
 }
 
-void FileLockReport(const char *path, const FileLockReading &reading, const FileLockMember &member)
+void FileLockReport(const char *path, const char *name, const FileLockReading &reading,
+                    const FileLockMember &member)
 {
    static constexpr const char *tag = "FileLockMemberValues";
    const char *const reason = strerror(reading.error);
@@ -114,7 +113,7 @@ void FileLockReport(const char *path, const FileLockReading &reading, const File
       return Log("FILE: %s read length issue on '%s': %zd and %zd\n", tag, path, reading.length,
                  static_cast<ssize_t>(FILE_LOCK_RECORD_SIZE));
    default:
-      return FileLockReportFields(path, member);
+      return FileLockReportFields(path, name, member);
    }
 }
 
@@ -122,9 +121,12 @@ void FileLockReport(const char *path, const FileLockReading &reading, const File
 
 FileLockName FileLockMember_Name(FileLockEntry entry, uint32_t number)
 {
-   FileLockName name;
+   FileLockName name = {"?00000.lck"};
 
-   Str_Sprintf(name.text, sizeof name.text, "%c%05u%s", entry, number, FILE_LOCK_SUFFIX);
+   name.text[0] = entry;
+   for (size_t digit = DIGITS; digit > 0; digit--, number /= 10) {
+      name.text[digit] = static_cast<char>('0' + number % 10);
+   }
    return name;
 }
 
@@ -149,11 +151,12 @@ void FileLockMember_Compose(char record[FILE_LOCK_RECORD_SIZE], const FileLockId
                ticket, exclusive ? "X" : "S", static_cast<unsigned long long>(microseconds), checksum);
 }
 
-FileLockReading FileLockMember_Read(const char *path, FileLockMember *member)
+FileLockReading FileLockMember_Read(const FileLockPlace &place, const char *name, FileLockMember *member)
 {
    struct stat attributes;
 
-   const OwnedDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+   const OwnedDescriptor file(
+       openat(dirfd(place.stream.get()), name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
    if (file.get() == -1) {
       return FileLockFailure(FILE_LOCK_READ_OPEN, errno);
    }
@@ -179,13 +182,14 @@ bool FileLockMember_IsProblematic(const FileLockReading &reading)
    return reading.step >= FILE_LOCK_READ_OPEN;
 }
 
-FileLockReading FileLockMemberValues(const char *path, FileLockMember *member)
+FileLockReading FileLockMemberValues(const FileLockPlace &place, const char *name, FileLockMember *member)
 {
-   const FileLockReading reading = FileLockMember_Read(path, member);
+   const FileLockReading reading = FileLockMember_Read(place, name, member);
 
    if (FileLockMember_IsProblematic(reading)) {
-      FileLockReport(path, reading, *member);
-      Log("FILE: %s removing problematic lock file '%s'\n", "FileLockMemberValues", path);
+      const Owned<char> path = FileLockPlace_Path(place, name);
+      FileLockReport(path.get(), name, reading, *member);
+      Log("FILE: %s removing problematic lock file '%s'\n", "FileLockMemberValues", path.get());
    }
    return reading;
 }

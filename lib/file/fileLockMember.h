@@ -9,6 +9,8 @@
 
 /* The names in a lock directory and the record in a member file. */
 
+struct FileLockPlace;
+
 enum FileLockEntry : char {
    FILE_LOCK_ENTRY = 'D',   /* A directory: its owner holds the number, for a moment. */
    FILE_LOCK_WRITING = 'E', /* A member file being written: its owner chooses a ticket. */
@@ -17,11 +19,11 @@ enum FileLockEntry : char {
 
 constexpr char FILE_LOCK_SUFFIX[] = ".lck";
 
-/* Room for the longest number that the format can make of 32 bits. */
 struct FileLockName {
    char text[16];
 };
 
+/* The number has at most five digits. */
 [[nodiscard]] FileLockName FileLockMember_Name(FileLockEntry entry, uint32_t number);
 
 /* Whether name is one of these: a letter, five digits, and at its end the suffix. */
@@ -73,12 +75,15 @@ struct FileLockReading {
    ssize_t length = 0;
 };
 
-/* Reads the member file into *member, without a word and without following links or waiting for a pipe. */
-[[nodiscard]] FileLockReading FileLockMember_Read(const char *path, FileLockMember *member);
+/* Reads a member file of the lock directory into *member, without a word and without following links or waiting for a
+   pipe. */
+[[nodiscard]] FileLockReading FileLockMember_Read(const FileLockPlace &place, const char *name,
+                                                  FileLockMember *member);
 
 [[nodiscard]] bool FileLockMember_IsProblematic(const FileLockReading &reading);
 
 /* The same; a file that is at fault is reported, and said to be removed, which is left to the caller. */
-[[nodiscard]] FileLockReading FileLockMemberValues(const char *path, FileLockMember *member);
+[[nodiscard]] FileLockReading FileLockMemberValues(const FileLockPlace &place, const char *name,
+                                                   FileLockMember *member);
 
 #endif

@@ -1,15 +1,11 @@
 #include "lib/file/fileLockNumber.h"
 
-#include "lib/file/file.h"
-#include "lib/file/fileEntries.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
-#include "lib/unicode/unicodeSimpleOperations.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -37,14 +33,10 @@ Marker FileLockOwnMarker(const FileLockPlace &place, bool exclusive)
    return marker;
 }
 
-Owned<char> FileLockMarkerPath(const char *directory, const char *name)
+/* Of a marker, from the lock directory. */
+Owned<char> FileLockMarkerPath(const FileLockName &entry, const char *name)
 {
-   return Owned<char>(Unicode_Join(directory, "/", name, nullptr));
-}
-
-Owned<char> FileLockEntryDirectory(const FileLockPlace &place, uint32_t number)
-{
-   return FileLockPlace_Path(place, FileLockMember_Name(FILE_LOCK_ENTRY, number).text);
+   return Owned<char>(Str_SafeAsprintf(nullptr, "%s/%s", entry.text, name));
 }
 
 /* The text up to the first dot, which goes with it; all of it if there is none. */
@@ -88,22 +80,29 @@ FileLockHolder FileLockParseMarker(const FileLockPlace &place, std::string_view 
    return holder;
 }
 
+int FileLockListMarkers(const FileLockPlace &place, const FileLockName &entry, FileLockNames *markers)
+{
+   const OwnedDirectory stream = FileLockPlace_OpenDirectory(place, entry.text);
+   return stream != nullptr ? FileLockNames_Read(stream.get(), markers) : errno;
+}
+
 /* Of all who left a marker, but for one that has the name own, the one that counts most; exclusive if any of those who may
    go on is. */
-int FileLockSurvey(const FileLockPlace &place, const char *directory, std::string_view own,
+int FileLockSurvey(const FileLockPlace &place, const FileLockName &entry, std::string_view own,
                    FileLockHolder *result)
 {
-   FileEntries markers;
+   FileLockNames markers;
 
    *result = {};
-   if (!FileListEntries(directory, &markers)) {
-      return errno;
+   const int error = FileLockListMarkers(place, entry, &markers);
+   if (error != 0) {
+      return error;
    }
-   for (const FileEntry &marker : markers.All()) {
-      if (marker.name == own) {
+   for (const char *name = nullptr; (name = FileLockNames_Next(markers, name)) != nullptr;) {
+      if (name == own) {
          continue;
       }
-      FileLockHolder holder = FileLockParseMarker(place, marker.name);
+      FileLockHolder holder = FileLockParseMarker(place, name);
       const bool bothGoOn = result->owner > FILE_LOCK_ENDED && holder.owner > FILE_LOCK_ENDED;
       const bool exclusive = holder.exclusive || (bothGoOn && result->exclusive);
       if (holder.owner > result->owner) {
@@ -116,49 +115,50 @@ int FileLockSurvey(const FileLockPlace &place, const char *directory, std::strin
    return 0;
 }
 
-void FileLockRemoveEntryDirectory(const char *directory)
+void FileLockReportStuck(const FileLockPlace &place, const char *name, int error)
 {
-   const int error = FileRemoveDirectory(directory);
+   Log("FILE: %s unable to remove '%s': %s\n", TAG, FileLockPlace_Path(place, name).get(), strerror(error));
+}
+
+void FileLockRemoveEntryDirectory(const FileLockPlace &place, const FileLockName &entry)
+{
+   const int error = FileLockPlace_Remove(place, entry.text, true);
 
    /* Not empty: another process, which is about to withdraw, has a marker in it and will remove it. */
    if (error != 0 && error != ENOENT && error != ENOTEMPTY && error != EEXIST) {
-      Log("FILE: %s unable to remove '%s': %s\n", TAG, directory, strerror(error));
+      FileLockReportStuck(place, entry.text, error);
    }
 }
 
-void FileLockWithdraw(const char *directory, const Marker &own)
+void FileLockWithdraw(const FileLockPlace &place, const FileLockName &entry, const Marker &own)
 {
-   const Owned<char> path = FileLockMarkerPath(directory, own.name);
-   const int error = FileDeletion(path.get(), false);
+   const Owned<char> marker = FileLockMarkerPath(entry, own.name);
+   const int error = FileLockPlace_Remove(place, marker.get(), false);
 
    if (error != 0 && error != ENOENT) {
-      Log("FILE: %s unable to remove '%s': %s\n", TAG, path.get(), strerror(error));
+      FileLockReportStuck(place, marker.get(), error);
       return;
    }
-   FileLockRemoveEntryDirectory(directory);
+   FileLockRemoveEntryDirectory(place, entry);
 }
 
 /* Holds the number by its entry directory, which somebody has made, unless there is a marker of a stronger owner than
    allowed. EEXIST, ENOENT: it cannot be had. No marker is left then. */
-int FileLockClaim(const FileLockPlace &place, const char *directory, const Marker &own, FileLockOwner allowed)
+int FileLockClaim(const FileLockPlace &place, const FileLockName &entry, const Marker &own,
+                  FileLockOwner allowed)
 {
    FileLockHolder other;
-   int fd;
 
-   const Owned<char> path = FileLockMarkerPath(directory, own.name);
-   {
-      const ClearedMask cleared;
-      fd = open(path.get(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-   }
+   const int fd = FileLockPlace_CreateFile(place, FileLockMarkerPath(entry, own.name).get());
    if (fd == -1) {
       return errno;
    }
    close(fd);
-   const int error = FileLockSurvey(place, directory, own.name, &other);
+   const int error = FileLockSurvey(place, entry, own.name, &other);
    if (error == 0 && other.owner <= allowed) {
       return 0;
    }
-   FileLockWithdraw(directory, own);
+   FileLockWithdraw(place, entry, own);
    return error != 0 ? error : EEXIST;
 }
 
@@ -176,8 +176,7 @@ bool FileLockIsOver(const FileLockPlace &place, const char *name)
 {
    FileLockMember member;
 
-   const Owned<char> path = FileLockPlace_Path(place, name);
-   const FileLockReading reading = FileLockMember_Read(path.get(), &member);
+   const FileLockReading reading = FileLockMember_Read(place, name, &member);
    if (reading.step != FILE_LOCK_READ_DONE) {
       return FileLockMember_IsProblematic(reading);
    }
@@ -185,17 +184,17 @@ bool FileLockIsOver(const FileLockPlace &place, const char *name)
           !FileLockValidExecutionID(member.execution);
 }
 
-void FileLockRemoveEndedMarkers(const FileLockPlace &place, const char *directory)
+/* What cannot be removed stays until somebody else meets it. */
+void FileLockRemoveEndedMarkers(const FileLockPlace &place, const FileLockName &entry)
 {
-   FileEntries markers;
+   FileLockNames markers;
 
-   if (!FileListEntries(directory, &markers)) {
-      return; /* They stay until somebody else meets them. */
+   if (FileLockListMarkers(place, entry, &markers) != 0) {
+      return;
    }
-   for (const FileEntry &marker : markers.All()) {
-      if (FileLockParseMarker(place, marker.name).owner == FILE_LOCK_ENDED) {
-         const Owned<char> path = FileLockMarkerPath(directory, marker.name);
-         unlink(path.get());
+   for (const char *name = nullptr; (name = FileLockNames_Next(markers, name)) != nullptr;) {
+      if (FileLockParseMarker(place, name).owner == FILE_LOCK_ENDED) {
+         static_cast<void>(FileLockPlace_Remove(place, FileLockMarkerPath(entry, name).get(), false));
       }
    }
 }
@@ -206,8 +205,7 @@ FileLockHolder FileLockNumber_Holder(const FileLockPlace &place, uint32_t number
 {
    FileLockHolder holder;
 
-   const Owned<char> directory = FileLockEntryDirectory(place, number);
-   const int error = FileLockSurvey(place, directory.get(), "", &holder);
+   const int error = FileLockSurvey(place, FileLockMember_Name(FILE_LOCK_ENTRY, number), "", &holder);
    if (error != 0 && error != ENOENT) {
       holder.owner = FILE_LOCK_REMOTE;
    }
@@ -245,9 +243,9 @@ int FileLockCheckUnused(const FileLockPlace &place, uint32_t number)
 int FileLockNumber_Take(const FileLockPlace &place, uint32_t number, bool exclusive, bool *creation)
 {
    const Marker own = FileLockOwnMarker(place, exclusive);
-   const Owned<char> directory = FileLockEntryDirectory(place, number);
+   const FileLockName entry = FileLockMember_Name(FILE_LOCK_ENTRY, number);
 
-   int error = FileLockPlace_MakeDirectory(directory.get());
+   int error = FileLockPlace_MakeDirectory(place, entry.text);
    *creation = error != 0;
    if (error == EEXIST) {
       FileLockClearWay(place, number);
@@ -255,14 +253,14 @@ int FileLockNumber_Take(const FileLockPlace &place, uint32_t number, bool exclus
    if (error != 0) {
       return error;
    }
-   error = FileLockClaim(place, directory.get(), own, FILE_LOCK_NOBODY);
+   error = FileLockClaim(place, entry, own, FILE_LOCK_NOBODY);
    if (error != 0) {
-      FileLockRemoveEntryDirectory(directory.get());
+      FileLockRemoveEntryDirectory(place, entry);
       return error;
    }
    error = FileLockCheckUnused(place, number);
    if (error != 0) {
-      FileLockWithdraw(directory.get(), own);
+      FileLockWithdraw(place, entry, own);
    }
    if (error == EEXIST) {
       FileLockClearWay(place, number);
@@ -272,28 +270,27 @@ int FileLockNumber_Take(const FileLockPlace &place, uint32_t number, bool exclus
 
 void FileLockNumber_Release(const FileLockPlace &place, uint32_t number, bool exclusive)
 {
-   const Owned<char> directory = FileLockEntryDirectory(place, number);
-   FileLockWithdraw(directory.get(), FileLockOwnMarker(place, exclusive));
+   FileLockWithdraw(place, FileLockMember_Name(FILE_LOCK_ENTRY, number), FileLockOwnMarker(place, exclusive));
 }
 
 void FileLockNumber_Reclaim(const FileLockPlace &place, uint32_t number, const char *name)
 {
    const int savedErrno = errno;
    const Marker own = FileLockOwnMarker(place, true);
-   const Owned<char> directory = FileLockEntryDirectory(place, number);
+   const FileLockName entry = FileLockMember_Name(FILE_LOCK_ENTRY, number);
 
-   const int made = FileLockPlace_MakeDirectory(directory.get());
-   if ((made == 0 || made == EEXIST) && FileLockClaim(place, directory.get(), own, FILE_LOCK_ENDED) == 0) {
+   const int made = FileLockPlace_MakeDirectory(place, entry.text);
+   if ((made == 0 || made == EEXIST) && FileLockClaim(place, entry, own, FILE_LOCK_ENDED) == 0) {
       /* While En is there, so must be a marker of its maker, or nobody could tell that it is of no account. */
       if (FileLockRemoveLockingFile(place, FileLockMember_Name(FILE_LOCK_WRITING, number).text) == 0) {
-         FileLockRemoveEndedMarkers(place, directory.get());
+         FileLockRemoveEndedMarkers(place, entry);
       }
       if (FileLockIsOver(place, name)) {
          FileLockRemoveLockingFile(place, name);
       }
-      FileLockWithdraw(directory.get(), own);
+      FileLockWithdraw(place, entry, own);
    } else if (made == 0) {
-      FileLockRemoveEntryDirectory(directory.get());
+      FileLockRemoveEntryDirectory(place, entry);
    }
    errno = savedErrno;
 }

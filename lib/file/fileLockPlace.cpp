@@ -1,6 +1,5 @@
 #include "lib/file/fileLockPlace.h"
 
-#include "lib/file/file.h"
 #include "lib/misc/util.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
@@ -8,7 +7,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <string_view>
+#include <unistd.h>
 
 namespace {
 
@@ -62,33 +63,71 @@ Owned<char> FileLockPlace_Path(const FileLockPlace &place, const char *name)
    return Owned<char>(Unicode_Join(place.directory.get(), "/", name, nullptr));
 }
 
-int FileLockPlace_MakeDirectory(const char *path)
+int FileLockPlace_Open(FileLockPlace *place)
+{
+   place->stream.reset(opendir(place->directory.get()));
+   return place->stream != nullptr ? 0 : errno;
+}
+
+int FileLockPlace_Make(const FileLockPlace &place)
 {
    const ClearedMask cleared;
-   return mkdir(path, 0777) == 0 ? 0 : errno;
+   return mkdir(place.directory.get(), 0777) == 0 ? 0 : errno;
+}
+
+int FileLockPlace_MakeDirectory(const FileLockPlace &place, const char *name)
+{
+   const ClearedMask cleared;
+   return mkdirat(dirfd(place.stream.get()), name, 0777) == 0 ? 0 : errno;
+}
+
+int FileLockPlace_CreateFile(const FileLockPlace &place, const char *name)
+{
+   const ClearedMask cleared;
+   return openat(dirfd(place.stream.get()), name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+}
+
+int FileLockPlace_Rename(const FileLockPlace &place, const char *from, const char *to)
+{
+   const int folder = dirfd(place.stream.get());
+   return renameat(folder, from, folder, to) == 0 ? 0 : errno;
+}
+
+OwnedDirectory FileLockPlace_OpenDirectory(const FileLockPlace &place, const char *name)
+{
+   OwnedDescriptor descriptor(
+       openat(dirfd(place.stream.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+   if (descriptor.get() == -1) {
+      return nullptr;
+   }
+   OwnedDirectory stream(fdopendir(descriptor.get()));
+   if (stream != nullptr) {
+      /* The stream's now. */
+      static_cast<void>(descriptor.release());
+   }
+   return stream;
 }
 
 int FileLockPlace_Status(const FileLockPlace &place, const char *name, struct stat *status)
 {
-   const Owned<char> path = FileLockPlace_Path(place, name);
-   return lstat(path.get(), status) == 0 ? 0 : errno;
+   return fstatat(dirfd(place.stream.get()), name, status, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
 }
 
-void FileLockPlace_RemoveDirectory(const FileLockPlace &place)
+int FileLockPlace_Remove(const FileLockPlace &place, const char *name, bool isDirectory)
 {
-   const int savedErrno = errno;
-   rmdir(place.directory.get());
-   errno = savedErrno;
+   return unlinkat(dirfd(place.stream.get()), name, isDirectory ? AT_REMOVEDIR : 0) == 0 ? 0 : errno;
 }
 
 int FileLockRemoveLockingFile(const FileLockPlace &place, const char *name)
 {
-   const Owned<char> path = FileLockPlace_Path(place, name);
-   const int error = FileDeletion(path.get(), false);
+   const int error = FileLockPlace_Remove(place, name, false);
 
-   if (error == 0 || error == ENOENT) {
-      return 0;
-   }
-   Log("FILE: %s of '%s' failed: %s\n", "FileLockRemoveLockingFile", path.get(), strerror(error));
+   return error == 0 || error == ENOENT ? 0
+                                        : FileLockReportRemoval(FileLockPlace_Path(place, name).get(), error);
+}
+
+int FileLockReportRemoval(const char *path, int error)
+{
+   Log("FILE: %s of '%s' failed: %s\n", "FileLockRemoveLockingFile", path, strerror(error));
    return error;
 }

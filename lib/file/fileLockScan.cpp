@@ -1,7 +1,5 @@
 #include "lib/file/fileLockScan.h"
 
-#include "lib/file/file.h"
-#include "lib/file/fileEntries.h"
 #include "lib/file/fileLockNumber.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
@@ -36,9 +34,6 @@ int FileLockScanner(const FileLockPlace &place, const char *name, uint32_t numbe
    case FILE_LOCK_FOREIGN:
       FileLockReportDiscarded(place, name, "lock file has been moved.");
       return 0;
-   case FILE_LOCK_HOPELESS:
-      FileLockNumber_Reclaim(place, number, name);
-      return 0;
    case FILE_LOCK_UNKNOWN:
       return error;
    default:
@@ -59,9 +54,15 @@ void FileLockReportInvalidName(const FileLockPlace &place, const char *name)
 FileLockStanding FileLockScan_Standing(const FileLockPlace &place, const char *name, FileLockMember *member,
                                        int *error)
 {
-   const Owned<char> path = FileLockPlace_Path(place, name);
-   const FileLockReading reading = FileLockMemberValues(path.get(), member);
+   FileLockReading reading = FileLockMemberValues(place, name, member);
+   FileLockEntry entry;
+   uint32_t number;
 
+   if (FileLockMember_IsProblematic(reading) && FileLockMember_ParseName(name, &entry, &number)) {
+      FileLockNumber_Reclaim(place, number, name);
+      /* If it was not the file that failed but the reading, its owner may hold the lock. */
+      reading = FileLockMember_Read(place, name, member);
+   }
    if (FileLockMember_IsProblematic(reading)) {
       return FILE_LOCK_HOPELESS;
    }
@@ -83,14 +84,14 @@ int FileLockScanDirectory(const FileLockPlace &place, const char *own, FileLockS
                           void *context)
 {
    FileLockEntry entry;
-   FileEntries list;
+   FileLockNames list;
    uint32_t number;
 
-   if (!FileListEntries(place.directory.get(), &list)) {
-      return errno;
+   int error = FileLockNames_Read(place.stream.get(), &list);
+   if (error != 0) {
+      return error;
    }
-   for (const FileEntry &found : list.All()) {
-      const char *const name = found.name;
+   for (const char *name = nullptr; (name = FileLockNames_Next(list, name)) != nullptr;) {
       if (!FileLockMember_ParseName(name, &entry, &number)) {
          FileLockReportInvalidName(place, name);
          continue;
@@ -98,7 +99,7 @@ int FileLockScanDirectory(const FileLockPlace &place, const char *own, FileLockS
       if (entry != FILE_LOCK_MEMBER || (own != nullptr && name == std::string_view(own))) {
          continue;
       }
-      const int error = FileLockScanner(place, name, number, action, context);
+      error = FileLockScanner(place, name, number, action, context);
       if (error != 0) {
          return error;
       }

@@ -10,11 +10,12 @@ enum FileLockStanding {
    FILE_LOCK_GONE,
    FILE_LOCK_OVER,     /* Of a process of this machine that has ended. */
    FILE_LOCK_FOREIGN,  /* Of a lock in another place. */
-   FILE_LOCK_HOPELESS, /* Not readable, which has been reported. */
+   FILE_LOCK_HOPELESS, /* Not readable, and not to be removed, which has been reported. */
    FILE_LOCK_UNKNOWN,  /* It could not be looked at. */
 };
 
-/* Reads a member file, and says what the ticket is worth. *error is set for FILE_LOCK_UNKNOWN. */
+/* Reads a member file, and says what the ticket is worth. One that cannot be read is reported and removed. *error is set
+   for FILE_LOCK_UNKNOWN. */
 [[nodiscard]] FileLockStanding FileLockScan_Standing(const FileLockPlace &place, const char *name,
                                                      FileLockMember *member, int *error);
 

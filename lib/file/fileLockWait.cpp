@@ -1,7 +1,5 @@
 #include "lib/file/fileLockWait.h"
 
-#include "lib/file/file.h"
-#include "lib/file/fileEntries.h"
 #include "lib/file/fileLockNumber.h"
 #include "lib/file/fileLockScan.h"
 #include "lib/public/program.h"
@@ -90,8 +88,6 @@ bool FileLockIsStillThere(const FileLockPlace &place, const char *name, FileLock
    case FILE_LOCK_OVER:
       Log("FILE: %s discarding file '%s'; invalid executionID.\n", TAG,
           FileLockPlace_Path(place, name).get());
-      [[fallthrough]];
-   case FILE_LOCK_HOPELESS:
       FileLockDiscard(place, name);
       return false;
    default:
@@ -215,14 +211,14 @@ bool FileLockWait_Pause(const FileLockAttempt &attempt, uint32_t ms)
 int FileLockWait_ForChoosers(const FileLockAttempt &attempt)
 {
    FileLockEntry entry;
-   FileEntries list;
+   FileLockNames list;
    uint32_t number;
 
-   if (!FileListEntries(attempt.place.directory.get(), &list)) {
-      return errno;
+   int error = FileLockNames_Read(attempt.place.stream.get(), &list);
+   if (error != 0) {
+      return error;
    }
-   for (const FileEntry &found : list.All()) {
-      const char *const name = found.name;
+   for (const char *name = nullptr; (name = FileLockNames_Next(list, name)) != nullptr;) {
       if (!FileLockMember_ParseName(name, &entry, &number) || entry == FILE_LOCK_MEMBER) {
          continue;
       }
@@ -231,7 +227,7 @@ int FileLockWait_ForChoosers(const FileLockAttempt &attempt)
          FileLockIsSettled(attempt, name, number, FileLockNumber_Holder(attempt.place, number));
          continue;
       }
-      const int error = FileLockWaitForChooser(attempt, name, number);
+      error = FileLockWaitForChooser(attempt, name, number);
       if (error != 0) {
          return error;
       }

@@ -1,140 +1,77 @@
 #include "tests/support/lockFaults.h"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
-LockFaults::Before sBefore;
-int sCount;
-std::string sMachine;
-uint32_t sNumbers;
-unsigned sHaste = 1;
-
 /* False: the call is to fail, with errno set. */
-bool Pass(const char *call)
+bool Pass()
 {
-   if (!sBefore) {
-      return true;
-   }
-   /* What the routine does goes straight through. */
-   const LockFaults::Before before = std::move(sBefore);
-   sBefore = nullptr;
-   const int error = before(++sCount, call);
-   sBefore = before;
+   static int calls;
+   const auto before = std::exchange(LockFaults::before, nullptr);
+   const int error = before ? before(++calls) : 0;
+
+   LockFaults::before = before;
    errno = error != 0 ? error : errno;
    return error == 0;
 }
 
 } // namespace
 
-LockFaults::LockFaults(Before before)
-{
-   sCount = 0;
-   sBefore = std::move(before);
-}
-
-LockFaults::~LockFaults()
-{
-   sBefore = nullptr;
-}
-
-int LockFaults::Count()
-{
-   return sCount;
-}
-
-void LockFaults::SetMachine(const std::string &machine)
-{
-   sMachine = machine;
-}
-
-void LockFaults::SetNumbers(uint32_t count)
-{
-   sNumbers = count;
-}
-
-void LockFaults::SetHaste(unsigned factor)
-{
-   sHaste = factor;
-}
-
 /* The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
 
-#define WRAPPED(type, name, parameters, arguments, failure)                                                  \
+#define WRAPPED(type, name, parameters, arguments, result)                                                   \
    extern "C" type __real_##name parameters;                                                                 \
    extern "C" type __wrap_##name parameters;                                                                 \
    type __wrap_##name parameters                                                                             \
    {                                                                                                         \
-      return Pass(#name) ? __real_##name arguments : (failure);                                              \
+      const auto real = [&] { return __real_##name arguments; };                                             \
+      return result;                                                                                         \
    }
 
-WRAPPED(int, mkdir, (const char *path, mode_t mode), (path, mode), -1)
-WRAPPED(int, rmdir, (const char *path), (path), -1)
-WRAPPED(int, unlink, (const char *path), (path), -1)
-WRAPPED(int, rename, (const char *from, const char *to), (from, to), -1)
-WRAPPED(int, stat, (const char *path, struct stat *status), (path, status), -1)
-WRAPPED(int, lstat, (const char *path, struct stat *status), (path, status), -1)
-WRAPPED(int, fstat, (int fd, struct stat *status), (fd, status), -1)
-WRAPPED(ssize_t, read, (int fd, void *buffer, size_t size), (fd, buffer, size), -1)
-WRAPPED(ssize_t, write, (int fd, const void *buffer, size_t size), (fd, buffer, size), -1)
-WRAPPED(DIR *, opendir, (const char *path), (path), nullptr)
-WRAPPED(struct dirent *, readdir, (DIR * stream), (stream), nullptr)
+#define CALL(type, name, parameters, arguments)                                                              \
+   WRAPPED(type, name, parameters, arguments, Pass() ? real() : static_cast<type>(-1))
 
-extern "C" int __real_open(const char *path, int flags, ...);
-extern "C" int __wrap_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, ...)
-{
-   va_list args;
-
-   va_start(args, flags);
-   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
-   va_end(args);
-   return Pass("open") ? __real_open(path, flags, mode) : -1;
-}
+CALL(int, mkdir, (const char *path, mode_t mode), (path, mode))
+CALL(int, mkdirat, (int folder, const char *name, mode_t mode), (folder, name, mode))
+CALL(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
+CALL(int, openat, (int folder, const char *name, int flags, mode_t mode), (folder, name, flags, mode))
+CALL(int, renameat, (int a, const char *from, int b, const char *to), (a, from, b, to))
+CALL(int, rmdir, (const char *path), (path))
+CALL(int, unlink, (const char *path), (path))
+CALL(int, unlinkat, (int folder, const char *name, int flags), (folder, name, flags))
+CALL(int, stat, (const char *path, struct stat *status), (path, status))
+CALL(int, fstat, (int fd, struct stat *status), (fd, status))
+CALL(int, fstatat, (int folder, const char *name, struct stat *to, int flags), (folder, name, to, flags))
+CALL(ssize_t, read, (int fd, void *buffer, size_t size), (fd, buffer, size))
+CALL(ssize_t, write, (int fd, const void *buffer, size_t size), (fd, buffer, size))
+WRAPPED(DIR *, opendir, (const char *path), (path), Pass() ? real() : nullptr)
+WRAPPED(DIR *, fdopendir, (int fd), (fd), Pass() ? real() : nullptr)
+WRAPPED(struct dirent *, readdir, (DIR * stream), (stream), Pass() ? real() : nullptr)
 
 /* The descriptor is gone even if closing it tells of an error. */
-extern "C" int __real_close(int fd);
-extern "C" int __wrap_close(int fd);
-int __wrap_close(int fd)
-{
-   const int error = Pass("close") ? 0 : errno;
-   const int result = __real_close(fd);
-   errno = error != 0 ? error : errno;
-   return error != 0 ? -1 : result;
-}
+WRAPPED(int, close, (int fd), (fd), Pass() ? real() : (real(), -1))
+
+/* Only what asks for a number of a lock asks for one of so many. */
+WRAPPED(uint32_t, arc4random_uniform, (uint32_t bound),
+        (bound == 65536 && LockFaults::numbers != 0 ? LockFaults::numbers : bound), real())
 
 extern "C" int __real_nanosleep(const struct timespec *request, struct timespec *remaining);
 extern "C" int __wrap_nanosleep(const struct timespec *request, struct timespec *remaining);
 int __wrap_nanosleep(const struct timespec *request, struct timespec *remaining)
 {
-   const struct timespec shorter = {.tv_sec = 0, .tv_nsec = request->tv_nsec / static_cast<long>(sHaste)};
-   return __real_nanosleep(sHaste == 1 ? request : &shorter, remaining);
-}
-
-extern "C" uint32_t __real_arc4random_uniform(uint32_t bound);
-extern "C" uint32_t __wrap_arc4random_uniform(uint32_t bound);
-uint32_t __wrap_arc4random_uniform(uint32_t bound)
-{
-   return __real_arc4random_uniform(bound == 65536 && sNumbers != 0 ? sNumbers : bound);
+   const struct timespec shorter = {.tv_sec = 0, .tv_nsec = request->tv_nsec / LockFaults::haste};
+   return __real_nanosleep(LockFaults::haste == 1 ? request : &shorter, remaining);
 }
 
 /* ProcessIdentity_MachineIdentifier(char *, size_t) */
-extern "C" bool __real__Z33ProcessIdentity_MachineIdentifierPcm(char *buffer, size_t size);
-extern "C" bool __wrap__Z33ProcessIdentity_MachineIdentifierPcm(char *buffer, size_t size);
-bool __wrap__Z33ProcessIdentity_MachineIdentifierPcm(char *buffer, size_t size)
-{
-   if (sMachine.empty()) {
-      return __real__Z33ProcessIdentity_MachineIdentifierPcm(buffer, size);
-   }
-   memcpy(buffer, sMachine.c_str(), sMachine.size() + 1);
-   return true;
-}
+WRAPPED(bool, _Z33ProcessIdentity_MachineIdentifierPcm, (char *buffer, size_t size), (buffer, size),
+        LockFaults::machine.empty() ? real() : stpcpy(buffer, LockFaults::machine.c_str()) != nullptr)
 /* NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */

@@ -5,30 +5,22 @@
 #include <functional>
 #include <string>
 
-/* Stands between the locks and the system in a test that links lock-faults: acts before, or fails, a call that the test
-   chooses, and bends what is otherwise too rare or too slow to be tested. */
-class LockFaults {
- public:
-   /* Before each call on the file system from now on, with its number (from 1) and name: the error to fail it with, or
-      0 to let it through. Calls that the routine itself makes are not counted. */
-   using Before = std::function<int(int number, const char *call)>;
+/* Stands between the locks and the system in a test that links lock-faults. For this process: */
+namespace LockFaults {
 
-   explicit LockFaults(Before before);
-   ~LockFaults();
-   LockFaults(const LockFaults &) = delete;
-   LockFaults &operator=(const LockFaults &) = delete;
+/* Called, unless empty, before each call on the file system with its number from 1: the error to fail it with, or 0. What
+   this does itself goes straight through. */
+inline std::function<int(int step)> before;
 
-   /* The calls so far. */
-   [[nodiscard]] static int Count();
+/* The machine it takes itself to be on, if it has not asked yet; empty: the real one. */
+inline std::string machine;
 
-   /* The machine that this process takes itself to be on from now on, if it has not asked yet; empty: the real one. */
-   static void SetMachine(const std::string &machine);
+/* Numbers are drawn from so many; 0: from all. */
+inline uint32_t numbers;
 
-   /* Numbers are drawn from so many. */
-   static void SetNumbers(uint32_t count);
+/* Sleep is so many times shorter. */
+inline unsigned haste = 1;
 
-   /* Sleep is so many times shorter. */
-   static void SetHaste(unsigned factor);
-};
+} // namespace LockFaults
 
 #endif
