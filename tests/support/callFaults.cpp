@@ -30,27 +30,33 @@ struct CallArguments {
 };
 
 struct CallRow {
+   long (*real)(long); /* First: it is gone to from there. */
    const char *name;
    Failing failing;
    int stream;
    std::array<int, 3> errors;
-   long (*real)(long);
    size_t index;
 };
 
 #define CALL(name, failing, stream, ...)                                                                     \
    long __real_##name(long);                                                                                 \
-   CallRow callRow_##name = {#name, Failing::failing, stream, {__VA_ARGS__}, __real_##name, 0};
+   CallRow callRow_##name = {__real_##name, #name, Failing::failing, stream, {__VA_ARGS__}, 0};
 #define SAFE(name, reason)
 #include "tests/support/calls.inc"
 #undef CALL
 
 void *CallEnter(const CallRow *row, CallArguments *arguments);
 
+/* Of this process, and inherited by those it forks; null: nothing is watched. */
+extern CallWatch::Record *callArmed;
+
 /* Of any signature: the registers that carry arguments are put aside, and taken back before the real function is gone
-   to as if it had been called at once. */
+   to as if it had been called at once. Where nothing is watched nothing else is called: a sanitizer's own
+   calls come through here, too, before compiled code can be run under it. */
 asm(".text\n"
     "callEnter:\n"
+    "  cmpq $0, callArmed(%rip)\n  jne 2f\n  jmp *(%r11)\n"
+    "2:\n"
     "  pushq %rax\n  pushq %rdi\n  pushq %rsi\n  pushq %rdx\n  pushq %rcx\n  pushq %r8\n  pushq %r9\n"
     "  movq %r11, %rdi\n  movq %rsp, %rsi\n  call CallEnter@PLT\n  movq %rax, %r11\n"
     "  popq %r9\n  popq %r8\n  popq %rcx\n  popq %rdx\n  popq %rsi\n  popq %rdi\n  popq %rax\n"
@@ -90,9 +96,6 @@ struct CallWatch::Record {
 };
 
 namespace {
-
-/* Of this process, and inherited by those it forks. */
-CallWatch::Record *sArmed = nullptr;
 
 void MarkStream(const CallRow *row, const CallArguments *arguments)
 {
@@ -153,15 +156,12 @@ void *CallArmed(CallWatch::Record *record, const CallRow *row, CallArguments *ar
 
 } // namespace
 
-/* What to go to; null: the call is over, and the result is among the arguments. Where a sanitizer is linked in, its own
-   calls come through here too, before it can stand being looked at by itself. */
-__attribute__((no_sanitize("address", "undefined", "thread"))) void *CallEnter(const CallRow *row,
-                                                                               CallArguments *arguments)
+CallWatch::Record *callArmed = nullptr;
+
+/* What to go to; null: the call is over, and the result is among the arguments. */
+void *CallEnter(const CallRow *row, CallArguments *arguments)
 {
-   if (sArmed == nullptr) {
-      return reinterpret_cast<void *>(row->real);
-   }
-   return CallArmed(sArmed, row, arguments);
+   return CallArmed(callArmed, row, arguments);
 }
 
 CallWatch::CallWatch(const CallFault &fault)
@@ -186,12 +186,12 @@ CallWatch::~CallWatch()
 
 void CallWatch::Arm()
 {
-   sArmed = record_;
+   callArmed = record_;
 }
 
 void CallWatch::Disarm()
 {
-   sArmed = nullptr;
+   callArmed = nullptr;
 }
 
 /* What is done at the end of a process, like writing the counters of a coverage run, goes undisturbed. */
