@@ -334,7 +334,7 @@ class CallFaults : public testing::TestWithParam<Operation> {
       EXPECT_EQ(0, report_->bytes) << "leaked";
       EXPECT_EQ(0, report_->descriptors) << "left open";
       /* What cannot be removed stays. */
-      const bool stays = fault.call == "unlink" || fault.call == "rmdir";
+      const bool stays = fault.call == "unlink" || fault.call == "unlinkat" || fault.call == "rmdir";
       if (succeeded) {
          EXPECT_TRUE(state == after || stays) << "success without the work done";
       } else if ((GetParam().promises & PARTLY) == 0 && !stays) {

@@ -79,30 +79,49 @@ FolderStack::~FolderStack()
    DynBuf_Destroy(&path);
 }
 
-/* Lists the folder, whose path the stack has already, and makes it the deepest. 0, or the error, and then nothing but
-   the path has changed. */
+bool FileIsShortOfDescriptors(int error)
+{
+   return error == EMFILE || error == ENFILE;
+}
+
+/* Closes the folder and all above it, to which there is a way back. False if none of them was open. */
+bool FileLetGo(Folder *folder)
+{
+   bool any = false;
+
+   for (; folder != nullptr; folder = folder->parent) {
+      any = any || folder->descriptor.get() != -1;
+      folder->descriptor.reset();
+   }
+   return any;
+}
+
+/* Lists the folder, whose path the stack has already, and makes it the deepest; one that cannot be listed has no entries,
+   and an error. 0, or the error, and then nothing but the path has changed. */
 int FilePushFolder(FolderStack *stack, OwnedDescriptor descriptor)
 {
    struct stat attributes;
    const int fd = descriptor.get();
+   Folder *const parent = stack->deepest;
 
    if (fstat(fd, &attributes) == -1) {
       return errno;
    }
-   stack->deepest = new (Util_SafeMalloc(sizeof(Folder))) Folder{.parent = stack->deepest,
-                                                                 .descriptor = std::move(descriptor),
-                                                                 .device = attributes.st_dev,
-                                                                 .inode = attributes.st_ino,
-                                                                 .pathLength = stack->path.size,
-                                                                 .list = {},
-                                                                 .taken = 0,
-                                                                 .error = 0};
-   if (FileListOpened(fd, stack->path.data, &stack->deepest->list)) {
-      return 0;
+   auto *const folder = new (Util_SafeMalloc(sizeof(Folder))) Folder{.parent = parent,
+                                                                     .descriptor = std::move(descriptor),
+                                                                     .device = attributes.st_dev,
+                                                                     .inode = attributes.st_ino,
+                                                                     .pathLength = stack->path.size,
+                                                                     .list = {},
+                                                                     .taken = 0,
+                                                                     .error = 0};
+   stack->deepest = folder;
+   bool listed = FileListOpened(fd, stack->path.data, &folder->list);
+   if (!listed && FileIsShortOfDescriptors(errno) && FileLetGo(parent)) {
+      listed = FileListOpened(fd, stack->path.data, &folder->list);
    }
-   const int error = errno;
-   FilePopFolder(stack);
-   return error;
+   folder->error = listed ? 0 : errno;
+   return 0;
 }
 
 /* Makes room for the descriptor of a folder further down. */
@@ -125,6 +144,9 @@ int FileEnterFolder(FolderStack *stack, const char *name)
 
    FileLetGoFarthest(parent);
    OwnedDescriptor descriptor(openat(parent->descriptor.get(), name, OPEN_FOLDER | O_NOFOLLOW));
+   if (descriptor.get() == -1 && FileIsShortOfDescriptors(errno) && FileLetGo(parent->parent)) {
+      descriptor.reset(openat(parent->descriptor.get(), name, OPEN_FOLDER | O_NOFOLLOW));
+   }
    if (descriptor.get() == -1) {
       return errno == ENOENT ? 0 : errno;
    }

@@ -24,12 +24,12 @@ struct WalkDirContext;
    somebody else's might have, is refused with EINVAL. What is moved or mounted into the tree is part of it.
 
    Trees may have any depth: the work takes memory for every level, but no stack, and five descriptors at
-   most. Of the directories on the way down the lowest four stay open. To get back to a higher one, ".." is
-   opened, and its device and inode are compared with those seen on the way down. If they differ, the
-   directory below has been moved away, and the work ends there and then, with ESTALE; it also ends where ".."
-   cannot be opened. One case passes: a new directory has the inode of the one seen, which was deleted
-   meanwhile, and the one below was moved into it. That takes somebody who may write in the new directory as
-   well. */
+   most. Of the directories on the way down the lowest four stay open, or fewer where descriptors are short:
+   two will do. To get back to a higher one, ".." is opened, and its device and inode are compared with those
+   seen on the way down. If they differ, the directory below has been moved away, and the work ends there and
+   then, with ESTALE; it also ends where ".." cannot be opened. One case passes: a new directory has the inode
+   of the one seen, which was deleted meanwhile, and the one below was moved into it. That takes somebody who
+   may write in the new directory as well. */
 [[nodiscard]] bool File_DeleteDirectoryTree(const char *path);
 
 /* The same for all beneath path; the directory itself stays. */
