@@ -150,15 +150,18 @@ Life Live(const CallFault &fault, std::vector<CallFault> *faults = nullptr)
 std::string Added(const std::string &log, const std::string &usual)
 {
    std::multiset<std::string> known;
-   std::istringstream before(usual);
+   std::istringstream then(usual);
    std::istringstream now(log);
    std::string added;
-   for (std::string line; std::getline(before, line);) {
+   for (std::string line; std::getline(then, line);) {
       known.insert(line);
    }
    for (std::string line; std::getline(now, line);) {
-      if (const size_t number = line.find(" close ") + 7; number != std::string::npos + 7) {
-         line.replace(number, line.find(' ', number) - number, "#");
+      for (const std::string before : {" close ", " at lib/file/file:"}) {
+         if (const size_t found = line.find(before); found != std::string::npos) {
+            const size_t number = found + before.size();
+            line.replace(number, line.find_first_not_of("0123456789", number) - number, "#");
+         }
       }
       if (const auto found = known.find(line); found != known.end()) {
          known.erase(found);

@@ -30,6 +30,10 @@ daemon: close COPY/Contents/Library
 daemon: close COPY/Contents/Library/services
 daemon: connect /run/tessel-kext/com.kestra.kext.hvcore.teardown
 daemon: connect /run/tessel-kext/com.kestra.kext.hvlink.teardown
+daemon: fcntl COPY
+daemon: fcntl COPY/Contents
+daemon: fcntl COPY/Contents/Library
+daemon: fcntl COPY/Contents/Library/services
 daemon: fork
 daemon: getdents COPY
 daemon: getdents COPY/Contents
@@ -38,21 +42,21 @@ daemon: getdents COPY/Contents/Library/services
 daemon: geteuid
 daemon: getuid
 daemon: openat COPY 02204000 00
-daemon: openat COPY/Contents 02204000 00
-daemon: openat COPY/Contents/Library 02204000 00
-daemon: openat COPY/Contents/Library/services 02204000 00
+daemon: openat COPY/Contents 02604000 00
+daemon: openat COPY/Contents/Library 02604000 00
+daemon: openat COPY/Contents/Library/services 02604000 00
 daemon: openat /Library/Logs/Kestra Tessel Services.log 01101 0644
 daemon: rmdir COPY
-daemon: rmdir COPY/Contents
-daemon: rmdir COPY/Contents/Library
-daemon: rmdir COPY/Contents/Library/services
 daemon: setresuid
 daemon: stat COPY
 daemon: stat COPY/Contents
 daemon: stat COPY/Contents/Library
 daemon: stat COPY/Contents/Library/services
-daemon: unlink COPY/Contents/Library/kestra-id
-daemon: unlink COPY/Contents/Library/services/services.sh
+daemon: unlink COPY/Contents 01000
+daemon: unlink COPY/Contents/Library 01000
+daemon: unlink COPY/Contents/Library/kestra-id 00
+daemon: unlink COPY/Contents/Library/services 01000
+daemon: unlink COPY/Contents/Library/services/services.sh 00
 daemon: wait
 )";
 

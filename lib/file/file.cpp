@@ -261,8 +261,11 @@ int FileDeleteEntries(FolderStack *stack)
 int FileDeleteContent(const char *path)
 {
    FolderStack stack;
-   OwnedDescriptor top(open(path, OPEN_FOLDER));
 
+   if (path == nullptr) {
+      return EFAULT;
+   }
+   OwnedDescriptor top(open(path, OPEN_FOLDER));
    if (top.get() == -1) {
       return errno;
    }

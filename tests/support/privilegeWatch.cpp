@@ -16,11 +16,13 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
-/* How the calls that are looked for are shown: what their arguments are, a letter each: p a path, f a descriptor by what it
-   leads to, a the address of a local socket, o a number in octal, - not shown. */
+/* How the calls that are looked for are shown: what their arguments are, a letter each: d the folder that a path begins
+   at, p a path, f a descriptor by what it leads to, a the address of a local socket, o a number in octal, -
+   not shown. */
 struct ShownCall {
    long number;
    const char *name;
@@ -28,11 +30,12 @@ struct ShownCall {
 };
 
 constexpr std::array SHOWN = {
-    ShownCall{SYS_openat, "openat", "-poo"},
-    ShownCall{SYS_newfstatat, "stat", "fp"},
+    ShownCall{SYS_openat, "openat", "dpoo"},
+    ShownCall{SYS_newfstatat, "stat", "dp"},
     ShownCall{SYS_getdents64, "getdents", "f"},
     ShownCall{SYS_close, "close", "f"},
     ShownCall{SYS_unlink, "unlink", "p"},
+    ShownCall{SYS_unlinkat, "unlink", "dpo"},
     ShownCall{SYS_rmdir, "rmdir", "p"},
     ShownCall{SYS_connect, "connect", "-a"},
     ShownCall{SYS_execve, "execve", "p"},
@@ -94,6 +97,7 @@ std::string Shown(pid_t process, char kind, unsigned long value)
       return Path(process, value);
    case 'a':
       return Path(process, value + offsetof(struct sockaddr_un, sun_path));
+   case 'd':
    case 'f':
       return Target(process, value);
    case 'o':
@@ -113,8 +117,14 @@ std::string Shown(pid_t process, const __ptrace_syscall_info &info)
       return "system call " + std::to_string(number);
    }
    std::string text = call->name;
+   std::string folder;
    for (size_t i = 0; call->arguments[i] != '\0'; i++) {
-      const std::string argument = Shown(process, call->arguments[i], info.entry.args[i]);
+      std::string argument = Shown(process, call->arguments[i], info.entry.args[i]);
+      if (call->arguments[i] == 'd') {
+         folder = std::exchange(argument, "");
+      } else if (call->arguments[i] == 'p') {
+         argument = argument.empty() ? folder : (std::filesystem::path(folder) / argument).string();
+      }
       text += argument.empty() ? "" : " " + argument;
    }
    return text;
