@@ -79,13 +79,24 @@ std::optional<std::vector<std::string>> Fields(const std::string &record)
    return fields;
 }
 
+/* The lock directory, open. */
+FileLockPlace Place()
+{
+   FileLockPlace place;
+   place.directory.reset(strdup(Folder().Path("lock.lck").c_str()));
+   static const bool made = mkdir(place.directory.get(), 0700) == 0 &&
+                            mkdir(Folder().Path("lock.lck/D00007.lck").c_str(), 0700) == 0;
+   REQUIRE(made && FileLockPlace_Open(&place) == 0);
+   return place;
+}
+
 void CheckRead(const std::string &record)
 {
-   const std::string path = Folder().Path("M00001.lck");
-   WriteFile(path, record);
+   static const FileLockPlace place = Place();
+   WriteFile(Folder().Path("lock.lck/M00001.lck"), record);
    FileLockMember member;
    const size_t logged = Fuzz_LogCount();
-   const FileLockReading reading = FileLockMemberValues(path.c_str(), &member);
+   const FileLockReading reading = FileLockMemberValues(place, "M00001.lck", &member);
    const size_t reports = Fuzz_LogCount() - logged;
    REQUIRE(FileLockMember_IsProblematic(reading) == (reports != 0));
    REQUIRE(FileLockMember_IsProblematic(reading) == (reading.step != FILE_LOCK_READ_DONE));
@@ -164,10 +175,9 @@ void CheckExecution(FuzzedDataProvider *input)
    REQUIRE(parsed || valid);
 }
 
-FileLockPlace Place(FuzzedDataProvider *input)
+FileLockPlace OwnPlace(FuzzedDataProvider *input)
 {
-   FileLockPlace place;
-   place.directory.reset(strdup(Folder().Path("lock.lck").c_str()));
+   FileLockPlace place = Place();
    Fill(input, place.self.machine);
    Fill(input, place.self.execution);
    FileLockIdentity_Checksum(place.directory.get(), place.checksum);
@@ -177,7 +187,7 @@ FileLockPlace Place(FuzzedDataProvider *input)
 /* The holder of a number, told by the name of the one marker in its entry directory. */
 void CheckMarker(FuzzedDataProvider *input)
 {
-   FileLockPlace place = Place(input);
+   FileLockPlace place = OwnPlace(input);
    const bool sameMachine = input->ConsumeBool();
    std::string name = input->ConsumeRandomLengthString(200);
    name += sameMachine ? std::string(".") + place.checksum + "." + place.self.machine : "";
@@ -185,9 +195,6 @@ void CheckMarker(FuzzedDataProvider *input)
    if (name.empty() || name == "." || name == ".." || name.size() > 255) {
       return;
    }
-   static const bool made = mkdir(Folder().Path("lock.lck").c_str(), 0700) == 0 &&
-                            mkdir(Folder().Path("lock.lck/D00007.lck").c_str(), 0700) == 0;
-   REQUIRE(made);
    const std::string marker = Folder().Path("lock.lck/D00007.lck/" + name);
    WriteFile(marker, "");
    const FileLockHolder holder = FileLockNumber_Holder(place, 7);
@@ -200,7 +207,7 @@ void CheckMarker(FuzzedDataProvider *input)
       fields.push_back(rest.substr(0, dot));
       rest = dot == std::string::npos ? "" : rest.substr(dot + 1);
    }
-   if (!DecodeUtf8(name) || rest.empty() || rest.size() >= FILE_LOCK_MACHINE_SIZE ||
+   if (rest.empty() || rest.size() >= FILE_LOCK_MACHINE_SIZE ||
        fields[0].size() >= FILE_LOCK_EXECUTION_SIZE) {
       REQUIRE(holder.owner == FILE_LOCK_REMOTE && holder.exclusive);
       return;

@@ -50,7 +50,7 @@ constexpr Table firstHigh = [] {
 constexpr Table firstLow = [] {
    constexpr uint8_t any = TOO_SHORT | TOO_LONG | CONTINUATIONS;
    Table table{};
-   for (size_t half = 0; half < table.size(); half++) {
+   for (size_t half = 0; half < 16; half++) {
       table[half] = half < 4 ? any : half == 4 ? any | TOO_LARGE : any | TOO_LARGE | TOO_LARGE_1000;
    }
    table[0x0] |= OVERLONG_3 | OVERLONG_2 | OVERLONG_4;
