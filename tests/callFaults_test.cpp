@@ -416,10 +416,10 @@ std::set<std::string> Symbols(const std::string &options)
 /* What compilers and sanitizers put in, and the libraries of C++ and of ICU, whose failures are not errno's. */
 bool IsForeign(const std::string &symbol)
 {
-   static constexpr std::string_view prefixes[] = {"__asan_", "__ubsan_",     "__tsan_",    "__sanitizer_",
-                                                   "__cxa_",  "__stack_chk_", "__tls_get_", "_GLOBAL_OFFSET_",
-                                                   "_ZSt",    "_ZNSt",        "_ZNKSt",     "_ZTV",
-                                                   "u_",      "ucnv_",        "UCNV_",      "unorm2_"};
+   static constexpr std::string_view prefixes[] = {
+       "__asan_",      "__gcov_",    "__ubsan_",        "__tsan_", "__sanitizer_", "__cxa_",
+       "__stack_chk_", "__tls_get_", "_GLOBAL_OFFSET_", "_ZSt",    "_ZNSt",        "_ZNKSt",
+       "_ZTV",         "u_",         "ucnv_",           "UCNV_",   "unorm2_"};
    return std::any_of(std::begin(prefixes), std::end(prefixes), [&symbol](std::string_view prefix) {
       return symbol.compare(0, prefix.size(), prefix) == 0;
    });

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <sstream>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -185,6 +186,9 @@ class DaemonFaults : public testing::TestWithParam<size_t> {
          GTEST_SKIP() << "needs root, for a real user other than the effective one, and a private /Library";
       }
       signal(SIGPIPE, SIG_IGN);
+      /* What is root's is root's to write alone. */
+      umask(022);
+      fs::permissions("/Library", fs::perms(0755));
       sEnding = static_cast<Life::Ending *>(
           mmap(nullptr, sizeof(Life::Ending), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
    }
