@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <sstream>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 int TesselDaemon_Main(int argc, char **argv);
