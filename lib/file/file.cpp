@@ -137,15 +137,21 @@ void FileLetGoFarthest(Folder *deepest)
    }
 }
 
+/* A folder in this one, or above it. -1 with errno set. */
+OwnedDescriptor FileOpenFrom(const Folder *folder, const char *name)
+{
+   return OwnedDescriptor(openat(folder->descriptor.get(), name, OPEN_FOLDER | O_NOFOLLOW));
+}
+
 /* Goes into a folder of the deepest one. 0, also if it has vanished meanwhile, or the error. */
 int FileEnterFolder(FolderStack *stack, const char *name)
 {
    Folder *const parent = stack->deepest;
 
    FileLetGoFarthest(parent);
-   OwnedDescriptor descriptor(openat(parent->descriptor.get(), name, OPEN_FOLDER | O_NOFOLLOW));
+   OwnedDescriptor descriptor = FileOpenFrom(parent, name);
    if (descriptor.get() == -1 && FileIsShortOfDescriptors(errno) && FileLetGo(parent->parent)) {
-      descriptor.reset(openat(parent->descriptor.get(), name, OPEN_FOLDER | O_NOFOLLOW));
+      descriptor = FileOpenFrom(parent, name);
    }
    if (descriptor.get() == -1) {
       return errno == ENOENT ? 0 : errno;
@@ -169,7 +175,7 @@ bool FileReopenParent(const Folder *folder)
    if (parent->descriptor.get() != -1) {
       return true;
    }
-   OwnedDescriptor above(openat(folder->descriptor.get(), "..", OPEN_FOLDER | O_NOFOLLOW));
+   OwnedDescriptor above = FileOpenFrom(folder, "..");
    if (above.get() == -1 || fstat(above.get(), &attributes) == -1) {
       return false;
    }

@@ -3,8 +3,30 @@
 
 #include "lib/public/owned.h"
 
+#include <cerrno>
 #include <cstddef>
+#include <dirent.h>
+#include <memory>
 #include <span>
+
+struct CloseKeepingErrno {
+   void operator()(DIR *stream) const
+   {
+      const int saved = errno;
+      closedir(stream);
+      errno = saved;
+   }
+};
+
+using OwnedDirectory = std::unique_ptr<DIR, CloseKeepingErrno>;
+
+/* The directory that a descriptor is open on, which passes to the stream. Null with errno set, and the descriptor closed;
+   a descriptor of -1 is null with errno as it was. */
+[[nodiscard]] OwnedDirectory FileOpenStream(OwnedDescriptor descriptor);
+
+/* The next entry but for "." and "..", good until the next call. Null: the end of the directory, with errno 0, or a read
+   error, with errno set. */
+[[nodiscard]] const struct dirent *FileNextEntry(DIR *stream);
 
 /* One entry of a directory. */
 struct FileEntry {

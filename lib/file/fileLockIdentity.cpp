@@ -100,6 +100,11 @@ bool FileLockValidExecutionID(const char *execution)
    return !ended && (!known || recorded == 0 || current == recorded);
 }
 
+bool FileLockIdentity_HasEnded(const FileLockIdentity &self, std::string_view machine, const char *execution)
+{
+   return machine == self.machine && !FileLockValidExecutionID(execution);
+}
+
 void FileLockIdentity_Checksum(std::string_view path, char checksum[FILE_LOCK_CHECKSUM_SIZE])
 {
    uint32_t hash = 5381;

@@ -46,7 +46,7 @@ bool FileLockDescribeMember(const FileLockPlace &place, const char *name, FileLo
    party->exclusive = member.exclusive;
    party->ticket = member.ticket;
    party->microseconds = member.microseconds;
-   if (party->local && !FileLockValidExecutionID(member.execution)) {
+   if (FileLockIdentity_HasEnded(place.self, member.machine, member.execution)) {
       party->state = FILE_LOCK_STALE;
    } else {
       party->state = strcmp(member.checksum, place.checksum) == 0 ? FILE_LOCK_WAITS : FILE_LOCK_MOVED;

@@ -1,25 +1,17 @@
 #include "lib/file/fileLockNames.h"
 
+#include <cerrno>
 #include <cstring>
-#include <string_view>
-
-using namespace std::string_view_literals;
 
 int FileLockNames_Read(DIR *stream, FileLockNames *names)
 {
    rewinddir(stream);
-   for (;;) {
-      /* Before each read: only thus does errno tell the end of the directory from an error. */
-      errno = 0;
-      const struct dirent *const entry = readdir(stream);
-      if (entry == nullptr) {
-         return errno;
-      }
-      if (entry->d_name != "."sv && entry->d_name != ".."sv) {
-         DynBuf_SafeAppend(&names->text, entry->d_name, strlen(entry->d_name) + 1, __FILE__, __LINE__);
-         names->count++;
-      }
+   while (const struct dirent *const entry = FileNextEntry(stream)) {
+      DynBuf_SafeAppend(&names->text, entry->d_name, strlen(entry->d_name) + 1, "lib/file/fileLockNames",
+                        __LINE__);
+      names->count++;
    }
+   return errno;
 }
 
 const char *FileLockNames_Next(const FileLockNames &names, const char *name)

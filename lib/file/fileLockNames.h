@@ -1,25 +1,12 @@
 #ifndef TESSEL_LIB_FILE_FILELOCKNAMES_H
 #define TESSEL_LIB_FILE_FILELOCKNAMES_H
 
+#include "lib/file/fileEntries.h"
 #include "lib/misc/dynbuf.h"
 
-#include <cerrno>
 #include <cstddef>
-#include <dirent.h>
-#include <memory>
 
 /* Lists of directories that mostly hold two or three names and are read several times for each lock. */
-
-struct CloseKeepingErrno {
-   void operator()(DIR *stream) const
-   {
-      const int saved = errno;
-      closedir(stream);
-      errno = saved;
-   }
-};
-
-using OwnedDirectory = std::unique_ptr<DIR, CloseKeepingErrno>;
 
 struct FileLockNames {
    DynBuf text; /* One name after the other, each with its NUL. */

@@ -180,8 +180,7 @@ bool FileLockIsOver(const FileLockPlace &place, const char *name)
    if (reading.step != FILE_LOCK_READ_DONE) {
       return FileLockMember_IsProblematic(reading);
    }
-   return member.machine == std::string_view(place.self.machine) &&
-          !FileLockValidExecutionID(member.execution);
+   return FileLockIdentity_HasEnded(place.self, member.machine, member.execution);
 }
 
 /* What cannot be removed stays until somebody else meets it. */

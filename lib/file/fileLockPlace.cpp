@@ -95,17 +95,8 @@ int FileLockPlace_Rename(const FileLockPlace &place, const char *from, const cha
 
 OwnedDirectory FileLockPlace_OpenDirectory(const FileLockPlace &place, const char *name)
 {
-   OwnedDescriptor descriptor(
-       openat(dirfd(place.stream.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-   if (descriptor.get() == -1) {
-      return nullptr;
-   }
-   OwnedDirectory stream(fdopendir(descriptor.get()));
-   if (stream != nullptr) {
-      /* The stream's now. */
-      static_cast<void>(descriptor.release());
-   }
-   return stream;
+   return FileOpenStream(OwnedDescriptor(
+       openat(dirfd(place.stream.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
 }
 
 int FileLockPlace_Status(const FileLockPlace &place, const char *name, struct stat *status)

@@ -73,8 +73,7 @@ FileLockStanding FileLockScan_Standing(const FileLockPlace &place, const char *n
       *error = reading.error;
       return FILE_LOCK_UNKNOWN;
    }
-   if (member->machine == std::string_view(place.self.machine) &&
-       !FileLockValidExecutionID(member->execution)) {
+   if (FileLockIdentity_HasEnded(place.self, member->machine, member->execution)) {
       return FILE_LOCK_OVER;
    }
    return member->checksum == std::string_view(place.checksum) ? FILE_LOCK_COUNTS : FILE_LOCK_FOREIGN;

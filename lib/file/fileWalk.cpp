@@ -100,18 +100,6 @@ DIR *FileOpenPath(const char *path)
    return opendir(path);
 }
 
-/* A stream with a descriptor of its own; null with errno set. */
-DIR *FileOpenStream(int directory)
-{
-   OwnedDescriptor copy(fcntl(directory, F_DUPFD_CLOEXEC, 0));
-   DIR *const stream = copy.get() == -1 ? nullptr : fdopendir(copy.get());
-
-   if (stream != nullptr) {
-      [[maybe_unused]] const int descriptor = copy.release();
-   }
-   return stream;
-}
-
 /* As FileListEntries, of a stream that ends with the call; null is one that could not be opened. */
 bool FileListStream(DIR *stream, const char *path, FileEntries *list)
 {
@@ -132,6 +120,28 @@ bool FileListStream(DIR *stream, const char *path, FileEntries *list)
 
 } // namespace
 
+OwnedDirectory FileOpenStream(OwnedDescriptor descriptor)
+{
+   OwnedDirectory stream(descriptor.get() == -1 ? nullptr : fdopendir(descriptor.get()));
+
+   if (stream != nullptr) {
+      static_cast<void>(descriptor.release());
+   }
+   return stream;
+}
+
+const struct dirent *FileNextEntry(DIR *stream)
+{
+   const struct dirent *entry;
+
+   do {
+      /* Before each read: only thus does errno tell the end of the directory from an error. */
+      errno = 0;
+      entry = readdir(stream);
+   } while (entry != nullptr && (entry->d_name == "."sv || entry->d_name == ".."sv));
+   return entry;
+}
+
 WalkDirContext *File_WalkDirectoryStart(const char *path)
 {
    DIR *const stream = FileOpenPath(path);
@@ -147,14 +157,9 @@ WalkDirContext *File_WalkDirectoryStart(const char *path)
 bool File_WalkDirectoryNext(WalkDirContext *context, char **name)
 {
    for (;;) {
-      /* Before each read: only thus does errno tell the end of the directory from an error. */
-      errno = 0;
-      const struct dirent *const entry = readdir(context->stream);
+      const struct dirent *const entry = FileNextEntry(context->stream);
       if (entry == nullptr) {
          return false;
-      }
-      if (entry->d_name == "."sv || entry->d_name == ".."sv) {
-         continue;
       }
       Owned<char> found(FileDecodeName(context, entry->d_name));
       void *const mark = FileIsNoDirectory(entry, found.get()) ? context : nullptr;
@@ -188,7 +193,8 @@ bool FileListEntries(const char *path, FileEntries *list)
 
 bool FileListOpened(int directory, const char *path, FileEntries *list)
 {
-   return FileListStream(FileOpenStream(directory), path, list);
+   OwnedDescriptor copy(fcntl(directory, F_DUPFD_CLOEXEC, 0));
+   return FileListStream(FileOpenStream(std::move(copy)).release(), path, list);
 }
 
 int File_ListDirectory(const char *path, char ***names)

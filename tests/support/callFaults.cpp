@@ -141,10 +141,13 @@ long Fail(const CallRow *row, const CallArguments *arguments, int error)
 
 } // namespace
 
-namespace {
+CallWatch::Record *callArmed = nullptr;
 
-void *CallArmed(CallWatch::Record *record, const CallRow *row, CallArguments *arguments)
+/* What to go to; null: the call is over, and the result is among the arguments. */
+void *CallEnter(const CallRow *row, CallArguments *arguments)
 {
+   CallWatch::Record *const record = callArmed;
+
    record->raised[row->index] = record->raised[row->index] || (geteuid() == 0 && getuid() != 0);
    if (IsToFail(record, row)) {
       record->struck = true;
@@ -152,16 +155,6 @@ void *CallArmed(CallWatch::Record *record, const CallRow *row, CallArguments *ar
       return nullptr;
    }
    return reinterpret_cast<void *>(row->real);
-}
-
-} // namespace
-
-CallWatch::Record *callArmed = nullptr;
-
-/* What to go to; null: the call is over, and the result is among the arguments. */
-void *CallEnter(const CallRow *row, CallArguments *arguments)
-{
-   return CallArmed(callArmed, row, arguments);
 }
 
 CallWatch::CallWatch(const CallFault &fault)
