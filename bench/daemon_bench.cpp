@@ -3,8 +3,8 @@
    scripts/private-library. Counters: resident and private memory, and the bytes on disk of the program, alone
    and with all it has mapped. */
 
+#include "base/owned.h"
 #include "bench/processorTime.h"
-#include "lib/public/owned.h"
 
 #include <array>
 #include <benchmark/benchmark.h>

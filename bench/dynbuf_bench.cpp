@@ -1,6 +1,6 @@
 /* A megabyte put together piece by piece, from an empty buffer. The argument is the length of a piece. */
 
-#include "lib/misc/dynbuf.h"
+#include "lib/misc/memory/dynbuf.h"
 
 #include <array>
 #include <benchmark/benchmark.h>

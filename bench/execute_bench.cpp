@@ -2,7 +2,7 @@
    time is the processor's, of parent and child together. */
 
 #include "bench/processorTime.h"
-#include "lib/misc/hostinfo.h"
+#include "lib/misc/host/hostinfo.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>

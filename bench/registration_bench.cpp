@@ -2,8 +2,8 @@
    server together. The argument is the number of clients held; memory is what the server has resident then.
  */
 
+#include "base/owned.h"
 #include "bench/processorTime.h"
-#include "lib/public/owned.h"
 
 #include <array>
 #include <benchmark/benchmark.h>

@@ -1,5 +1,5 @@
-#include "lib/misc/codeset.h"
-#include "lib/misc/codesetUtf8.h"
+#include "lib/misc/codeset/codeset.h"
+#include "lib/misc/codeset/conversion/utf8.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
 
 #include <benchmark/benchmark.h>

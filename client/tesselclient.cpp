@@ -1,6 +1,6 @@
 #include "client/tesselclient.h"
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "platform/localStream.h"
 
 #include <algorithm>

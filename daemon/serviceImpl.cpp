@@ -3,7 +3,7 @@
 #include "daemon/serviceHandshake.h"
 #include "daemon/serviceLog.h"
 #include "daemon/servicePrivilege.h"
-#include "lib/misc/hostinfo.h"
+#include "lib/misc/host/hostinfo.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,9 +1,9 @@
 #include "daemon/tesselServices.h"
 
+#include "base/owned.h"
 #include "daemon/servicePrivilege.h"
 #include "lib/file/file.h"
-#include "lib/misc/hostinfo.h"
-#include "lib/public/owned.h"
+#include "lib/misc/host/hostinfo.h"
 #include "lib/string/str.h"
 #include "location/location.h"
 #include "platform/kernelControl.h"

@@ -1,4 +1,4 @@
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 #include "platform/localStream.h"

@@ -1,8 +1,8 @@
 #include "fuzz/support/fuzz.h"
-#include "lib/misc/codeset.h"
-#include "lib/misc/codesetEngine.h"
-#include "lib/misc/codesetIcu.h"
-#include "lib/misc/dynbuf.h"
+#include "lib/misc/codeset/codeset.h"
+#include "lib/misc/codeset/conversion/engine.h"
+#include "lib/misc/codeset/conversion/icu.h"
+#include "lib/misc/memory/dynbuf.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 #include "fuzz/support/dictionaryText.h"
 #include "fuzz/support/fuzz.h"
 #include "fuzz/support/scratchFolder.h"
-#include "lib/user/dictionaryEdit.h"
+#include "lib/user/dictionary/edit.h"
 #include "lib/user/msgList.h"
 
 #include <algorithm>

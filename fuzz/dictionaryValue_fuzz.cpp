@@ -1,6 +1,6 @@
 #include "fuzz/support/dictionaryText.h"
 #include "fuzz/support/fuzz.h"
-#include "lib/user/dictionaryConvert.h"
+#include "lib/user/dictionary/convert.h"
 #include "lib/user/msgList.h"
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 #include "fuzz/support/dictionaryText.h"
 #include "fuzz/support/fuzz.h"
 #include "lib/dict/dictll.h"
-#include "lib/misc/codesetEngine.h"
-#include "lib/misc/codesetIcu.h"
+#include "lib/misc/codeset/conversion/engine.h"
+#include "lib/misc/codeset/conversion/icu.h"
 #include "lib/user/dictionary.h"
-#include "lib/user/dictionaryRead.h"
+#include "lib/user/dictionary/read.h"
 #include "lib/user/msgList.h"
 
 #include <algorithm>

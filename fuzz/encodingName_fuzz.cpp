@@ -1,6 +1,6 @@
 #include "fuzz/support/fuzz.h"
-#include "lib/misc/codeset.h"
-#include "lib/unicode/encodingNames.h"
+#include "lib/misc/codeset/codeset.h"
+#include "lib/unicode/data/encodingNames.h"
 
 #include <algorithm>
 #include <map>

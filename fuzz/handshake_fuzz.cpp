@@ -1,8 +1,8 @@
+#include "base/owned.h"
 #include "daemon/serviceHandshake.h"
 #include "daemon/serviceImpl.h"
 #include "daemon/serviceLog.h"
 #include "fuzz/support/fuzz.h"
-#include "lib/public/owned.h"
 
 #include <array>
 #include <bitset>

@@ -1,6 +1,6 @@
 #include "fuzz/support/fuzz.h"
 #include "lib/dict/dictll.h"
-#include "lib/misc/dynbuf.h"
+#include "lib/misc/memory/dynbuf.h"
 
 #include <cstring>
 #include <vector>

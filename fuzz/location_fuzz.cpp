@@ -1,5 +1,5 @@
+#include "base/owned.h"
 #include "fuzz/support/fuzz.h"
-#include "lib/public/owned.h"
 #include "location/location.h"
 #include "location/locationTables.h"
 

@@ -1,7 +1,7 @@
 #include "fuzz/support/fuzz.h"
 #include "fuzz/support/scratchFolder.h"
-#include "lib/file/fileLockMember.h"
-#include "lib/file/fileLockNumber.h"
+#include "lib/file/lock/member.h"
+#include "lib/file/lock/number.h"
 
 #include <algorithm>
 #include <array>

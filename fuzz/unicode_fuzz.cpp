@@ -1,5 +1,5 @@
 #include "fuzz/support/fuzz.h"
-#include "lib/unicode/caseFolding.h"
+#include "lib/unicode/data/caseFolding.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 #include "lib/unicode/unicodeSimpleOperations.h"
 

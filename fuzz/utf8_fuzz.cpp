@@ -1,5 +1,5 @@
 #include "fuzz/support/fuzz.h"
-#include "lib/misc/codeset.h"
+#include "lib/misc/codeset/codeset.h"
 #include "lib/string/str.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 

@@ -1,8 +1,8 @@
 #include "location/location.h"
 
-#include "lib/misc/hostinfo.h"
-#include "lib/misc/posixInt.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/misc/host/hostinfo.h"
+#include "lib/misc/host/posixInt.h"
 #include "lib/string/str.h"
 #include "location/locationTables.h"
 

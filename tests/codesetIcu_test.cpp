@@ -1,8 +1,8 @@
-#include "lib/misc/codeset.h"
-#include "lib/misc/codesetEngine.h"
-#include "lib/misc/codesetInit.h"
-#include "lib/misc/dynbuf.h"
-#include "lib/unicode/encodingNames.h"
+#include "lib/misc/codeset/codeset.h"
+#include "lib/misc/codeset/conversion/engine.h"
+#include "lib/misc/codeset/conversion/init.h"
+#include "lib/misc/memory/dynbuf.h"
+#include "lib/unicode/data/encodingNames.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 #include "tests/support/testSupport.h"
 

@@ -1,11 +1,11 @@
-#include "lib/misc/codeset.h"
+#include "lib/misc/codeset/codeset.h"
 
-#include "lib/misc/codesetBuiltin.h"
-#include "lib/misc/codesetEngine.h"
-#include "lib/misc/codesetInit.h"
-#include "lib/misc/codesetUtf8.h"
-#include "lib/misc/codesetUtf8Wide.h"
-#include "lib/misc/dynbuf.h"
+#include "lib/misc/codeset/conversion/builtin.h"
+#include "lib/misc/codeset/conversion/engine.h"
+#include "lib/misc/codeset/conversion/init.h"
+#include "lib/misc/codeset/conversion/utf8.h"
+#include "lib/misc/codeset/conversion/utf8Wide.h"
+#include "lib/misc/memory/dynbuf.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
 #include "tests/support/testSupport.h"
 

@@ -1,5 +1,5 @@
+#include "base/owned.h"
 #include "lib/file/fileIO.h"
-#include "lib/public/owned.h"
 #include "tests/support/dictionaryFixture.h"
 
 #include <cerrno>

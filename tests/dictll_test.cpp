@@ -1,5 +1,5 @@
 #include "lib/dict/dictll.h"
-#include "lib/misc/dynbuf.h"
+#include "lib/misc/memory/dynbuf.h"
 #include "tests/support/testSupport.h"
 
 #include <cerrno>

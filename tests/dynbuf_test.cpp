@@ -1,4 +1,4 @@
-#include "lib/misc/dynbuf.h"
+#include "lib/misc/memory/dynbuf.h"
 
 #include "tests/support/testSupport.h"
 

@@ -1,8 +1,8 @@
 /* Exhausted memory, where more is promised than that the operation fails: see callFaults_test.cpp for that. */
 
-#include "lib/misc/dynbuf.h"
 #include "lib/misc/hashTable.h"
-#include "lib/misc/util.h"
+#include "lib/misc/memory/dynbuf.h"
+#include "lib/misc/memory/util.h"
 #include "lib/string/bsd_vsnprintf.h"
 #include "tests/support/callFaults.h"
 #include "tests/support/testSupport.h"

@@ -1,7 +1,7 @@
 #include "lib/file/fileLock.h"
 
-#include "lib/file/fileLockMember.h"
-#include "lib/file/fileLockWait.h"
+#include "lib/file/lock/member.h"
+#include "lib/file/lock/wait.h"
 #include "lib/string/str.h"
 #include "tests/support/lockFaults.h"
 #include "tests/support/testSupport.h"

@@ -1,6 +1,6 @@
 #include "lib/file/file.h"
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "tests/support/testSupport.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "lib/misc/hostinfo.h"
+#include "lib/misc/host/hostinfo.h"
 
 #include "tests/support/testSupport.h"
 

@@ -1,6 +1,6 @@
 #include "location/location.h"
 
-#include "lib/misc/hostinfo.h"
+#include "lib/misc/host/hostinfo.h"
 #include "location/locationTables.h"
 #include "tests/support/testSupport.h"
 

@@ -1,4 +1,4 @@
-#include "lib/misc/posixInt.h"
+#include "lib/misc/host/posixInt.h"
 
 #include "tests/support/testSupport.h"
 

@@ -1,6 +1,6 @@
 #include "lib/unicode/unicodeSimpleBase.h"
 
-#include "lib/misc/codeset.h"
+#include "lib/misc/codeset/codeset.h"
 #include "tests/support/testSupport.h"
 
 #include <cstring>

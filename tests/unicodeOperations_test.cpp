@@ -1,7 +1,7 @@
 #include "lib/unicode/unicodeSimpleOperations.h"
 
-#include "lib/misc/codeset.h"
-#include "lib/unicode/caseFolding.h"
+#include "lib/misc/codeset/codeset.h"
+#include "lib/unicode/data/caseFolding.h"
 #include "tests/support/testSupport.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "lib/unicode/unicodeSimpleTypes.h"
 
-#include "lib/unicode/encodingNames.h"
+#include "lib/unicode/data/encodingNames.h"
 #include "tests/support/testSupport.h"
 
 #include <algorithm>

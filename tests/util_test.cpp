@@ -1,4 +1,4 @@
-#include "lib/misc/util.h"
+#include "lib/misc/memory/util.h"
 
 #include "tests/support/testSupport.h"
 

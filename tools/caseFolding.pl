@@ -1,8 +1,8 @@
 #!/usr/bin/perl
-# Makes lib/unicode/caseFolding.inc from CaseFolding.txt of the Unicode Character Database (15.0.0 was used; foldings of
+# Makes lib/unicode/data/caseFolding.inc from CaseFolding.txt of the Unicode Character Database (15.0.0 was used; foldings of
 # characters that exist never change):
 #
-#    tools/caseFolding.pl CaseFolding.txt > lib/unicode/caseFolding.inc
+#    tools/caseFolding.pl CaseFolding.txt > lib/unicode/data/caseFolding.inc
 #
 # Kept are the simple foldings (status C and S) of the characters that Unicode 5.0 had, below U+10000.
 use strict;

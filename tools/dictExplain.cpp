@@ -1,8 +1,8 @@
 #include "tools/dictExplain.h"
 
+#include "base/owned.h"
 #include "lib/config/preference.h"
 #include "lib/dict/dictll.h"
-#include "lib/public/owned.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 

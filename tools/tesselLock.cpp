@@ -1,5 +1,5 @@
+#include "base/owned.h"
 #include "lib/file/fileLock.h"
-#include "lib/public/owned.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 #include "lib/unicode/unicodeSimpleBase.h"

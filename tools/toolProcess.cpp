@@ -1,6 +1,6 @@
 #include "tools/toolProcess.h"
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "lib/string/str.h"
 #include "platform/descriptors.h"
 #include "platform/localStream.h"

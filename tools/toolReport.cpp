@@ -1,6 +1,6 @@
 #include "tools/toolReport.h"
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 

@@ -1,7 +1,7 @@
 #ifndef TESSEL_TOOLS_TOOLSESSION_H
 #define TESSEL_TOOLS_TOOLSESSION_H
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "tools/toolProcess.h"
 
 /* What a launcher and a mere client have in common: to be registered while a command runs. */

@@ -1,6 +1,6 @@
 #include "tools/toolSocket.h"
 
-#include "lib/misc/util.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 #include "platform/localStream.h"

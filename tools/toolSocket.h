@@ -1,7 +1,7 @@
 #ifndef TESSEL_TOOLS_TOOLSOCKET_H
 #define TESSEL_TOOLS_TOOLSOCKET_H
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 
 #include <sys/stat.h>
 

@@ -4,7 +4,7 @@
 #include "fuzz/support/fuzz.h"
 #include "lib/dict/dictll.h"
 #include "lib/user/dictionary.h"
-#include "lib/user/dictionaryRead.h"
+#include "lib/user/dictionary/read.h"
 
 #include <algorithm>
 #include <strings.h>

@@ -1,8 +1,8 @@
 #ifndef TESSEL_FUZZ_SUPPORT_SCRATCHFOLDER_H
 #define TESSEL_FUZZ_SUPPORT_SCRATCHFOLDER_H
 
+#include "base/owned.h"
 #include "fuzz/support/fuzz.h"
-#include "lib/public/owned.h"
 
 #include <fcntl.h>
 #include <filesystem>

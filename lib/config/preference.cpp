@@ -1,9 +1,9 @@
 #include "lib/config/preference.h"
 
+#include "base/owned.h"
+#include "lib/misc/memory/secret.h"
+#include "lib/misc/memory/util.h"
 #include "lib/misc/rankedLock.h"
-#include "lib/misc/secret.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 #include "lib/user/dictionary.h"

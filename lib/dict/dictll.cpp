@@ -1,8 +1,8 @@
 #include "lib/dict/dictll.h"
 
 #include "lib/misc/escape.h"
-#include "lib/misc/secret.h"
-#include "lib/misc/util.h"
+#include "lib/misc/memory/secret.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 
 #include <algorithm>

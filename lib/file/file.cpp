@@ -1,10 +1,10 @@
 #include "lib/file/file.h"
 
-#include "lib/file/fileEntries.h"
-#include "lib/misc/dynbuf.h"
-#include "lib/misc/posixInt.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/file/walk/entries.h"
+#include "lib/misc/host/posixInt.h"
+#include "lib/misc/memory/dynbuf.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 
 #include <cerrno>

@@ -1,8 +1,8 @@
 #include "lib/file/fileIO.h"
 
-#include "lib/misc/posixInt.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/misc/host/posixInt.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 #include "lib/unicode/unicodeSimpleOperations.h"
 

@@ -1,10 +1,10 @@
 #include "lib/file/fileLock.h"
 
 #include "lib/file/file.h"
-#include "lib/file/fileLockNumber.h"
-#include "lib/file/fileLockScan.h"
-#include "lib/file/fileLockWait.h"
-#include "lib/misc/util.h"
+#include "lib/file/lock/number.h"
+#include "lib/file/lock/scan.h"
+#include "lib/file/lock/wait.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 

@@ -1,7 +1,7 @@
 #include "lib/misc/escape.h"
 
-#include "lib/misc/dynbuf.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/misc/memory/dynbuf.h"
 #include "lib/public/program.h"
 
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "lib/misc/hashTable.h"
 
-#include "lib/misc/util.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "lib/misc/rankedLock.h"
 
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 
 #include <pthread.h>

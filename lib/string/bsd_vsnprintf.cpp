@@ -1,12 +1,12 @@
 #include "lib/string/bsd_vsnprintf.h"
 
-#include "lib/string/formatArguments.h"
-#include "lib/string/formatDirective.h"
-#include "lib/string/formatFloat.h"
-#include "lib/string/formatInteger.h"
-#include "lib/string/formatLocale.h"
-#include "lib/string/formatSink.h"
-#include "lib/string/formatText.h"
+#include "lib/string/format/arguments.h"
+#include "lib/string/format/directive.h"
+#include "lib/string/format/float.h"
+#include "lib/string/format/integer.h"
+#include "lib/string/format/locale.h"
+#include "lib/string/format/sink.h"
+#include "lib/string/format/text.h"
 
 #include <cerrno>
 #include <cstdint>

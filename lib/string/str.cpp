@@ -1,7 +1,7 @@
 #include "lib/string/str.h"
 
 #include "lib/string/bsd_vsnprintf.h"
-#include "lib/string/formatText.h"
+#include "lib/string/format/text.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,10 +1,11 @@
 #include "lib/unicode/unicodeSimpleBase.h"
+#include "base/unicode.h"
 
-#include "lib/misc/codeset.h"
-#include "lib/misc/codesetUtf8.h"
+#include "base/owned.h"
+#include "lib/misc/codeset/codeset.h"
+#include "lib/misc/codeset/conversion/utf8.h"
 #include "lib/misc/escape.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 
 #include <algorithm>

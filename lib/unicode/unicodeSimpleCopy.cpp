@@ -1,7 +1,8 @@
+#include "base/unicode.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 
-#include "lib/misc/codesetUtf8.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/misc/codeset/conversion/utf8.h"
 
 #include <algorithm>
 #include <bit>
@@ -24,7 +25,7 @@ size_t WithoutPartialSequence(const char *bytes, size_t length)
 {
    const auto byteAt = [bytes](size_t i) { return static_cast<unsigned char>(bytes[i]); };
    size_t lead = length;
-   while (lead > 0 && CodeSetIsContinuation(byteAt(lead - 1))) {
+   while (lead > 0 && Utf8_IsContinuation(byteAt(lead - 1))) {
       lead--;
    }
    if (lead == 0) {
@@ -67,7 +68,7 @@ bool CopyUtf16le(char *destination, const char *string, size_t size, size_t *wri
    if (copied != 0) {
       char16_t last;
       memcpy(&last, destination + copied - sizeof last, sizeof last);
-      copied -= CodeSetIsHighSurrogate(last) ? sizeof last : 0;
+      copied -= Utf16_IsHighSurrogate(last) ? sizeof last : 0;
    }
    memcpy(destination + copied, &terminator, sizeof terminator);
    *written = copied;

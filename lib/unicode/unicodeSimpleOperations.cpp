@@ -1,11 +1,12 @@
 #include "lib/unicode/unicodeSimpleOperations.h"
+#include "base/unicode.h"
 
-#include "lib/misc/codeset.h"
-#include "lib/misc/codesetUtf8.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/misc/codeset/codeset.h"
+#include "lib/misc/codeset/conversion/utf8.h"
+#include "lib/misc/memory/util.h"
 #include "lib/string/str.h"
-#include "lib/unicode/caseFolding.h"
+#include "lib/unicode/data/caseFolding.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 
 #include <algorithm>
@@ -72,10 +73,10 @@ Owned<char16_t> RangeAsUtf16(const char *string, ssize_t start, ssize_t length)
 /* The value by which a unit that differs is ordered: surrogates stand above the rest of the basic plane. */
 uint32_t Widen(const char16_t *unit, bool ignoreCase)
 {
-   if (CodeSetIsHighSurrogate(unit[0]) && CodeSetIsLowSurrogate(unit[1])) {
-      return CodeSetJoinSurrogates(unit[0], unit[1]);
+   if (Utf16_IsHighSurrogate(unit[0]) && Utf16_IsLowSurrogate(unit[1])) {
+      return Utf16_JoinSurrogates(unit[0], unit[1]);
    }
-   return ignoreCase && !CodeSetIsSurrogate(unit[0]) ? CaseFolding_Unit(unit[0]) : unit[0];
+   return ignoreCase && !Utf16_IsSurrogate(unit[0]) ? CaseFolding_Unit(unit[0]) : unit[0];
 }
 
 bool UnitsAgree(char16_t unit1, char16_t unit2, bool ignoreCase)

@@ -1,11 +1,11 @@
 #include "lib/unicode/unicodeSimpleTypes.h"
 
-#include "lib/misc/codeset.h"
+#include "base/owned.h"
+#include "lib/misc/codeset/codeset.h"
 #include "lib/misc/hashTable.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
-#include "lib/unicode/encodingNames.h"
+#include "lib/unicode/data/encodingNames.h"
 
 #include <atomic>
 #include <cctype>

@@ -1,14 +1,14 @@
 #include "lib/user/dictionary.h"
 
+#include "base/owned.h"
 #include "lib/file/fileIO.h"
-#include "lib/misc/secret.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "lib/misc/memory/secret.h"
+#include "lib/misc/memory/util.h"
 #include "lib/string/str.h"
-#include "lib/user/dictionaryFile.h"
-#include "lib/user/dictionaryRead.h"
-#include "lib/user/dictionaryState.h"
-#include "lib/user/dictionaryWrite.h"
+#include "lib/user/dictionary/file.h"
+#include "lib/user/dictionary/read.h"
+#include "lib/user/dictionary/state.h"
+#include "lib/user/dictionary/write.h"
 #include "lib/user/msgList.h"
 
 #include <array>

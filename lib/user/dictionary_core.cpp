@@ -1,12 +1,12 @@
 #include "lib/user/dictionary_core.h"
 
+#include "base/owned.h"
 #include "lib/misc/hashTable.h"
-#include "lib/misc/secret.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "lib/misc/memory/secret.h"
+#include "lib/misc/memory/util.h"
 #include "lib/string/str.h"
-#include "lib/user/dictionaryConvert.h"
-#include "lib/user/dictionaryState.h"
+#include "lib/user/dictionary/convert.h"
+#include "lib/user/dictionary/state.h"
 #include "lib/user/msgList.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "lib/user/msgList.h"
 
-#include "lib/misc/secret.h"
-#include "lib/misc/util.h"
-#include "lib/public/owned.h"
+#include "base/owned.h"
+#include "lib/misc/memory/secret.h"
+#include "lib/misc/memory/util.h"
 #include "lib/string/str.h"
 
 #include <cstdarg>

@@ -1,4 +1,4 @@
-#include "lib/misc/codeset.h"
+#include "lib/misc/codeset/codeset.h"
 #include "lib/misc/escape.h"
 #include "lib/string/str.h"
 

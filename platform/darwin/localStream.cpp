@@ -1,6 +1,6 @@
 #include "platform/localStream.h"
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "platform/posix/descriptorMessageSide.h"
 
 #include <cstddef>

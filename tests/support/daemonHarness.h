@@ -1,7 +1,7 @@
 #ifndef TESSEL_TESTS_SUPPORT_DAEMONHARNESS_H
 #define TESSEL_TESTS_SUPPORT_DAEMONHARNESS_H
 
-#include "lib/public/owned.h"
+#include "base/owned.h"
 #include "tests/support/testSupport.h"
 
 #include <cstdint>

@@ -1,0 +1,152 @@
+#include "lib/misc/codeset/conversion/icu.h"
+
+#include "lib/misc/codeset/codeset.h"
+#include "lib/misc/memory/dynbuf.h"
+#include "lib/public/program.h"
+
+#include <array>
+#include <memory>
+#include <unicode/putil.h>
+#include <unicode/ucnv.h>
+
+namespace {
+
+constexpr const char *MODULE = "lib/misc/codeset";
+
+/* Characters between the two encodings are held here, in UTF-16, on their way. */
+constexpr size_t PIVOT_UNITS = 1024;
+
+struct CloseConverter {
+   void operator()(UConverter *converter) const
+   {
+      ucnv_close(converter);
+   }
+};
+
+using Converter = std::unique_ptr<UConverter, CloseConverter>;
+
+Converter Open(const char *name)
+{
+   UErrorCode status = U_ZERO_ERROR;
+   Converter converter(ucnv_open(name, &status));
+   if (status > U_ZERO_ERROR) {
+      converter.reset();
+   }
+   return converter;
+}
+
+/* Stops, whatever the version of ICU: later ones than 4.4 let characters that are usually invisible pass here, and
+   leave them out. */
+void RefuseFromUnicode(const void *context, UConverterFromUnicodeArgs *args, const UChar *codeUnits,
+                       int32_t length, int32_t codePoint, UConverterCallbackReason reason, UErrorCode *status)
+{
+   const UErrorCode found = *status;
+   UCNV_FROM_U_CALLBACK_STOP(context, args, codeUnits, length, codePoint, reason, status);
+   *status = found;
+}
+
+struct Callbacks {
+   UConverterToUCallback toUnicode;
+   UConverterFromUCallback fromUnicode;
+};
+
+/* In the order of the conversion modes. */
+constexpr std::array<Callbacks, 3> callbacks = {{
+    {UCNV_TO_U_CALLBACK_STOP, RefuseFromUnicode},
+    {UCNV_TO_U_CALLBACK_SUBSTITUTE, UCNV_FROM_U_CALLBACK_SUBSTITUTE},
+    {UCNV_TO_U_CALLBACK_SKIP, UCNV_FROM_U_CALLBACK_SKIP},
+}};
+
+/* Without a context, so that substitution and skipping act on illegal, irregular and unassigned input alike. */
+bool InstallToUnicode(UConverter *converter, UConverterToUCallback callback)
+{
+   UErrorCode status = U_ZERO_ERROR;
+   ucnv_setToUCallBack(converter, callback, nullptr, nullptr, nullptr, &status);
+   return status <= U_ZERO_ERROR;
+}
+
+bool InstallFromUnicode(UConverter *converter, UConverterFromUCallback callback)
+{
+   UErrorCode status = U_ZERO_ERROR;
+   ucnv_setFromUCallBack(converter, callback, nullptr, nullptr, nullptr, &status);
+   return status <= U_ZERO_ERROR;
+}
+
+/* Positions are kept over an overflow: the converters, the pivot and the source go on from where the output ended. */
+bool Run(UConverter *source, UConverter *target, const char *input, size_t length, DynBuf *output)
+{
+   std::array<UChar, PIVOT_UNITS> pivot;
+   UChar *pivotSource = pivot.data();
+   UChar *pivotTarget = pivot.data();
+   const char *const inputEnd = input + length;
+   size_t written = 0;
+   while (true) {
+      char *next = output->data + written;
+      UErrorCode status = U_ZERO_ERROR;
+      ucnv_convertEx(target, source, &next, output->data + output->allocated, &input, inputEnd, pivot.data(),
+                     &pivotSource, &pivotTarget, pivot.data() + pivot.size(), false, true, &status);
+      written = static_cast<size_t>(next - output->data);
+      if (status <= U_ZERO_ERROR) {
+         output->size = written;
+         return true;
+      }
+      if (status != U_BUFFER_OVERFLOW_ERROR || output->allocated > SIZE_MAX / 2 ||
+          !DynBuf_Enlarge(output, output->allocated * 2)) {
+         return false;
+      }
+   }
+}
+
+bool Convert(const char *sourceName, const void *input, size_t length, const char *targetName, uint32_t mode,
+             DynBuf *output)
+{
+   constexpr size_t slack = 4;
+   const Converter source = Open(sourceName);
+   const Converter target = Open(targetName);
+   if (source == nullptr || target == nullptr) {
+      return false;
+   }
+   if (mode >= callbacks.size()) {
+      Panic("NOT_IMPLEMENTED %s:%d\n", MODULE, __LINE__);
+   }
+   if (!InstallToUnicode(source.get(), callbacks[mode].toUnicode) ||
+       !InstallFromUnicode(target.get(), callbacks[mode].fromUnicode)) {
+      return false;
+   }
+   if (length > SIZE_MAX - slack || !DynBuf_Enlarge(output, length + slack)) {
+      return false;
+   }
+   return Run(source.get(), target.get(), static_cast<const char *>(input), length, output);
+}
+
+bool Validate(const char *buffer, size_t length, const char *encodingName)
+{
+   const Converter converter = Open(encodingName);
+   if (converter == nullptr) {
+      Panic("VERIFY %s:%d\n", MODULE, __LINE__);
+   }
+   if (!InstallToUnicode(converter.get(), UCNV_TO_U_CALLBACK_STOP)) {
+      Panic("VERIFY %s:%d\n", MODULE, __LINE__);
+   }
+   UErrorCode status = U_ZERO_ERROR;
+   ucnv_toUChars(converter.get(), nullptr, 0, buffer, static_cast<int32_t>(length), &status);
+
+   /* A complete count without a destination ends in an overflow; anything else stopped before. */
+   return status == U_BUFFER_OVERFLOW_ERROR;
+}
+
+bool IsEncodingSupported(const char *name)
+{
+   return Open(name) != nullptr;
+}
+
+constexpr CodeSetEngine ICU_ENGINE = {
+    .convert = Convert, .validate = Validate, .isEncodingSupported = IsEncodingSupported};
+
+} // namespace
+
+const CodeSetEngine *CodeSetIcu_Open(const char *dataFile)
+{
+   u_setDataDirectory(dataFile);
+   return &ICU_ENGINE;
+}

@@ -1,9 +1,0 @@
-#ifndef TESSEL_LIB_MISC_CODESETINIT_H
-#define TESSEL_LIB_MISC_CODESETINIT_H
-
-#include "lib/public/program.h"
-
-/* The work of CodeSet_Init, with the program's resolver of location keys as an argument; it may be null. */
-void CodeSetInit_FindIcu(const char *dataDirectory, LocationLookup lookup);
-
-#endif

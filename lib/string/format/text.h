@@ -1,0 +1,35 @@
+#ifndef TESSEL_LIB_STRING_FORMAT_TEXT_H
+#define TESSEL_LIB_STRING_FORMAT_TEXT_H
+
+#include "base/owned.h"
+#include "lib/string/format/directive.h"
+#include "lib/string/format/sink.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cwchar>
+
+/* Private to the string layer: the text conversions, and the rule that no cut goes through a character. */
+
+/* A null string is "(null)". With a precision, no byte at or beyond it is
+   read. */
+[[nodiscard]] bool Text_PutString(FormatSink *sink, const Directive &directive, const char *string);
+
+/* As above for a wide string, put as UTF-8 whatever the locale. False also if memory runs out. */
+[[nodiscard]] bool Text_PutWideString(FormatSink *sink, const Directive &directive, const wchar_t *string);
+
+[[nodiscard]] bool Text_PutByte(FormatSink *sink, const Directive &directive, char byte);
+
+/* The multibyte form of the process's locale. False also if the character has none. */
+[[nodiscard]] bool Text_PutWideCharacter(FormatSink *sink, const Directive &directive, wint_t character);
+
+/* The UTF-8 form of string, cut before the first character that would go beyond precision bytes if that is not
+   negative, ended by four zero bytes. The caller frees it; null if memory runs out. Surrogates are put like
+   other values, in three bytes; values that no UTF-8 text can hold become U+FFFD. */
+[[nodiscard]] Owned<char> Fmt_WideToUtf8(const wchar_t *string, int64_t precision);
+
+/* The length of the text without a multi-byte character at its end that is not complete. Looks only at the last
+   such character. */
+size_t Text_WholeUtf8Length(const char *text, size_t length);
+
+#endif

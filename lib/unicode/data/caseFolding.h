@@ -1,0 +1,17 @@
+#ifndef TESSEL_LIB_UNICODE_DATA_CASE_FOLDING_H
+#define TESSEL_LIB_UNICODE_DATA_CASE_FOLDING_H
+
+#include <array>
+#include <cstdint>
+
+/* The simple case folding of UTF-16 units: a page of 256 folded units for each high byte, or null where the units of the
+   page fold to themselves. */
+extern const std::array<const char16_t *, 256> caseFoldingPages;
+
+inline char16_t CaseFolding_Unit(char16_t unit)
+{
+   const char16_t *page = caseFoldingPages[unit >> 8];
+   return page == nullptr ? unit : page[unit & 0xFF];
+}
+
+#endif

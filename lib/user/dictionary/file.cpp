@@ -1,0 +1,233 @@
+#include "lib/user/dictionary/file.h"
+
+#include "base/owned.h"
+#include "lib/misc/memory/util.h"
+#include "lib/public/program.h"
+#include "lib/user/msgList.h"
+#include "platform/durable.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/* Deliberately executable: dictionary files may carry an interpreter line. */
+constexpr mode_t NEW_FILE_MODE = 0754;
+
+struct StreamClose {
+   void operator()(FILE *stream) const
+   {
+      const int savedErrno = errno;
+      /* All that was written is on the medium by now, or its failure is known. */
+      static_cast<void>(fclose(stream));
+      errno = savedErrno;
+   }
+};
+
+using Stream = std::unique_ptr<FILE, StreamClose>;
+
+/* A stream on a descriptor that stays the caller's. It buffers nothing: the text is in one piece already, and no
+   second copy of its secrets is to lie about. */
+Stream DictionaryFileStream(int fd)
+{
+   OwnedDescriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+   if (copy.get() == -1) {
+      return nullptr;
+   }
+   /* "w" empties nothing here, and takes a descriptor that cannot be read. */
+   Stream stream(fdopen(copy.get(), "w"));
+   if (stream == nullptr) {
+      return nullptr;
+   }
+   [[maybe_unused]] const int now = copy.release();
+   if (setvbuf(stream.get(), nullptr, _IONBF, 0) != 0) {
+      return nullptr;
+   }
+   return stream;
+}
+
+bool DictionaryFileWrite(FILE *stream, std::string_view text)
+{
+   while (true) {
+      errno = 0;
+      text.remove_prefix(fwrite(text.data(), 1, text.size(), stream));
+      if (text.empty()) {
+         return true;
+      }
+      if (errno != EINTR) {
+         return false;
+      }
+      clearerr(stream);
+   }
+}
+
+bool DictionaryFileTruncate(int fd, size_t size)
+{
+   int result;
+   do {
+      result = ftruncate(fd, static_cast<off_t>(size));
+   } while (result == -1 && errno == EINTR);
+   return result == 0;
+}
+
+/* The whole of writing one open file, to the medium. */
+bool DictionaryFileFill(const FileIOHandle &file, std::string_view text, MsgList *messages)
+{
+   const Stream stream = DictionaryFileStream(file.fd);
+   if (stream == nullptr) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.writefile.descToStream") "An error occurred while converting "
+                                                                     "the descriptor of file \"%s\" while "
+                                                                     "it is open: %s.\n",
+                     file.path, strerror(errno));
+      return false;
+   }
+   if (fseeko(stream.get(), 0, SEEK_SET) == -1) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.writefile.seek") "An error occurred while seeking within "
+                                                             "configuration file \"%s\":%s.\n",
+                     file.path, strerror(errno));
+      return false;
+   }
+   if (!DictionaryFileWrite(stream.get(), text)) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.writefile.write") "An error occurred while writing configuration "
+                                                              "file \"%s\": %s.\n",
+                     file.path, strerror(errno));
+      return false;
+   }
+   if (!DictionaryFileTruncate(file.fd, text.size())) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.writefile.truncate") "An error occurred while truncating "
+                                                                 "configuration file \"%s\":%s.\n",
+                     file.path, strerror(errno));
+      return false;
+   }
+   if (fflush(stream.get()) != 0) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.writefile.flush") "An error occurred while flushing "
+                                                              "configuration file \"%s\": %s.\n",
+                     file.path, strerror(errno));
+      return false;
+   }
+   return true;
+}
+
+void DictionaryFileReportSync(const char *path, MsgList *messages)
+{
+   MsgList_Append(messages,
+                  MSGLIST_ID("dictionary.writefile.sync") "An error occurred while syncing configuration "
+                                                          "file \"%s\": %s.\n",
+                  path, strerror(errno));
+}
+
+bool DictionaryFileWriteThrough(const FileIOHandle &file, std::string_view text, MsgList *messages)
+{
+   if (!DictionaryFileFill(file, text, messages)) {
+      return false;
+   }
+   if (!Durable_File(file.fd)) {
+      DictionaryFileReportSync(file.path, messages);
+      return false;
+   }
+   return true;
+}
+
+void DictionaryFileReportOpen(const char *path, int error, MsgList *messages)
+{
+   switch (error) {
+   case EPERM:
+   case EACCES:
+   case EROFS:
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.permissions") "Access to \"%s\" failed due to file system "
+                                                          "permissions issues\n",
+                     path);
+      break;
+   case ENAMETOOLONG:
+      MsgList_Append(messages, MSGLIST_ID("dictionary.nameTooLong") "%s", strerror(error));
+      break;
+   default:
+      MsgList_Append(messages, MSGLIST_ID("dictionary.open") "Cannot open configuration file \"%s\": %s.\n",
+                     path, strerror(error));
+      break;
+   }
+}
+
+bool DictionaryFileOpen(FileIOHandle *file, const char *path, int flags, mode_t mode, MsgList *messages)
+{
+   if (!FileIO_Open(file, path, O_RDWR | flags, mode)) {
+      DictionaryFileReportOpen(path, errno, messages);
+      return false;
+   }
+   return true;
+}
+
+} // namespace
+
+bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages)
+{
+   struct stat old;
+   const mode_t mode = stat(path, &old) == 0 ? old.st_mode & 07777 : NEW_FILE_MODE;
+
+   return DictionaryFileOpen(file, path, O_CREAT, mode, messages);
+}
+
+bool DictionaryFile_OpenOld(FileIOHandle *file, const char *path, MsgList *messages)
+{
+   return DictionaryFileOpen(file, path, 0, 0, messages);
+}
+
+bool DictionaryFile_Store(FileIOHandle *file, FileIOHandle *temporary, std::string_view text,
+                          MsgList *messages)
+{
+   if (temporary == nullptr) {
+      return DictionaryFileWriteThrough(*file, text, messages);
+   }
+   /* A disk that is full now would leave nothing of the old content if the file itself were tried next. */
+   if (!DictionaryFileWriteThrough(*temporary, text, messages)) {
+      FileIO_AtomicDiscard(temporary);
+      return false;
+   }
+   if (!FileIO_AtomicUpdateEx(temporary, file)) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.writefile.atomicUpdate") "An error occurred while writing "
+                                                                     "dictionary file \"%s\": %s.",
+                     file->path, strerror(errno));
+      FileIO_AtomicDiscard(temporary);
+      return DictionaryFileWriteThrough(*file, text, messages);
+   }
+   const bool durable = Durable_Entry(temporary->path);
+   if (!durable) {
+      DictionaryFileReportSync(file->path, messages);
+   }
+   FileIO_Close(temporary);
+   return durable;
+}
+
+bool DictionaryFile_Replace(FileIOHandle *file, std::string_view text, MsgList *messages)
+{
+   FileIOHandle temporary;
+   const bool made = FileIO_AtomicTempFile(file, &temporary);
+
+   return DictionaryFile_Store(file, made ? &temporary : nullptr, text, messages);
+}
+
+bool DictionaryFile_Close(FileIOHandle *file, MsgList *messages)
+{
+   const Owned<char> path(Util_SafeStrdup(file->path));
+
+   if (!FileIO_Close(file)) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.close") "An error occurred while closing configuration file "
+                                                    "\"%s\": %s.\n",
+                     path.get(), strerror(errno));
+      return false;
+   }
+   return true;
+}

@@ -1,0 +1,19 @@
+#ifndef TESSEL_LIB_USER_DICTIONARY_READ_H
+#define TESSEL_LIB_USER_DICTIONARY_READ_H
+
+#include "lib/unicode/unicodeSimpleTypes.h"
+
+#include <cstdio>
+#include <string_view>
+
+struct Dictionary;
+struct MsgList;
+
+/* Reads a stream, at its start, to its end into the dictionary; fileName is what messages call it. */
+bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileName,
+                         EncodingId defaultEncoding, MsgList *messages);
+
+/* Whether the name is ".encoding" or one of its older spellings. */
+bool DictionaryIsEncodingName(std::string_view name);
+
+#endif
