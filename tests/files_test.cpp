@@ -111,4 +111,41 @@ TEST_F(FileReplacement, StaysInItsFolderWhereverThePathLeads)
    }
 }
 
+TEST(FileIO, OpensRegularFilesWithoutWaitingAndMakesThemBehindNoLink)
+{
+   const ScratchFolder scratch;
+   const struct {
+      const char *name;
+      int flags;
+      uint64_t maxBytes;
+      int error;
+   } cases[] = {
+       {"file", O_RDONLY, 7, 0},
+       {"file", O_RDWR | O_CREAT, 6, EFBIG},
+       {"link", O_RDWR | O_CREAT, 7, 0},
+       {"folder", O_RDONLY, 9999999, EISDIR},
+       {"pipe", O_RDONLY, 0, EINVAL},
+       {"pipe", O_WRONLY | O_CREAT, 0, ENXIO},
+       {"absent", O_RDWR, 0, ENOENT},
+       {"dangling", O_RDWR, 0, ENOENT},
+       {"dangling", O_RDWR | O_CREAT, 0, ELOOP},
+       {"new", O_RDWR | O_CREAT, 0, 0},
+   };
+   WriteFile(scratch.Path("file"), "content");
+   fs::create_symlink("file", scratch.Path("link"));
+   fs::create_symlink("absent", scratch.Path("dangling"));
+   fs::create_directory(scratch.Path("folder"));
+   ASSERT_EQ(mkfifo(scratch.Path("pipe").c_str(), 0600), 0);
+   for (const auto &c : cases) {
+      FileIOHandle handle;
+      const bool opened =
+          FileIO_OpenRegular(&handle, scratch.Path(c.name).c_str(), c.flags, 0600, c.maxBytes);
+      EXPECT_EQ(opened ? 0 : errno, c.error) << c.name;
+      EXPECT_EQ(handle.fd != -1 && handle.path == scratch.Path(c.name), opened) << c.name;
+      EXPECT_TRUE(FileIO_Close(&handle));
+   }
+   EXPECT_FALSE(fs::exists(scratch.Path("absent")));
+   EXPECT_EQ(fs::status(scratch.Path("new")).permissions(), fs::perms(0600));
+}
+
 } // namespace

@@ -21,6 +21,42 @@ constexpr mode_t PERMISSIONS = 07777;
 constexpr const char *SUFFIX = "~";
 constexpr const char *TEMP_FILE = "FileIO_AtomicTempFile";
 
+int FileIOOpen(const char *path, int flags, mode_t mode)
+{
+   return Uninterrupted([=] { return open(path, flags | O_CLOEXEC, mode); });
+}
+
+/* With O_CREAT, what is made is never behind a link. */
+int FileIOOpenOrMake(const char *path, int flags, mode_t mode)
+{
+   for (int round = 0; round < 2; round++) {
+      const int old = FileIOOpen(path, flags & ~O_CREAT, 0);
+      if (old != -1 || errno != ENOENT || (flags & O_CREAT) == 0) {
+         return old;
+      }
+      const int made = FileIOOpen(path, flags | O_EXCL, mode);
+      if (made != -1 || errno != EEXIST) {
+         return made;
+      }
+   }
+   errno = ELOOP;
+   return -1;
+}
+
+/* 0, or what keeps the open file from being used. */
+int FileIORefusal(int fd, uint64_t maxBytes)
+{
+   struct stat attributes;
+
+   if (fstat(fd, &attributes) == -1) {
+      return errno;
+   }
+   if (!S_ISREG(attributes.st_mode)) {
+      return S_ISDIR(attributes.st_mode) ? EISDIR : EINVAL;
+   }
+   return static_cast<uint64_t>(attributes.st_size) > maxBytes ? EFBIG : 0;
+}
+
 /* The last component of a full path. */
 const char *FileIOName(const char *path)
 {
@@ -108,11 +144,27 @@ OwnedDescriptor FileIOMakeTemp(int folder, const char *name, mode_t mode)
 bool FileIO_Open(FileIOHandle *handle, const char *path, int flags, mode_t mode)
 {
    *handle = FILEIO_CLOSED;
-   handle->fd = Uninterrupted([&] { return open(path, flags | O_CLOEXEC, mode); });
+   handle->fd = FileIOOpen(path, flags, mode);
    if (handle->fd == -1) {
       return false;
    }
    handle->path = Util_SafeStrdup(path);
+   return true;
+}
+
+bool FileIO_OpenRegular(FileIOHandle *handle, const char *path, int flags, mode_t mode, uint64_t maxBytes)
+{
+   *handle = FILEIO_CLOSED;
+   OwnedDescriptor file(FileIOOpenOrMake(path, flags | O_NONBLOCK | O_NOCTTY, mode));
+   if (file.get() == -1) {
+      return false;
+   }
+   const int refusal = FileIORefusal(file.get(), maxBytes);
+   if (refusal != 0) {
+      errno = refusal;
+      return false;
+   }
+   *handle = {.fd = file.release(), .path = Util_SafeStrdup(path)};
    return true;
 }
 

@@ -1,6 +1,7 @@
 #ifndef TESSEL_LIB_FILE_FILEIO_H
 #define TESSEL_LIB_FILE_FILEIO_H
 
+#include <cstdint>
 #include <sys/types.h>
 
 /* An open file with the path it was opened by, and the replacement of a file by another in one step. Paths are UTF-8
@@ -16,6 +17,12 @@ constexpr FileIOHandle FILEIO_CLOSED = {};
 /* Opens path as open(2) does with these flags and, for O_CREAT, this mode. False with errno set and the handle closed.
    Interruptions by signals are passed over. */
 [[nodiscard]] bool FileIO_Open(FileIOHandle *handle, const char *path, int flags, mode_t mode);
+
+/* The same for files that others may have put there: only a regular file of at most so many bytes, and never a wait for
+   another process. With O_CREAT a file is made only where there is no entry at all; a link that leads nowhere
+   is ELOOP. A folder is EISDIR, anything else EINVAL, a longer file EFBIG. Not for O_TRUNC. */
+[[nodiscard]] bool FileIO_OpenRegular(FileIOHandle *handle, const char *path, int flags, mode_t mode,
+                                      uint64_t maxBytes);
 
 /* Closes and forgets; a closed handle is left alone. False with errno set if the close reported an error, the handle
    being closed all the same. */
