@@ -116,11 +116,11 @@ inline const char *DirectiveScanSizeI(const char *position, Directive *directive
    return position;
 }
 
-/* The second of a pair ("hh", "ll") replaces the flag of the first. */
+/* The second of a pair ("hh", "ll") puts its flag in place of that of the first, also where it is set already. */
 inline void DirectiveSetOrDouble(Directive *directive, unsigned once, unsigned twice)
 {
    if ((directive->flags & once) != 0) {
-      directive->flags ^= once | twice;
+      directive->flags = (directive->flags & ~once) | twice;
    } else {
       directive->flags |= once;
    }
