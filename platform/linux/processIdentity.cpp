@@ -1,12 +1,12 @@
 #include "platform/processIdentity.h"
 
-#include <cerrno>
+#include "base/owned.h"
+
 #include <charconv>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
-#include <unistd.h>
 
 namespace {
 
@@ -22,14 +22,11 @@ constexpr std::string_view FIRST_NAMESPACE = "pid:[4026531836]"sv;
 /* The file's text, at most size bytes of it, without the line end; empty with errno set if there is none. */
 std::string_view ProcessIdentityRead(const char *path, char *buffer, size_t size)
 {
-   const int file = open(path, O_RDONLY | O_CLOEXEC);
-   if (file == -1) {
-      return {};
+   const OwnedDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+   const ssize_t length = file.get() == -1 ? -1 : read(file.get(), buffer, size);
+   if (length == 0) {
+      errno = ENODATA;
    }
-   const ssize_t length = read(file, buffer, size);
-   const int error = length == 0 ? ENODATA : errno;
-   close(file);
-   errno = error;
    const std::string_view text(buffer, length > 0 ? static_cast<size_t>(length) : 0);
    return text.substr(0, text.find('\n'));
 }
