@@ -1,5 +1,7 @@
 #include "platform/eventQueue.h"
 
+#include "base/errno.h"
+
 #include <bit>
 #include <cerrno>
 #include <cstdlib>
@@ -89,8 +91,7 @@ void EventQueue_Forget(int descriptor)
    if (index >= sRegistrationCount || sRegistrations[index].handler == nullptr) {
       return;
    }
-   const int savedErrno = errno;
+   const KeptErrno kept;
    epoll_ctl(sRegistrations[index].queue, EPOLL_CTL_DEL, descriptor, nullptr);
    sRegistrations[index].handler = nullptr;
-   errno = savedErrno;
 }
