@@ -3,6 +3,7 @@
 #include "daemon/serviceHandshake.h"
 #include "daemon/serviceLog.h"
 #include "daemon/servicePrivilege.h"
+#include "daemon/serviceProcess.h"
 #include "lib/misc/host/hostinfo.h"
 
 #include <cerrno>
@@ -170,6 +171,7 @@ int32_t ServiceImpl_Daemon(int argc, char **argv, [[maybe_unused]] int32_t numbe
    ServiceImplCtx ctx = {.start = start, .stop = stop, .refCount = 0, .kq = -1};
 
    ServiceImplOpenLog(logPath);
+   ServiceProcess_LeaveLauncher();
    ServiceImplLogProcess();
    if (argc != 3) {
       Warning("Invalid number of arguments.\n");
