@@ -25,7 +25,6 @@
 #include "lib/user/dictionary.h"
 #include "lib/user/msgList.h"
 #include "location/location.h"
-#include "platform/durable.h"
 #include "tests/support/scriptedPeer.h"
 
 #include <algorithm>
