@@ -12,6 +12,7 @@
 #include "lib/misc/codeset/codeset.h"
 #include "lib/misc/escape.h"
 #include "lib/misc/hashTable.h"
+#include "lib/misc/host/home.h"
 #include "lib/misc/host/hostinfo.h"
 #include "lib/misc/host/posixInt.h"
 #include "lib/misc/memory/dynbuf.h"
@@ -24,7 +25,6 @@
 #include "lib/user/dictionary.h"
 #include "lib/user/msgList.h"
 #include "location/location.h"
-#include "platform/durable.h"
 #include "tests/support/scriptedPeer.h"
 
 #include <algorithm>
@@ -435,10 +435,7 @@ TEST(CallTable, NamesEveryCallOfTheProducts)
       }
    }
    ASSERT_LT(100U, called.size()) << "nm was not of help";
-   std::set<std::string> known;
-   for (const CallName &call : AllCalls()) {
-      known.insert(call.name);
-   }
+   const std::set<std::string> known = AllCalls();
    for (const std::string &symbol : called) {
       EXPECT_TRUE(known.count(symbol) != 0) << symbol << " is not in calls.inc";
    }

@@ -1,10 +1,9 @@
 #include "platform/descriptors.h"
 
+#include "base/owned.h"
 #include "platform/posix/descriptorWalk.h"
 
-#include <cerrno>
 #include <fcntl.h>
-#include <unistd.h>
 
 void Descriptors_CloseAllBut(int first, const int *keep, size_t count)
 {
@@ -14,13 +13,7 @@ void Descriptors_CloseAllBut(int first, const int *keep, size_t count)
 /* There is no call that does both at once: a fork by another thread in between would inherit the descriptor. */
 int Descriptors_Accept(int listener, struct sockaddr *address, socklen_t *length)
 {
-   const int accepted = accept(listener, address, length);
+   OwnedDescriptor accepted(accept(listener, address, length));
 
-   if (accepted != -1 && fcntl(accepted, F_SETFD, FD_CLOEXEC) == -1) {
-      const int saved = errno;
-      close(accepted);
-      errno = saved;
-      return -1;
-   }
-   return accepted;
+   return accepted.get() != -1 && fcntl(accepted.get(), F_SETFD, FD_CLOEXEC) == -1 ? -1 : accepted.release();
 }

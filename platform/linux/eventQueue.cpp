@@ -1,7 +1,8 @@
 #include "platform/eventQueue.h"
 
+#include "base/errno.h"
+
 #include <bit>
-#include <cerrno>
 #include <cstdlib>
 #include <sys/epoll.h>
 
@@ -11,12 +12,12 @@
 
 namespace {
 
-struct Registration {
+struct EventQueueRegistration {
    QueueHandler handler; /* Null: not watched. */
    int queue;
 };
 
-Registration *sRegistrations = nullptr;
+EventQueueRegistration *sRegistrations = nullptr;
 size_t sRegistrationCount = 0;
 
 bool EventQueueMakeRoom(size_t index)
@@ -27,7 +28,8 @@ bool EventQueueMakeRoom(size_t index)
       return true;
    }
    const size_t count = index < minimum ? minimum : std::bit_ceil(index + 1);
-   auto *grown = static_cast<Registration *>(realloc(sRegistrations, count * sizeof(Registration)));
+   auto *grown =
+       static_cast<EventQueueRegistration *>(realloc(sRegistrations, count * sizeof(EventQueueRegistration)));
    if (grown == nullptr) {
       return false;
    }
@@ -89,8 +91,7 @@ void EventQueue_Forget(int descriptor)
    if (index >= sRegistrationCount || sRegistrations[index].handler == nullptr) {
       return;
    }
-   const int savedErrno = errno;
+   const KeptErrno kept;
    epoll_ctl(sRegistrations[index].queue, EPOLL_CTL_DEL, descriptor, nullptr);
    sRegistrations[index].handler = nullptr;
-   errno = savedErrno;
 }

@@ -1,5 +1,7 @@
 #include "platform/processIdentity.h"
 
+#include "base/owned.h"
+
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -7,7 +9,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
-#include <unistd.h>
 
 namespace {
 
@@ -32,14 +33,11 @@ constexpr ProcessIdentityNamespace NAMESPACES[] = {
 /* The file's text, at most size bytes of it, without the line end; empty with errno set if there is none. */
 std::string_view ProcessIdentityRead(const char *path, char *buffer, size_t size)
 {
-   const int file = open(path, O_RDONLY | O_CLOEXEC);
-   if (file == -1) {
-      return {};
+   const OwnedDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+   const ssize_t length = file.get() == -1 ? -1 : read(file.get(), buffer, size);
+   if (length == 0) {
+      errno = ENODATA;
    }
-   const ssize_t length = read(file, buffer, size);
-   const int error = length == 0 ? ENODATA : errno;
-   close(file);
-   errno = error;
    const std::string_view text(buffer, length > 0 ? static_cast<size_t>(length) : 0);
    return text.substr(0, text.find('\n'));
 }
