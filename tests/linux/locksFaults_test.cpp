@@ -130,8 +130,6 @@ class LockFaults : public testing::Test {
       }
    }
 
-   void Stress(size_t machines);
-
    ScratchFolder folder_;
    CapturedLog log_;
    std::string path_ = folder_.Path("file");
@@ -144,73 +142,62 @@ class LockFaults : public testing::Test {
 
 TEST_F(LockFaults, AnswersEachInItsWay)
 {
+   enum Instead : uint8_t { NOTHING, DONE_FIRST, LINK, DIRECTORY, SHORT };
    const struct {
-      const char *call;
-      const char *path;                    /* That it ends with. */
-      std::function<void(Call &call)> act; /* The first time. */
-      bool held;                           /* By another token. */
+      std::string call;
+      const char *path; /* That it ends with. */
+      int fault;        /* The first time. */
+      bool held;        /* By another token. */
       bool taken;
       int error;
+      Instead instead = NOTHING;
    } cases[] = {
-       {"openat", "M00007.lck", [](Call &call) { call.Fail(EAGAIN); }, true, false, 0},
-       {"openat", "M00007.lck", [](Call &call) { call.Fail(EIO); }, true, false, 0},
-       {"openat", "M00007.lck", [](Call &call) { call.Fail(EMFILE); }, true, false, EMFILE},
-       {"fstatat", "M00007.lck", [](Call &call) { call.Fail(EIO); }, true, false, EIO},
-       {"open", "file.lck", [](Call &call) { call.Fail(ESTALE); }, false, true, 0},
-       {"open", "file.lck", [](Call &call) { call.Fail(EACCES); }, false, false, EACCES},
-       {"mkdirat", ".lck", [](Call &call) { call.Fail(ESTALE); }, false, true, 0},
-       {"renameat", ".lck",
-        [](Call &call) {
-           call.Make();
-           call.Fail(EIO);
-        },
-        false, false, EIO},
-       {"write", "", [](Call &call) { call.result = 511; }, false, false, EIO},
-       {"close", "", [](Call &call) { call.Fail(EIO); }, false, true, 0},
+       {"openat", "M00007.lck", EAGAIN, true, false, 0},
+       {"openat", "M00007.lck", EIO, true, false, 0},
+       {"openat", "M00007.lck", EMFILE, true, false, EMFILE},
+       {"fstatat", "M00007.lck", EIO, true, false, EIO},
+       {"open", "file.lck", ESTALE, false, true, 0},
+       {"open", "file.lck", EACCES, false, false, EACCES},
+       {"mkdirat", ".lck", ESTALE, false, true, 0},
+       {"renameat", ".lck", EIO, false, false, EIO, DONE_FIRST},
+       {"write", "", 0, false, false, EIO, SHORT},
        /* A link in the place of the directory that was just made, and a directory in that of what is no such. */
-       {"open", "file.lck",
-        [this](Call &) {
-           fs::remove(directory_);
-           fs::create_directory_symlink(ours_, directory_);
-        },
-        false, true, 0},
-       {"unlink", "file.lck",
-        [this](Call &) {
-           fs::remove(directory_);
-           fs::create_directory(directory_);
-        },
-        false, true, 0},
+       {"open", "file.lck", 0, false, true, 0, LINK},
+       {"unlink", "file.lck", 0, false, true, 0, DIRECTORY},
    };
    fs::create_directory(ours_);
    for (const auto &c : cases) {
-      SCOPED_TRACE(std::string(c.call) + " " + c.path);
-      FileLockToken *token = nullptr;
-      if (c.held) {
-         const CallWatch seven({"arc4random_uniform"}, [](Call &call) { call.result = 7; });
-         token = Take();
-      }
-      if (std::string(c.call) == "unlink") {
+      SCOPED_TRACE(c.call + " " + c.path + " " + std::to_string(c.fault));
+      const CallWatch seven({"arc4random_uniform"}, [](Call &call) { call.result = 7; });
+      FileLockToken *const token = c.held ? Take() : nullptr;
+      CallWatch::Disarm();
+      if (c.instead == DIRECTORY) {
          WriteFile(directory_, "");
       }
       bool struck = false;
-      FileLockToken *taken;
-      {
-         const CallWatch watch({c.call}, [&](Call &call) {
-            if (!struck && (*c.path == '\0' || Path(call).ends_with(c.path))) {
-               struck = true;
-               c.act(call);
-            }
-         });
-         taken = Take(false, c.error == EIO && c.held ? 100 : 0);
-      }
-      EXPECT_TRUE(struck);
-      EXPECT_EQ(taken != nullptr, c.taken);
-      EXPECT_EQ(error_, c.error);
+      const CallWatch watch({c.call}, [&](Call &call) {
+         if (struck || (*c.path != '\0' && !Path(call).ends_with(c.path))) {
+            return;
+         }
+         struck = true;
+         if (c.instead == LINK || c.instead == DIRECTORY) {
+            fs::remove(directory_);
+            c.instead == LINK ? fs::create_directory_symlink(ours_, directory_)
+                              : void(fs::create_directory(directory_));
+         } else if (c.instead == SHORT) {
+            call.result = 511;
+         } else {
+            static_cast<void>(c.instead == DONE_FIRST && call.Make());
+            call.Fail(c.fault);
+         }
+      });
+      FileLockToken *const taken = Take(false, c.call == "fstatat" ? 100 : 0);
+      CallWatch::Disarm();
+      EXPECT_TRUE(struck && (taken != nullptr) == c.taken && error_ == c.error) << error_;
       EXPECT_TRUE(taken == nullptr || FileLock_Unlock(taken, {}) == 0);
       EXPECT_EQ(fs::exists(directory_ + "/M00007.lck"), c.held);
       EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, {}) == 0);
-      EXPECT_FALSE(fs::exists(directory_));
-      EXPECT_TRUE(fs::is_empty(ours_));
+      EXPECT_TRUE(!fs::exists(directory_) && fs::is_empty(ours_));
    }
 }
 
@@ -274,73 +261,60 @@ TEST_F(LockFaults, HideNoHolderFromTheList)
    FileLock_Unlock(token, {});
 }
 
-TEST_F(LockFaults, LeaveNothingForEverWhenKilledOrRefusedAtAny)
+/* Each call of another process in turn is its last one, or is refused while this one has the lock, or is made only after this
+   one has, or has not, got it. */
+TEST_F(LockFaults, LeaveNothingAndLetNoneInAtAnyStep)
 {
-   size_t steps = SIZE_MAX;
-   const std::pair<int, bool> cases[] = {
-       {CALL_KILLS, false}, {ENOSPC, false}, {EIO, false}, {EMFILE, false}, {EIO, true}};
-   for (const auto &[error, held] : cases) {
-      for (size_t step = 1; step <= steps; step++) {
-         SCOPED_TRACE(std::to_string(step) + " " + std::to_string(error));
-         FileLockToken *const token = held ? Take() : nullptr;
-         board_->pids[0] = getpid();
+   constexpr int stops = -2;
+   board_->pids[0] = getpid();
+   for (const auto &[fault, held] : {std::pair(CALL_KILLS, false), std::pair(ENOSPC, false),
+                                     std::pair(EIO, true), std::pair(stops, false)}) {
+      bool struck = true;
+      size_t had = 0;
+      size_t step = 0;
+      while (struck) {
+         SCOPED_TRACE(std::to_string(++step) + " " + std::to_string(fault));
+         FileLockToken *token = held ? Take() : nullptr;
          board_->inside[0] = held ? EXCLUSIVE : NOT;
-         const int status = Await(StartOne([&, error = error](Call &call) {
+         board_->takes = 0;
+         const pid_t other = StartOne([&, fault = fault](Call &call) {
             if (call.number == step) {
-               call.Fail(error);
+               board_->takes = 1;
+               fault == stops ? void(raise(SIGSTOP)) : call.Fail(fault);
             }
-         }));
+         });
+         int status = Await(other, WUNTRACED);
+         if (WIFSTOPPED(status)) {
+            token = Take();
+            EXPECT_TRUE(error_ == 0 && (token == nullptr || board_->inside[1] == NOT));
+            board_->inside[0] = token != nullptr ? EXCLUSIVE : NOT;
+            had += token != nullptr ? 1 : 0;
+            kill(other, SIGCONT);
+            status = Await(other);
+         }
+         struck = board_->takes != 0;
          board_->inside[0] = NOT;
          EXPECT_EQ(board_->intruders, 0);
+         EXPECT_EQ(status, struck && fault == CALL_KILLS ? SIGKILL : 0);
          EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, {}) == 0);
-         EXPECT_TRUE(status == 0 ||
-                     (error == CALL_KILLS && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL));
-         steps = error == CALL_KILLS && !WIFSIGNALED(status) ? step : steps;
          Age();
          ASSERT_TRUE(IsFree());
          ASSERT_FALSE(fs::exists(directory_));
       }
+      EXPECT_GT(step, STEPS_AT_LEAST);
+      EXPECT_EQ(had > 0 && had < step - 1, fault == stops);
    }
-   EXPECT_GT(steps, STEPS_AT_LEAST);
 }
 
-/* The other stops before each of its calls in turn, and goes on when this process has, or has not, got the lock. */
-TEST_F(LockFaults, KeepOthersOutWhenSlowAtAny)
+/* Eight processes on two machines, of which one is killed each few milliseconds. Few numbers are drawn, so that they are used
+   again all the time, by the living after the dead, and sleep is short. */
+TEST_F(LockFaults, LetNoIntruderInWhileProcessesAreKilled)
 {
-   size_t had = 0;
-   size_t step = 0;
-   board_->pids[0] = getpid();
-   for (bool stopped = true; stopped;) {
-      step++;
-      const pid_t other =
-          StartOne([step](Call &call) { static_cast<void>(call.number == step && raise(SIGSTOP) != 0); });
-      stopped = WIFSTOPPED(Await(other, WUNTRACED));
-      if (stopped) {
-         FileLockToken *const token = Take();
-         EXPECT_EQ(error_, 0);
-         EXPECT_FALSE(token != nullptr && board_->inside[1] != NOT);
-         board_->inside[0] = token != nullptr ? EXCLUSIVE : NOT;
-         kill(other, SIGCONT);
-         EXPECT_EQ(Await(other), 0);
-         EXPECT_EQ(board_->intruders, 0) << step;
-         had += token != nullptr ? 1 : 0;
-         board_->inside[0] = NOT;
-         EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, {}) == 0);
-      }
-      ASSERT_FALSE(fs::exists(directory_)) << step;
-   }
-   EXPECT_GT(step, STEPS_AT_LEAST);
-   EXPECT_TRUE(had > 0 && had < step - 1);
-}
-
-/* Takes the lock with eight processes, of which one is killed each few milliseconds, as one machine or several. Few numbers
-   are drawn, so that they are used again all the time, by the living after the dead, and sleep is short. */
-void LockFaults::Stress(size_t machines)
-{
+   board_->goal = FromEnvironment("TESSEL_LOCK_TAKES", 1000);
    const auto start = [&](size_t slot) {
       Start(slot, [&] {
          std::minstd_rand random(static_cast<unsigned>(getpid()));
-         const std::string machine = folder_.Path(std::to_string(slot % machines));
+         const std::string machine = folder_.Path(std::to_string(slot % 2));
          const CallWatch watch({"arc4random_uniform", "nanosleep", "open"}, [&](Call &call) {
             if (call.name == "nanosleep") {
                reinterpret_cast<struct timespec *>(call.arguments[0])->tv_nsec /= 100;
@@ -396,18 +370,6 @@ void LockFaults::Stress(size_t machines)
    EXPECT_EQ(board_->intruders, 0);
    EXPECT_EQ(board_->errors, 0) << log_.Text();
    EXPECT_FALSE(fs::exists(directory_));
-}
-
-TEST_F(LockFaults, LetNoIntruderInWhileProcessesAreKilled)
-{
-   board_->goal = FromEnvironment("TESSEL_LOCK_TAKES", 1000);
-   Stress(1);
-}
-
-TEST_F(LockFaults, LetNoIntruderInFromTwoMachines)
-{
-   board_->goal = FromEnvironment("TESSEL_LOCK_TAKES", 1000);
-   Stress(2);
 }
 
 /* The process id of an ancestor that has ended can come back; so can start times, told by another clock. */
