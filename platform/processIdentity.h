@@ -13,9 +13,9 @@
 [[nodiscard]] bool ProcessIdentity_StartTime(pid_t pid, uint64_t *microseconds);
 
 /* Copies the identifier of the machine with its NUL to buffer: a text that stays as it is over restarts. Processes
-   that find the same identifier can see each other under the ids they know themselves by; where the system
-   keeps groups of processes apart, each group is a machine of its own. False with errno set and the content
-   of buffer undefined; ERANGE if it needs more than size bytes. */
+   that find the same identifier can see each other under the ids they know themselves by, with the same start
+   times; where the system keeps groups of processes apart, each group is a machine of its own. False with
+   errno set and the content of buffer undefined; ERANGE if it needs more than size bytes. */
 [[nodiscard]] bool ProcessIdentity_MachineIdentifier(char *buffer, size_t size);
 
 #endif

@@ -12,6 +12,7 @@
 #include "lib/misc/codeset/codeset.h"
 #include "lib/misc/escape.h"
 #include "lib/misc/hashTable.h"
+#include "lib/misc/host/home.h"
 #include "lib/misc/host/hostinfo.h"
 #include "lib/misc/host/posixInt.h"
 #include "lib/misc/memory/dynbuf.h"
@@ -24,7 +25,6 @@
 #include "lib/user/dictionary.h"
 #include "lib/user/msgList.h"
 #include "location/location.h"
-#include "platform/durable.h"
 #include "tests/support/scriptedPeer.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 #include "lib/config/preference.h"
-#include "lib/misc/memory/util.h"
+#include "lib/misc/host/home.h"
 #include "lib/user/msgList.h"
 #include "tests/support/testSupport.h"
 

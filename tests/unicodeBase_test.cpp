@@ -77,7 +77,7 @@ TEST(UnicodeAlloc, UnescapesLiterals)
       EXPECT_EQ(Take(Unicode_AllocFromEscapedLiteral(text, false)), text);
    }
    const std::pair<const char *, std::vector<const char *>> ends[] = {
-       {"VERIFY", {"a\xC3", "\\\xC3", "\\U00110000", "\\UFFFFFFFF"}},
+       {"VERIFY", {"a\xC3", "\\\xC3", "\\u12\xC3", "\\U00110000", "\\UFFFFFFFF"}},
        {"NOT_IMPLEMENTED", {"\\u12", "\\u12G4", "\\U0001F60", "\\u"}}};
    for (const auto &[panic, texts] : ends) {
       for (const char *text : texts) {

@@ -21,16 +21,6 @@ bool inside[PROCESSES];
 byte crashes;
 byte done;
 
-/* On the way to a number: what is in the way is cleared away if it is over. */
-inline clearWay(k)
-{
-   survey(k);
-   if
-   :: found == OVER || (found == NOBODY && member[k] != 0 && ENDED(self, member[k] - 1)) -> reclaim(k)
-   :: atomic { else -> found = NOBODY }
-   fi
-}
-
 #define FREE(k) (!entry[k] && member[k] == 0 && writing[k] == 0)
 #if NUMBERS == 1
 #define EMPTY (FREE(0))
@@ -144,22 +134,22 @@ inline round()
          entry[number] = entry[number] || there
       }
       if
-      :: !got -> clearWay(number)
+      :: !got -> skip
       :: else ->
          claim(number, exclusive[self], false);
          if
          :: !got -> removeEntry(number)
-         :: got && member[number] != 0 -> withdraw(number); clearWay(number)
+         :: got && member[number] != 0 -> withdraw(number)
          :: got && member[number] == 0 ->
             if
-            :: writing[number] == 0 -> break
+            :: atomic { writing[number] == 0 -> writing[number] = self + 1 }; break
             :: else -> withdraw(number)
             fi
          fi
       fi
    od;
    /* A ticket. */
-   atomic { assert(writing[number] == 0); writing[number] = self + 1; got = false; highest = 0; todo = ALL };
+   atomic { got = false; highest = 0; todo = ALL };
    do
    :: todo == 0 -> break
    :: else ->

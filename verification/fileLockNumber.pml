@@ -33,8 +33,7 @@ inline take()
       :: got && member[0] != 0 -> withdraw(0)
       :: got && member[0] == 0 ->
          if
-         :: atomic { writing[0] == 0 -> got = false; hold() };
-            atomic { assert(writing[0] == 0 && holder == self + 1); writing[0] = self + 1 };
+         :: atomic { writing[0] == 0 -> got = false; hold(); writing[0] = self + 1 };
             if
             :: atomic {
                   /* The rename. It must not miss the own file, nor hit another's ticket. */

@@ -1,6 +1,7 @@
 #include "lib/config/preference.h"
 
 #include "base/owned.h"
+#include "lib/misc/host/home.h"
 #include "lib/misc/memory/secret.h"
 #include "lib/misc/memory/util.h"
 #include "lib/misc/rankedLock.h"

@@ -1,5 +1,6 @@
 #include "lib/file/fileIO.h"
 
+#include "base/errno.h"
 #include "base/owned.h"
 #include "lib/misc/host/posixInt.h"
 #include "lib/misc/memory/util.h"
@@ -20,47 +21,122 @@ constexpr mode_t PERMISSIONS = 07777;
 constexpr const char *SUFFIX = "~";
 constexpr const char *TEMP_FILE = "FileIO_AtomicTempFile";
 
+int FileIOOpen(const char *path, int flags, mode_t mode)
+{
+   return Uninterrupted([=] { return open(path, flags | O_CLOEXEC, mode); });
+}
+
+/* With O_CREAT, what is made is never behind a link. */
+int FileIOOpenOrMake(const char *path, int flags, mode_t mode)
+{
+   for (int round = 0; round < 2; round++) {
+      const int old = FileIOOpen(path, flags & ~O_CREAT, 0);
+      if (old != -1 || errno != ENOENT || (flags & O_CREAT) == 0) {
+         return old;
+      }
+      const int made = FileIOOpen(path, flags | O_EXCL, mode);
+      if (made != -1 || errno != EEXIST) {
+         return made;
+      }
+   }
+   errno = ELOOP;
+   return -1;
+}
+
+/* 0, or what keeps the open file from being used. */
+int FileIORefusal(int fd, uint64_t maxBytes)
+{
+   struct stat attributes;
+
+   if (fstat(fd, &attributes) == -1) {
+      return errno;
+   }
+   if (!S_ISREG(attributes.st_mode)) {
+      return S_ISDIR(attributes.st_mode) ? EISDIR : EINVAL;
+   }
+   return static_cast<uint64_t>(attributes.st_size) > maxBytes ? EFBIG : 0;
+}
+
+/* The last component of a full path. */
+const char *FileIOName(const char *path)
+{
+   return strrchr(path, '/') + 1;
+}
+
+/* The path of the target that a temporary file was made for, as a new string. */
+char *FileIOTargetPath(const char *temporaryPath)
+{
+   return Util_SafeStrndup(temporaryPath, strlen(temporaryPath) - strlen(SUFFIX));
+}
+
+void FileIOReportCreate()
+{
+   const int error = errno;
+   Log("%s: Failed to create temporary file, %s (%d). errno: %d\n", TEMP_FILE, strerror(error), error, error);
+}
+
+/* Whether the entry of the folder is this file and no link to it. False with errno set. */
+bool FileIOIsEntry(int folder, const char *name, const struct stat &file)
+{
+   struct stat entry;
+
+   if (fstatat(folder, name, &entry, AT_SYMLINK_NOFOLLOW) == -1) {
+      return false;
+   }
+   if (entry.st_dev != file.st_dev || entry.st_ino != file.st_ino) {
+      errno = ESTALE;
+      return false;
+   }
+   return true;
+}
+
+/* The folder that a temporary file of this path is to be made in, which must hold the target. -1, logged, with errno
+   set. */
+OwnedDescriptor FileIOOpenFolder(const char *temporaryPath, const struct stat &target)
+{
+   const Owned<char> place(FileIOTargetPath(temporaryPath));
+   const char *const name = FileIOName(place.get());
+   const Owned<char> path(Util_SafeStrndup(place.get(), static_cast<size_t>(name - place.get())));
+   OwnedDescriptor folder(
+       Uninterrupted([&] { return open(path.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+
+   if (folder.get() == -1 || !FileIOIsEntry(folder.get(), name, target)) {
+      FileIOReportCreate();
+      folder.reset();
+   }
+   return folder;
+}
+
 /* Mode first: once the file is someone else's, an ordinary user could not set it. The change of owner may take set-id
    bits away again, which is as it should be. */
 bool FileIOCopyIdentity(int fd, const struct stat &attributes)
 {
    if (fchmod(fd, attributes.st_mode & PERMISSIONS) == -1) {
-      const int error = errno;
-      Log("%s: Failed to chmod temporary file, errno: %d\n", TEMP_FILE, error);
-      errno = error;
+      Log("%s: Failed to chmod temporary file, errno: %d\n", TEMP_FILE, errno);
       return false;
    }
    if (fchown(fd, attributes.st_uid, attributes.st_gid) == -1) {
-      const int error = errno;
-      Log("%s: Failed to chown temporary file, errno: %d\n", TEMP_FILE, error);
-      errno = error;
+      Log("%s: Failed to chown temporary file, errno: %d\n", TEMP_FILE, errno);
       return false;
    }
    return true;
 }
 
-/* unlink(2), which removes a link and not what it leads to: anyone may have put one there. */
-bool FileIORemoveOld(const char *path)
+/* New and empty, in the place of any other entry of that name but a folder. -1, logged, with errno set. */
+OwnedDescriptor FileIOMakeTemp(int folder, const char *name, mode_t mode)
 {
-   if (unlink(path) == -1 && errno != ENOENT) {
-      const int error = errno;
-      Log("%s: Failed to unlink temporary file, errno: %d\n", TEMP_FILE, error);
-      errno = error;
-      return false;
+   /* Which removes a link and not what it leads to: anyone may have put one there. */
+   if (unlinkat(folder, name, 0) == -1 && errno != ENOENT) {
+      Log("%s: Failed to unlink temporary file, errno: %d\n", TEMP_FILE, errno);
+      return OwnedDescriptor();
    }
-   return true;
-}
-
-bool FileIOCreateTemp(FileIOHandle *temporary, const char *path, const struct stat &attributes)
-{
-   if (!FileIO_Open(temporary, path, O_RDWR | O_CREAT | O_EXCL, attributes.st_mode & PERMISSIONS)) {
-      const int error = errno;
-      Log("%s: Failed to create temporary file, %s (%d). errno: %d\n", TEMP_FILE, strerror(error), error,
-          error);
-      errno = error;
-      return false;
+   OwnedDescriptor file(Uninterrupted([&] {
+      return openat(folder, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & PERMISSIONS);
+   }));
+   if (file.get() == -1) {
+      FileIOReportCreate();
    }
-   return true;
+   return file;
 }
 
 } // namespace
@@ -68,9 +144,7 @@ bool FileIOCreateTemp(FileIOHandle *temporary, const char *path, const struct st
 bool FileIO_Open(FileIOHandle *handle, const char *path, int flags, mode_t mode)
 {
    *handle = FILEIO_CLOSED;
-   do {
-      handle->fd = open(path, flags | O_CLOEXEC, mode);
-   } while (handle->fd == -1 && errno == EINTR);
+   handle->fd = FileIOOpen(path, flags, mode);
    if (handle->fd == -1) {
       return false;
    }
@@ -78,10 +152,27 @@ bool FileIO_Open(FileIOHandle *handle, const char *path, int flags, mode_t mode)
    return true;
 }
 
+bool FileIO_OpenRegular(FileIOHandle *handle, const char *path, int flags, mode_t mode, uint64_t maxBytes)
+{
+   *handle = FILEIO_CLOSED;
+   OwnedDescriptor file(FileIOOpenOrMake(path, flags | O_NONBLOCK | O_NOCTTY, mode));
+   if (file.get() == -1) {
+      return false;
+   }
+   const int refusal = FileIORefusal(file.get(), maxBytes);
+   if (refusal != 0) {
+      errno = refusal;
+      return false;
+   }
+   *handle = {.fd = file.release(), .path = Util_SafeStrdup(path)};
+   return true;
+}
+
 bool FileIO_Close(FileIOHandle *handle)
 {
    const FileIOHandle old = std::exchange(*handle, FILEIO_CLOSED);
    const Owned<char> path(old.path);
+   const OwnedDescriptor folder(old.folder);
 
    /* Never tried again: after an interruption, which is no failure, the number may be another file's already. */
    return old.fd == -1 || close(old.fd) == 0 || errno == EINTR;
@@ -91,9 +182,7 @@ char *FileIO_AtomicTempPath(const char *path)
 {
    const Owned<char> full(Posix_RealPath(path));
    if (full == nullptr) {
-      const int error = errno;
       Log("%s: File_FullPath of '%s' failed.\n", "FileIO_AtomicTempPath", path);
-      errno = error;
       return nullptr;
    }
    return Unicode_Join(full.get(), SUFFIX, nullptr);
@@ -104,14 +193,12 @@ bool FileIO_AtomicTempFile(const FileIOHandle *target, FileIOHandle *temporary)
    struct stat attributes;
 
    *temporary = FILEIO_CLOSED;
-   const Owned<char> path(FileIO_AtomicTempPath(target->path));
+   Owned<char> path(FileIO_AtomicTempPath(target->path));
    if (path == nullptr) {
       return false;
    }
    if (fstat(target->fd, &attributes) == -1) {
-      const int error = errno;
-      Log("%s: Failed to fstat '%s', errno: %d.\n", TEMP_FILE, target->path, error);
-      errno = error;
+      Log("%s: Failed to fstat '%s', errno: %d.\n", TEMP_FILE, target->path, errno);
       return false;
    }
    /* A device or a pipe is to be written to; a plain file in its place would be the end of it. */
@@ -119,9 +206,15 @@ bool FileIO_AtomicTempFile(const FileIOHandle *target, FileIOHandle *temporary)
       errno = EINVAL;
       return false;
    }
-   if (!FileIORemoveOld(path.get()) || !FileIOCreateTemp(temporary, path.get(), attributes)) {
+   OwnedDescriptor folder = FileIOOpenFolder(path.get(), attributes);
+   if (folder.get() == -1) {
       return false;
    }
+   OwnedDescriptor file = FileIOMakeTemp(folder.get(), FileIOName(path.get()), attributes.st_mode);
+   if (file.get() == -1) {
+      return false;
+   }
+   *temporary = {.fd = file.release(), .path = path.release(), .folder = folder.release()};
    if (!FileIOCopyIdentity(temporary->fd, attributes)) {
       FileIO_AtomicDiscard(temporary);
       return false;
@@ -131,14 +224,12 @@ bool FileIO_AtomicTempFile(const FileIOHandle *target, FileIOHandle *temporary)
 
 bool FileIO_AtomicUpdateEx(FileIOHandle *temporary, FileIOHandle *target)
 {
-   /* Not resolved anew: the path may lead elsewhere by now, and the temporary file stands beside the target. */
-   const Owned<char> place(Util_SafeStrndup(temporary->path, strlen(temporary->path) - strlen(SUFFIX)));
+   const Owned<char> place(FileIOTargetPath(temporary->path));
 
-   if (rename(temporary->path, place.get()) == -1) {
-      const int error = errno;
+   if (renameat(temporary->folder, FileIOName(temporary->path), temporary->folder, FileIOName(place.get())) ==
+       -1) {
       Log("%s: rename of '%s' to '%s' failed %d.\n", "FileIO_AtomicUpdateEx", temporary->path, place.get(),
-          error);
-      errno = error;
+          errno);
       return false;
    }
    const OwnedDescriptor old(std::exchange(target->fd, std::exchange(temporary->fd, -1)));
@@ -147,12 +238,10 @@ bool FileIO_AtomicUpdateEx(FileIOHandle *temporary, FileIOHandle *target)
 
 void FileIO_AtomicDiscard(FileIOHandle *temporary)
 {
-   const int savedErrno = errno;
+   const KeptErrno kept;
 
-   if (temporary->path != nullptr && unlink(temporary->path) == -1) {
-      const int error = errno;
-      Log("%s: Failed to clean up temporary file, errno: %d\n", TEMP_FILE, error);
+   if (temporary->path != nullptr && unlinkat(temporary->folder, FileIOName(temporary->path), 0) == -1) {
+      Log("%s: Failed to clean up temporary file, errno: %d\n", TEMP_FILE, errno);
    }
    FileIO_Close(temporary);
-   errno = savedErrno;
 }

@@ -8,16 +8,22 @@
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 
 struct FileLockToken {
    char signature[4];
    bool valid;
-   char *path;       /* Of the locked file. */
-   char *memberPath; /* Null for an implicit lock. */
+   Owned<char> path;         /* Of the locked file. */
+   Owned<char> memberPath;   /* Null for an implicit lock. */
+   OwnedDirectory directory; /* That the member is in, wherever its path leads by now. */
 };
 
 namespace {
@@ -32,111 +38,107 @@ constexpr unsigned HASTY_ROUNDS = 16;
 
 constexpr uint32_t NUMBERS = 65536;
 
-/* What came of a step of the entry loop: done, once more, or no. */
-enum FileLockStep { STEP_DONE, STEP_AGAIN, STEP_FAILED, STEP_REFUSED };
+/* Of a step of the entry loop, which else gives 0 or an error: it is to be gone round again. */
+constexpr int ONCE_MORE = -1;
 
-struct FileLockOutcome {
-   FileLockStep step;
-   int error = 0;
-};
-
-FileLockOutcome FileLockCreationFailure(int error)
+/* What makes a directory, and whether it could not be made. */
+int FileLockCreationFailure(int error, bool *refused)
 {
-   return {.step = error == EROFS || error == EACCES ? STEP_REFUSED : STEP_FAILED, .error = error};
+   *refused = error == EROFS || error == EACCES;
+   return error;
 }
 
-FileLockOutcome FileLockRemoveObstacle(const FileLockPlace &place)
+int FileLockRemoveObstacle(const FileLockPlace &place)
 {
    static constexpr const char *tag = "FileLockCreateEntryDirectory";
    const int error = FileDeletion(place.directory.get(), false);
+   struct stat status;
 
-   if (error != 0 && error != ENOENT) {
-      Log("FILE: %s unable to remove '%s': %s\n", tag, place.directory.get(), strerror(error));
-      return {.step = STEP_FAILED, .error = error};
+   if (error == 0 || error == ENOENT) {
+      Log("FILE: %s: '%s' is not a directory. Removed.\n", tag, place.directory.get());
+      return ONCE_MORE;
    }
-   Log("FILE: %s: '%s' is not a directory. Removed.\n", tag, place.directory.get());
-   return {.step = STEP_AGAIN};
+   if (FileLockPlace_Look(place, &status) == 0 && S_ISDIR(status.st_mode)) {
+      return ONCE_MORE;
+   }
+   Log("FILE: %s unable to remove '%s': %s\n", tag, place.directory.get(), strerror(error));
+   return error;
 }
 
 /* What it means that the lock directory could not be made, or that it could not be opened. */
-FileLockOutcome FileLockNoDirectory(const FileLockPlace &place, int makingError, int openingError)
+int FileLockNoDirectory(const FileLockPlace &place, int makingError, int openingError, bool *refused)
 {
-   const char *const path = place.directory.get();
    struct stat status;
-   const int error = FileAttributes(path, &status);
+   const int error = FileLockPlace_Look(place, &status);
 
    if (error == 0 && !S_ISDIR(status.st_mode)) {
       return FileLockRemoveObstacle(place);
    }
    if (error != 0 && error != ENOENT) {
-      Log("FILE: %s stat failure on '%s': %s\n", "FileLockCreateEntryDirectory", path, strerror(error));
-      return {.step = STEP_FAILED, .error = error};
+      Log("FILE: %s stat failure on '%s': %s\n", "FileLockCreateEntryDirectory", place.directory.get(),
+          strerror(error));
+      return error;
    }
    if (makingError != 0 && makingError != EEXIST) {
-      return FileLockCreationFailure(makingError);
+      return FileLockCreationFailure(makingError, refused);
    }
-   return openingError == ENOENT ? FileLockOutcome{.step = STEP_AGAIN}
-                                 : FileLockCreationFailure(openingError);
+   const bool wasThere = openingError != ENOENT && openingError != ENOTDIR && openingError != ELOOP;
+   return wasThere ? openingError : ONCE_MORE;
 }
 
 /* Opens the lock directory, which is made if need be. */
-FileLockOutcome FileLockFindDirectory(FileLockPlace *place)
+int FileLockFindDirectory(FileLockPlace *place, bool *refused)
 {
    const int makingError = FileLockPlace_Make(*place);
    const int openingError = FileLockPlace_Open(place);
 
-   return openingError == 0 ? FileLockOutcome{.step = STEP_DONE}
-                            : FileLockNoDirectory(*place, makingError, openingError);
+   return openingError == 0 ? 0 : FileLockNoDirectory(*place, makingError, openingError, refused);
 }
 
-FileLockOutcome FileLockTakeNumber(FileLockAttempt *attempt)
+int FileLockTakeNumber(FileLockAttempt *attempt, OwnedDescriptor *writing, bool *refused)
 {
-   bool creation;
-
    attempt->number = arc4random_uniform(NUMBERS);
-   const int error = FileLockNumber_Take(attempt->place, attempt->number, attempt->exclusive, &creation);
+   attempt->name = FileLockMember_Name(FILE_LOCK_MEMBER, attempt->number);
+   const FileLockName entry = FileLockMember_Name(FILE_LOCK_ENTRY, attempt->number);
+   int error = FileLockPlace_MakeDirectory(attempt->place, entry.text);
    if (error == 0) {
-      return {.step = STEP_DONE};
+      error = FileLockNumber_Take(attempt->place, attempt->number, attempt->exclusive, writing);
+   } else {
+      FileLockCreationFailure(error, refused);
    }
-   if (error == EEXIST || error == ENOENT) {
-      return {.step = STEP_AGAIN};
-   }
-   return creation ? FileLockCreationFailure(error) : FileLockOutcome{.step = STEP_FAILED, .error = error};
+   return error == EEXIST || error == ENOENT ? ONCE_MORE : error;
 }
 
-FileLockOutcome FileLockNoProgress(const FileLockPlace &place)
+int FileLockNoProgress(const FileLockPlace &place)
 {
    Log("FILE: %s lack of progress on '%s'\n", "FileLockCreateEntryDirectory", place.path.get());
-   return {.step = STEP_FAILED, .error = EBUSY};
+   return EBUSY;
 }
 
-/* Holds a number of the lock directory, which is made if need be. */
-FileLockOutcome FileLockCreateEntryDirectory(FileLockAttempt *attempt)
+/* Holds a number of the lock directory, which is made if need be, with En open. *refused: nothing can be created here. */
+int FileLockCreateEntryDirectory(FileLockAttempt *attempt, OwnedDescriptor *writing, bool *refused)
 {
    for (unsigned round = 0;; round++) {
       if (FileLockWait_NowMs() - attempt->startMs > PROGRESS_MS) {
          return FileLockNoProgress(attempt->place);
       }
       if (round >= HASTY_ROUNDS && !FileLockWait_Pause(*attempt, 1)) {
-         return {.step = STEP_FAILED, .error = ECANCELED};
+         return ECANCELED;
       }
-      FileLockOutcome outcome = FileLockFindDirectory(&attempt->place);
-      if (outcome.step == STEP_DONE) {
-         outcome = FileLockTakeNumber(attempt);
+      const FileLockClearedMask cleared;
+      int error = FileLockFindDirectory(&attempt->place, refused);
+      if (error == 0) {
+         error = FileLockTakeNumber(attempt, writing, refused);
       }
-      if (outcome.step != STEP_AGAIN) {
-         return outcome;
+      if (error != ONCE_MORE) {
+         return error;
       }
    }
 }
 
-int FileLockHighest([[maybe_unused]] const char *name, FileLockMember *member, void *context)
+int FileLockHighest(FileLockAttempt *attempt, FileLockMember *member)
 {
-   auto *const highest = static_cast<uint32_t *>(context);
-
-   if (member->ticket > *highest) {
-      *highest = member->ticket;
-   }
+   attempt->ticket = std::max(attempt->ticket, member->ticket);
    return 0;
 }
 
@@ -171,24 +173,18 @@ int FileLockWriteMember(const FileLockAttempt &attempt, int fd, const char *name
 }
 
 /* Chooses a ticket, while the file says that a choice is being made, and writes it. */
-int FileLockChoose(FileLockAttempt *attempt, const char *name)
+int FileLockChoose(FileLockAttempt *attempt, const char *name, OwnedDescriptor writing)
 {
-   uint32_t highest = 0;
-
-   OwnedDescriptor file(FileLockPlace_CreateFile(attempt->place, name));
-   if (file.get() == -1) {
-      return errno;
-   }
-   int error = FileLockScanDirectory(attempt->place, nullptr, FileLockHighest, &highest);
+   int error = FileLockScanDirectory(attempt, nullptr, FileLockHighest);
    if (error != 0) {
       return error;
    }
-   if (highest == UINT32_MAX) {
-      return FileLockNoProgress(attempt->place).error;
+   if (attempt->ticket == UINT32_MAX) {
+      return FileLockNoProgress(attempt->place);
    }
-   attempt->ticket = highest + 1;
-   error = FileLockWriteMember(*attempt, file.get(), name);
-   if (close(file.release()) == -1 && error == 0) {
+   attempt->ticket++;
+   error = FileLockWriteMember(*attempt, writing.get(), name);
+   if (close(writing.release()) == -1 && error == 0) {
       error = errno;
       Log("FILE: %s close of '%s' failed: %s\n", "FileLockCreateMemberFile",
           FileLockPlace_Path(attempt->place, name).get(), strerror(error));
@@ -207,56 +203,76 @@ int FileLockPublish(const FileLockPlace &place, const char *writing, const char 
    return error;
 }
 
-/* Publishes a ticket under the number that is held. On failure the file is gone again. */
-int FileLockCreateMemberFile(FileLockAttempt *attempt)
+int FileLockRemoveEntry(const FileLockPlace &place, const char *name)
 {
-   const FileLockName writing = FileLockMember_Name(FILE_LOCK_WRITING, attempt->number);
+   return FileLockRemoveLockingFile(place.stream, FileLockPlace_Path(place, name).get());
+}
 
-   int error = FileLockChoose(attempt, writing.text);
+/* Publishes a ticket under the number that is held, and gives that up. On failure the files are gone again; if one cannot be
+   removed, its owner has to be known, and the number stays held. */
+int FileLockCreateMemberFile(FileLockAttempt *attempt, OwnedDescriptor writing)
+{
+   const FileLockPlace &place = attempt->place;
+   const FileLockName name = FileLockMember_Name(FILE_LOCK_WRITING, attempt->number);
+   int left = 0;
+
+   int error = FileLockChoose(attempt, name.text, std::move(writing));
    if (error == 0) {
-      error = FileLockPublish(attempt->place, writing.text, attempt->name.text);
+      error = FileLockPublish(place, name.text, attempt->name.text);
    }
    if (error != 0) {
-      FileLockRemoveLockingFile(attempt->place, writing.text);
+      /* The renaming may have failed and taken effect, where another machine does it. */
+      FileLockRemoveEntry(place, attempt->name.text);
+      left = FileLockRemoveEntry(place, name.text);
+   }
+   if (left == 0) {
+      FileLockNumber_Release(place, attempt->number, attempt->exclusive);
    }
    return error;
 }
 
 /* Two looks, as a list is no snapshot. The first sees every process that chose without knowing our ticket, and lets
    it finish; only the second is sure to see what it has chosen. */
-int FileLockWaitForTurn(const FileLockAttempt &attempt)
+int FileLockWaitForTurn(FileLockAttempt *attempt)
 {
-   const int error = FileLockWait_ForChoosers(attempt);
+   const int error = FileLockWait_ForChoosers(*attempt);
    return error != 0 ? error : FileLockWait_ForPossession(attempt);
 }
 
 /* From the number that is held to the lock. On failure nothing is left but the lock directory. */
-int FileLockAcquire(FileLockAttempt *attempt)
+int FileLockAcquire(FileLockAttempt *attempt, OwnedDescriptor writing)
 {
-   attempt->name = FileLockMember_Name(FILE_LOCK_MEMBER, attempt->number);
-   int error = FileLockCreateMemberFile(attempt);
-   FileLockNumber_Release(attempt->place, attempt->number, attempt->exclusive);
+   int error = FileLockCreateMemberFile(attempt, std::move(writing));
    if (error != 0) {
       return error;
    }
-   error = FileLockWaitForTurn(*attempt);
+   error = FileLockWaitForTurn(attempt);
    if (error != 0) {
-      FileLockRemoveLockingFile(attempt->place, attempt->name.text);
+      FileLockRemoveEntry(attempt->place, attempt->name.text);
    }
    return error;
 }
 
-FileLockToken *FileLockMakeToken(const FileLockAttempt &attempt, bool implicit)
+FileLockToken *FileLockMakeToken(FileLockPlace *place, Owned<char> memberPath)
 {
-   auto *const token = static_cast<FileLockToken *>(Util_SafeCalloc(1, sizeof(FileLockToken)));
+   auto *const token = new (Util_SafeCalloc(1, sizeof(FileLockToken))) FileLockToken();
 
    memcpy(token->signature, SIGNATURE, sizeof SIGNATURE);
    token->valid = true;
-   token->path = Util_SafeStrdup(attempt.place.path.get());
-   if (!implicit) {
-      token->memberPath = FileLockPlace_Path(attempt.place, attempt.name.text).release();
-   }
+   token->path = std::move(place->path);
+   token->memberPath = std::move(memberPath);
+   token->directory = std::move(place->stream);
    return token;
+}
+
+/* What an attempt that failed leaves is nothing. */
+void FileLockLeave(const FileLockPlace &place)
+{
+   if (place.stream != nullptr) {
+      FileLockPlace_RemoveSelf(place.stream, place.directory.get());
+   } else {
+      rmdir(place.directory.get());
+   }
 }
 
 void FileLockTell(const FileLockHooks &hooks, int error)
@@ -274,6 +290,8 @@ FileLockToken *FileLockIntrinsicPortable(const char *path, bool exclusive, uint3
                                          const FileLockHooks &hooks, int *error)
 {
    FileLockAttempt attempt;
+   OwnedDescriptor writing;
+   bool refused = false;
 
    *error = FileLockPlace_Find(&attempt.place, path);
    if (*error != 0) {
@@ -284,44 +302,44 @@ FileLockToken *FileLockIntrinsicPortable(const char *path, bool exclusive, uint3
    attempt.maxWaitMs = maxWaitMs;
    attempt.hooks = &hooks;
    attempt.startMs = FileLockWait_NowMs();
-   const FileLockOutcome entry = FileLockCreateEntryDirectory(&attempt);
-   if (entry.step == STEP_REFUSED && !exclusive) {
+   *error = FileLockCreateEntryDirectory(&attempt, &writing, &refused);
+   if (refused && !exclusive) {
+      *error = 0;
       Log("FILE: %s implicit %s lock succeeded on '%s'.\n", "FileLockIntrinsicPortable", "S",
           attempt.place.path.get());
-      return FileLockMakeToken(attempt, true);
+      return FileLockMakeToken(&attempt.place, nullptr);
    }
-   *error = entry.step == STEP_DONE ? FileLockAcquire(&attempt) : entry.error;
    if (*error == 0) {
-      return FileLockMakeToken(attempt, false);
+      *error = FileLockAcquire(&attempt, std::move(writing));
    }
-   rmdir(attempt.place.directory.get());
+   if (*error == 0) {
+      return FileLockMakeToken(&attempt.place, FileLockPlace_Path(attempt.place, attempt.name.text));
+   }
+   FileLockLeave(attempt.place);
    if (*error == EAGAIN) {
       *error = 0;
    }
    return nullptr;
 }
 
-/* The token says all that is needed: the process may have lost sight of the rest, as after fork(2). */
+/* The token holds all that is needed: the process may have lost sight of the rest, as after fork(2). */
 int FileUnlockIntrinsic(FileLockToken *token)
 {
+   int error = 0;
+
    if (memcmp(token->signature, SIGNATURE, sizeof SIGNATURE) != 0 || !token->valid) {
       Panic("VERIFY %s:%d\n", "lib/file/fileLock", __LINE__);
    }
-   const Owned<FileLockToken> owned(token);
-   const Owned<char> path(token->path);
-   const Owned<char> memberPath(token->memberPath);
-   int error = 0;
-
-   token->valid = false;
-   if (memberPath != nullptr) {
-      if (unlink(memberPath.get()) == -1 && errno != ENOENT) {
-         error = FileLockReportRemoval(memberPath.get(), errno);
-      }
+   char *const path = token->memberPath.get();
+   if (path != nullptr) {
+      error = FileLockRemoveLockingFile(token->directory, path);
       /* What is left of it is the path of the lock directory. */
-      *strrchr(memberPath.get(), '/') = '\0';
-      rmdir(memberPath.get());
+      *strrchr(path, '/') = '\0';
+      FileLockPlace_RemoveSelf(token->directory, path);
    }
-   memset(token, 0, sizeof *token);
+   std::destroy_at(token);
+   memset(static_cast<void *>(token), 0, sizeof *token);
+   free(token);
    return error;
 }
 

@@ -60,13 +60,15 @@ int FileUnlockIntrinsic(FileLockToken *token);
 /* Whether the token was granted without a trace. */
 [[nodiscard]] bool FileLock_IsImplicit(const FileLockToken *token);
 
+/* What an entry of a lock directory is worth. */
 enum FileLockState {
-   FILE_LOCK_HOLDS,
-   FILE_LOCK_WAITS,
-   FILE_LOCK_CHOOSES, /* Is about to take a ticket. */
-   FILE_LOCK_STALE,   /* Its process has ended: will be cleared away by the next to take the lock. */
-   FILE_LOCK_MOVED,   /* Belongs to a lock in another place, from where it was moved or copied: is ignored. */
+   FILE_LOCK_GONE,       /* Nothing: it is not there any more. Never listed. */
    FILE_LOCK_UNREADABLE, /* Says nothing of its owner. */
+   FILE_LOCK_STALE,      /* Its process has ended: will be cleared away by the next to take the lock. */
+   FILE_LOCK_MOVED,   /* Belongs to a lock in another place, from where it was moved or copied: is ignored. */
+   FILE_LOCK_CHOOSES, /* Is about to take a ticket. */
+   FILE_LOCK_WAITS,   /* Has a ticket. */
+   FILE_LOCK_HOLDS,
 };
 
 struct FileLockParty {

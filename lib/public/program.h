@@ -2,14 +2,16 @@
 #define TESSEL_LIB_PUBLIC_PROGRAM_H
 
 /* What the foundation library expects of the program that links it. The library declares these routines and
-   calls them; the program defines them (this one in daemon/serviceLog.cpp and location/location.cpp). */
+   calls them; the program defines them (this one in daemon/serviceLog.cpp and location/location.cpp).
+
+   The reporting ones keep errno: the library reports a failed call, and its caller still reads from errno why
+   it failed. A definition that calls anything puts errno back before it returns. */
 
 /* Lets the compiler check format against the arguments that follow it. */
 #define FORMAT_ARGUMENTS(formatIndex, firstIndex) __attribute__((format(printf, formatIndex, firstIndex)))
 
 /* Writes one message to the program's log. The text carries its own line end. By convention the first argument
-   is the name of the routine that reports. Must not change errno's meaning for the caller: callers that need
-   errno save it first. */
+   is the name of the routine that reports. */
 void Log(const char *format, ...) FORMAT_ARGUMENTS(1, 2);
 
 /* As Log, for what should not have happened but is survived. */

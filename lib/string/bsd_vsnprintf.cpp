@@ -1,5 +1,6 @@
 #include "lib/string/bsd_vsnprintf.h"
 
+#include "base/errno.h"
 #include "lib/string/format/arguments.h"
 #include "lib/string/format/directive.h"
 #include "lib/string/format/float.h"
@@ -8,7 +9,6 @@
 #include "lib/string/format/sink.h"
 #include "lib/string/format/text.h"
 
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -42,63 +42,35 @@ void FormatStoreCount(unsigned flags, void *target, int count)
    }
 }
 
-/* The conversions whose output never has a sign. */
-bool FormatConvertUnsigned(const FormatCall &call, Directive *directive)
+bool FormatConvert(const FormatCall &call, FormatDirective *directive, FormatValue value)
 {
-   const unsigned flags = directive->flags;
-
-   directive->sign = '\0';
-   switch (directive->conversion) {
-   case 's':
-   case 'S':
-      if ((flags & LONGINT) != 0) {
-         return Text_PutWideString(call.sink, *directive,
-                                   static_cast<const wchar_t *>(call.arguments->TakePointer()));
+   switch (directive->kind) {
+   case FormatKind::DECIMAL:
+      return FormatInteger_PutDecimal(call.sink, directive, value.integer, call.locale);
+   case FormatKind::OCTAL:
+   case FormatKind::HEXADECIMAL:
+      return FormatInteger_PutBits(call.sink, directive, static_cast<uint64_t>(value.integer));
+   case FormatKind::POINTER:
+      return FormatInteger_PutBits(call.sink, directive, reinterpret_cast<uintptr_t>(value.pointer));
+   case FormatKind::EXPONENTIAL:
+   case FormatKind::FIXED:
+   case FormatKind::GENERAL:
+      return FormatFloat_Put(call.sink, directive, value.real, call.locale);
+   case FormatKind::STRING:
+      if ((directive->flags & LONGINT) != 0) {
+         return FormatText_PutWideString(call.sink, *directive, static_cast<const wchar_t *>(value.pointer));
       }
-      return Text_PutString(call.sink, *directive, static_cast<const char *>(call.arguments->TakePointer()));
-   case 'c':
-   case 'C':
-      if ((flags & LONGINT) != 0) {
-         return Text_PutWideCharacter(call.sink, *directive, static_cast<wint_t>(call.arguments->TakeInt()));
+      return FormatText_PutString(call.sink, *directive, static_cast<const char *>(value.pointer));
+   case FormatKind::CHARACTER:
+      if ((directive->flags & LONGINT) != 0) {
+         return FormatText_PutWideCharacter(call.sink, *directive, static_cast<wint_t>(value.integer));
       }
-      return Text_PutByte(call.sink, *directive, static_cast<char>(call.arguments->TakeInt()));
-   case 'u':
-   case 'U':
-      return Integer_PutUnsigned(call.sink, directive, call.arguments->TakeUnsigned(flags), call.locale);
-   case 'o':
-   case 'O':
-      return Integer_PutOctal(call.sink, directive, call.arguments->TakeUnsigned(flags));
-   case 'x':
-   case 'X':
-      return Integer_PutHexadecimal(call.sink, directive, call.arguments->TakeUnsigned(flags));
-   case 'p':
-      return Integer_PutHexadecimal(call.sink, directive,
-                                    reinterpret_cast<uintptr_t>(call.arguments->TakePointer()));
-   case 'n':
-      FormatStoreCount(flags, call.arguments->TakePointer(), Sink_Count(call.sink));
+      return FormatText_PutByte(call.sink, *directive, static_cast<char>(value.integer));
+   case FormatKind::COUNT:
+      FormatStoreCount(directive->flags, value.pointer, FormatSink_Count(call.sink));
       return true;
    default: /* '%' among them */
-      return Text_PutByte(call.sink, *directive, directive->conversion);
-   }
-}
-
-bool FormatConvert(const FormatCall &call, Directive *directive)
-{
-   switch (directive->conversion) {
-   case 'd':
-   case 'i':
-   case 'D':
-      return Integer_PutSigned(call.sink, directive, call.arguments->TakeSigned(directive->flags),
-                               call.locale);
-   case 'e':
-   case 'E':
-   case 'f':
-   case 'F':
-   case 'g':
-   case 'G':
-      return Float_Put(call.sink, directive, call.arguments->TakeReal(directive->flags), call.locale);
-   default:
-      return FormatConvertUnsigned(call, directive);
+      return FormatText_PutByte(call.sink, *directive, directive->conversion);
    }
 }
 
@@ -115,11 +87,11 @@ size_t FormatPlainLength(const char *position)
 bool FormatConvertPlain(const FormatCall &call, const char *position)
 {
    if (*position == 's') {
-      const auto *const string = static_cast<const char *>(call.arguments->TakePointer());
-      return Sink_Write(call.sink, string != nullptr ? string : "(null)");
+      const auto *const string = static_cast<const char *>(call.arguments->Take(FormatType::POINTER).pointer);
+      return FormatSink_Write(call.sink, string != nullptr ? string : "(null)");
    }
-   return Integer_PutInt(call.sink, call.arguments->TakeInt(),
-                         *position == '0' ? static_cast<size_t>(position[1] - '0') : 0);
+   return FormatInteger_PutInt(call.sink, static_cast<int>(call.arguments->Take(FormatType::INT).integer),
+                               *position == '0' ? static_cast<size_t>(position[1] - '0') : 0);
 }
 
 /* Puts out the whole format and returns the place of its NUL; null: the result is -1. */
@@ -130,7 +102,7 @@ const char *FormatRun(const FormatCall &call, const char *format)
       while (*format != '\0' && *format != '%') {
          format++;
       }
-      if (format != run && !Sink_Write(call.sink, {run, static_cast<size_t>(format - run)})) {
+      if (format != run && !FormatSink_Write(call.sink, {run, static_cast<size_t>(format - run)})) {
          return nullptr;
       }
       if (*format == '\0') {
@@ -144,12 +116,12 @@ const char *FormatRun(const FormatCall &call, const char *format)
          format += length;
          continue;
       }
-      Directive directive;
-      format = Directive_Scan(format, &directive, call.arguments);
-      if (directive.conversion == '\0') {
+      FormatDirective directive;
+      format = call.arguments->Scan(format, &directive);
+      if (directive.kind == FormatKind::END) {
          return format;
       }
-      if (!FormatConvert(call, &directive)) {
+      if (!FormatConvert(call, &directive, call.arguments->Take(directive.type))) {
          return nullptr;
       }
    }
@@ -164,38 +136,36 @@ const char *FormatInto(FormatSink *sink, FormatLocale *locale, const char *forma
 
 int FormatAllocating(char **output, FormatLocale *locale, const char *format, va_list args)
 {
-   char frame[SINK_FRAME_SIZE];
+   char frame[FORMAT_SINK_FRAME_SIZE];
    FormatSink sink;
 
-   Sink_InitAllocating(&sink, frame, format);
+   FormatSink_InitAllocating(&sink, frame, format);
    const char *const end = FormatInto(&sink, locale, format, args);
    if (end == nullptr) {
-      Sink_Discard(&sink);
+      FormatSink_Discard(&sink);
       return -1;
    }
-   *output = Sink_Detach(&sink, end);
-   return *output != nullptr ? Sink_Count(&sink) : -1;
+   *output = FormatSink_Detach(&sink, end);
+   return *output != nullptr ? FormatSink_Count(&sink) : -1;
 }
 
 int FormatFixed(char *buffer, size_t size, FormatLocale *locale, const char *format, va_list args)
 {
    FormatSink sink;
 
-   Sink_InitFixed(&sink, buffer, size);
+   FormatSink_InitFixed(&sink, buffer, size);
    const char *const end = FormatInto(&sink, locale, format, args);
-   Sink_Terminate(&sink);
-   return end != nullptr ? Sink_Count(&sink) : -1;
+   FormatSink_Terminate(&sink);
+   return end != nullptr ? FormatSink_Count(&sink) : -1;
 }
 
 /* What the engine calls may set errno; callers format messages about errno before they look at it. */
 int FormatWithLocale(char **output, FormatLocale locale, size_t size, const char *format, va_list args)
 {
-   const int savedErrno = errno;
-   const int result = *output == nullptr ? FormatAllocating(output, &locale, format, args)
-                                         : FormatFixed(*output, size, &locale, format, args);
+   const KeptErrno kept;
 
-   errno = savedErrno;
-   return result;
+   return *output == nullptr ? FormatAllocating(output, &locale, format, args)
+                             : FormatFixed(*output, size, &locale, format, args);
 }
 
 } // namespace

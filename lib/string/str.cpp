@@ -41,7 +41,7 @@ int StrFormat(Engine engine, char *buffer, size_t maxSize, const char *format, v
    const int result = engine(&output, maxSize, format, args);
 
    if (maxSize != 0 && !StrFits(result, maxSize)) {
-      buffer[Text_WholeUtf8Length(buffer, maxSize - 1)] = '\0';
+      buffer[FormatText_WholeUtf8Length(buffer, maxSize - 1)] = '\0';
    }
    return result;
 }

@@ -128,15 +128,6 @@ unsigned int HexDigit(char digit)
    Panic("NOT_IMPLEMENTED %s:%d\n", MODULE, __LINE__);
 }
 
-uint32_t HexNumber(const char *digits, size_t count)
-{
-   uint32_t value = 0;
-   for (size_t i = 0; i < count; i++) {
-      value = value << 4 | HexDigit(digits[i]);
-   }
-   return value;
-}
-
 /* One byte of a literal, which is ASCII. */
 char LiteralByte(const char **text)
 {
@@ -145,6 +136,15 @@ char LiteralByte(const char **text)
       Panic("VERIFY %s:%d\n", MODULE, __LINE__);
    }
    return byte;
+}
+
+uint32_t HexNumber(const char **text, size_t count)
+{
+   uint32_t value = 0;
+   for (size_t i = 0; i < count; i++) {
+      value = value << 4 | HexDigit(LiteralByte(text));
+   }
+   return value;
 }
 
 /* The next character or escape. A backslash is never the last byte here. */
@@ -158,9 +158,7 @@ uint32_t LiteralCodePoint(const char **text)
    if (kind != 'u' && kind != 'U') {
       return static_cast<uint32_t>(kind);
    }
-   const size_t digits = kind == 'u' ? 4 : 8;
-   const uint32_t codePoint = HexNumber(*text, digits);
-   *text += digits;
+   const uint32_t codePoint = HexNumber(text, kind == 'u' ? 4 : 8);
    if (codePoint > UNICODE_LAST_CODE_POINT) {
       Panic("VERIFY %s:%d\n", MODULE, __LINE__);
    }

@@ -10,11 +10,11 @@ namespace {
 /* ecvt and fcvt answer in a static buffer that their next call frees: the lock covers the copy too. */
 pthread_mutex_t sConversionLock = PTHREAD_MUTEX_INITIALIZER;
 
-using Conversion = char *(*)(double, int, int *, int *);
+using DecimalDigitsConversion = char *(*)(double, int, int *, int *);
 
 /* The digits go to digits->buffer without leading zeros, which the exponent accounts for; none if there are only
    zeros. */
-bool ConvertLocked(DecimalDigits *digits, Conversion convert, double value, int count)
+bool DecimalDigitsConvert(DecimalDigits *digits, DecimalDigitsConversion convert, double value, int count)
 {
    int negative = 0;
 
@@ -31,7 +31,7 @@ bool ConvertLocked(DecimalDigits *digits, Conversion convert, double value, int 
 }
 
 /* The library is free to leave trailing zeros out or to add some; callers are promised an exact number of digits. */
-void SetLength(DecimalDigits *digits, int count)
+void DecimalDigitsSetLength(DecimalDigits *digits, int count)
 {
    const auto length = static_cast<size_t>(count);
 
@@ -49,22 +49,22 @@ bool DecimalDigits_Significant(DecimalDigits *digits, double value, int count)
    if (value == 0) {
       digits->length = 0;
       digits->exponent = 1;
-   } else if (!ConvertLocked(digits, ecvt, value, count)) {
+   } else if (!DecimalDigitsConvert(digits, ecvt, value, count)) {
       return false;
    }
-   SetLength(digits, count);
+   DecimalDigitsSetLength(digits, count);
    return true;
 }
 
 bool DecimalDigits_Fixed(DecimalDigits *digits, double value, int count)
 {
    digits->length = 0;
-   if (value != 0 && !ConvertLocked(digits, fcvt, value, count)) {
+   if (value != 0 && !DecimalDigitsConvert(digits, fcvt, value, count)) {
       return false;
    }
    if (digits->length == 0) {
       digits->exponent = -count;
    }
-   SetLength(digits, digits->exponent + count);
+   DecimalDigitsSetLength(digits, digits->exponent + count);
    return true;
 }

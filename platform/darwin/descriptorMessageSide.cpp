@@ -11,15 +11,22 @@ static_assert(sizeof(struct cmsghdr) == 12 && offsetof(struct cmsghdr, cmsg_leve
 static_assert(sizeof(struct msghdr) == 48 && sizeof(struct iovec) == 16);
 static_assert(CMSG_LEN(sizeof(int)) == 16 && CMSG_SPACE(sizeof(int)) == 16);
 
-const size_t DESCRIPTOR_MESSAGE_ROOM = DESCRIPTOR_MESSAGE_MAX_ROOM;
-const int DESCRIPTOR_MESSAGE_RECEIVE_FLAGS = 0;
+size_t DescriptorMessageSide_Room()
+{
+   return DESCRIPTOR_MESSAGE_MAX_ROOM;
+}
 
-bool DescriptorMessageIsHangUp([[maybe_unused]] int error)
+int DescriptorMessageSide_ReceiveFlags()
+{
+   return 0;
+}
+
+bool DescriptorMessageSide_IsHangUp([[maybe_unused]] int error)
 {
    return false;
 }
 
-void DescriptorMessageCloseOnExec(int descriptor)
+void DescriptorMessageSide_CloseOnExec(int descriptor)
 {
    fcntl(descriptor, F_SETFD, FD_CLOEXEC);
 }

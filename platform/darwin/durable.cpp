@@ -1,22 +1,14 @@
 #include "platform/durable.h"
 
-#include <cerrno>
+#include "base/errno.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace {
 
-template <typename Call> int Uninterrupted(Call call)
-{
-   int result;
-   do {
-      result = call();
-   } while (result == -1 && errno == EINTR);
-   return result;
-}
-
 /* The answers of file systems that know no full flush, network ones among them. */
-bool IsUnknownRequest(int error)
+bool DurableIsUnknownRequest(int error)
 {
    return error == ENOTSUP || error == ENOTTY || error == EINVAL || error == ENOSYS;
 }
@@ -29,8 +21,8 @@ bool Durable_File(int fd)
    if (Uninterrupted([fd] { return fcntl(fd, F_FULLFSYNC); }) != -1) {
       return true;
    }
-   if (!IsUnknownRequest(errno)) {
+   if (!DurableIsUnknownRequest(errno)) {
       return false;
    }
-   return Uninterrupted([fd] { return fsync(fd); }) == 0 || IsUnknownRequest(errno);
+   return Uninterrupted([fd] { return fsync(fd); }) == 0 || DurableIsUnknownRequest(errno);
 }

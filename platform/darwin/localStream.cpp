@@ -43,5 +43,5 @@ bool LocalStream_Pipe(int ends[2])
 
 bool LocalStream_SendDescriptor(int socket, const uint8_t *byte, int descriptor)
 {
-   return DescriptorMessageSend(socket, byte, descriptor, 0);
+   return DescriptorMessage_SendWithFlags(socket, byte, descriptor, 0);
 }

@@ -8,15 +8,22 @@ static_assert(SOL_SOCKET == 1 && SCM_RIGHTS == 1);
 static_assert(sizeof(struct cmsghdr) == 16 && sizeof(struct msghdr) == 56);
 static_assert(CMSG_LEN(sizeof(int)) == 20 && CMSG_SPACE(sizeof(int)) == 24);
 
-const size_t DESCRIPTOR_MESSAGE_ROOM = 1;
-const int DESCRIPTOR_MESSAGE_RECEIVE_FLAGS = MSG_CMSG_CLOEXEC;
+size_t DescriptorMessageSide_Room()
+{
+   return 1;
+}
+
+int DescriptorMessageSide_ReceiveFlags()
+{
+   return MSG_CMSG_CLOEXEC;
+}
 
 /* A peer that closes with our own last byte unread breaks the connection here, instead of ending it. */
-bool DescriptorMessageIsHangUp(int error)
+bool DescriptorMessageSide_IsHangUp(int error)
 {
    return error == ECONNRESET;
 }
 
-void DescriptorMessageCloseOnExec([[maybe_unused]] int descriptor)
+void DescriptorMessageSide_CloseOnExec([[maybe_unused]] int descriptor)
 {
 }

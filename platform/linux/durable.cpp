@@ -1,13 +1,10 @@
 #include "platform/durable.h"
 
-#include <cerrno>
+#include "base/errno.h"
+
 #include <unistd.h>
 
 bool Durable_File(int fd)
 {
-   int result;
-   do {
-      result = fsync(fd);
-   } while (result == -1 && errno == EINTR);
-   return result == 0 || errno == EINVAL;
+   return Uninterrupted([fd] { return fsync(fd); }) == 0 || errno == EINVAL;
 }

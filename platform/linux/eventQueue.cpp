@@ -3,7 +3,6 @@
 #include "base/errno.h"
 
 #include <bit>
-#include <cerrno>
 #include <cstdlib>
 #include <sys/epoll.h>
 
@@ -13,12 +12,12 @@
 
 namespace {
 
-struct Registration {
+struct EventQueueRegistration {
    QueueHandler handler; /* Null: not watched. */
    int queue;
 };
 
-Registration *sRegistrations = nullptr;
+EventQueueRegistration *sRegistrations = nullptr;
 size_t sRegistrationCount = 0;
 
 bool EventQueueMakeRoom(size_t index)
@@ -29,7 +28,8 @@ bool EventQueueMakeRoom(size_t index)
       return true;
    }
    const size_t count = index < minimum ? minimum : std::bit_ceil(index + 1);
-   auto *grown = static_cast<Registration *>(realloc(sRegistrations, count * sizeof(Registration)));
+   auto *grown =
+       static_cast<EventQueueRegistration *>(realloc(sRegistrations, count * sizeof(EventQueueRegistration)));
    if (grown == nullptr) {
       return false;
    }

@@ -18,5 +18,5 @@ bool LocalStream_Pipe(int ends[2])
 
 bool LocalStream_SendDescriptor(int socket, const uint8_t *byte, int descriptor)
 {
-   return DescriptorMessageSend(socket, byte, descriptor, MSG_NOSIGNAL);
+   return DescriptorMessage_SendWithFlags(socket, byte, descriptor, MSG_NOSIGNAL);
 }

@@ -1,52 +1,46 @@
 #include "platform/normalization.h"
 
-#include <cstdlib>
+#include "base/owned.h"
+
 #include <cstring>
-#include <memory>
 #include <unicode/unorm2.h>
 #include <unicode/ustring.h>
 
 namespace {
 
-struct Free {
-   void operator()(void *block) const
-   {
-      free(block);
-   }
-};
+using NormalizationUnits = Owned<UChar>;
 
-using Units = std::unique_ptr<UChar, Free>;
-
-Units AllocUnits(int32_t count)
+NormalizationUnits NormalizationAllocUnits(int32_t count)
 {
-   return Units(static_cast<UChar *>(malloc((static_cast<size_t>(count) + 1) * sizeof(UChar))));
+   return NormalizationUnits(static_cast<UChar *>(malloc((static_cast<size_t>(count) + 1) * sizeof(UChar))));
 }
 
-const UNormalizer2 *Normalizer(NormalizationForm form, UErrorCode *status)
+const UNormalizer2 *NormalizationInstance(NormalizationForm form, UErrorCode *status)
 {
    return form == NormalizationForm::Composed ? unorm2_getNFCInstance(status) : unorm2_getNFDInstance(status);
 }
 
 /* UTF-8 never has fewer bytes than UTF-16 has units. */
-Units FromUtf8(const char *string, int32_t length, int32_t *count)
+NormalizationUnits NormalizationFromUtf8(const char *string, int32_t length, int32_t *count)
 {
    UErrorCode status = U_ZERO_ERROR;
-   Units units = AllocUnits(length);
+   NormalizationUnits units = NormalizationAllocUnits(length);
    if (units != nullptr) {
       u_strFromUTF8(units.get(), length + 1, count, string, length, &status);
    }
    return U_SUCCESS(status) ? std::move(units) : nullptr;
 }
 
-Units Normalized(const UChar *units, int32_t count, NormalizationForm form, int32_t *normalizedCount)
+NormalizationUnits NormalizationOfUnits(const UChar *units, int32_t count, NormalizationForm form,
+                                        int32_t *normalizedCount)
 {
    UErrorCode status = U_ZERO_ERROR;
-   const UNormalizer2 *normalizer = Normalizer(form, &status);
+   const UNormalizer2 *normalizer = NormalizationInstance(form, &status);
    *normalizedCount = unorm2_normalize(normalizer, units, count, nullptr, 0, &status);
    if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status)) {
       return nullptr;
    }
-   Units normalized = AllocUnits(*normalizedCount);
+   NormalizationUnits normalized = NormalizationAllocUnits(*normalizedCount);
    status = U_ZERO_ERROR;
    if (normalized != nullptr) {
       unorm2_normalize(normalizer, units, count, normalized.get(), *normalizedCount + 1, &status);
@@ -54,11 +48,11 @@ Units Normalized(const UChar *units, int32_t count, NormalizationForm form, int3
    return U_SUCCESS(status) ? std::move(normalized) : nullptr;
 }
 
-char *ToUtf8(const UChar *units, int32_t count)
+char *NormalizationToUtf8(const UChar *units, int32_t count)
 {
    constexpr size_t maxBytesPerUnit = 3;
    const size_t capacity = static_cast<size_t>(count) * maxBytesPerUnit + 1;
-   std::unique_ptr<char, Free> string(static_cast<char *>(malloc(capacity)));
+   Owned<char> string(static_cast<char *>(malloc(capacity)));
    UErrorCode status = U_ZERO_ERROR;
    if (string == nullptr || capacity > INT32_MAX) {
       return nullptr;
@@ -76,11 +70,11 @@ char *Normalization_Normalize(const char *string, NormalizationForm form)
       return nullptr;
    }
    int32_t count = 0;
-   const Units units = FromUtf8(string, static_cast<int32_t>(length), &count);
+   const NormalizationUnits units = NormalizationFromUtf8(string, static_cast<int32_t>(length), &count);
    if (units == nullptr) {
       return nullptr;
    }
    int32_t normalizedCount = 0;
-   const Units normalized = Normalized(units.get(), count, form, &normalizedCount);
-   return normalized == nullptr ? nullptr : ToUtf8(normalized.get(), normalizedCount);
+   const NormalizationUnits normalized = NormalizationOfUnits(units.get(), count, form, &normalizedCount);
+   return normalized == nullptr ? nullptr : NormalizationToUtf8(normalized.get(), normalizedCount);
 }

@@ -1,12 +1,14 @@
 #include "platform/processIdentity.h"
 
+#include "base/owned.h"
+
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
-#include <unistd.h>
 
 namespace {
 
@@ -16,20 +18,26 @@ using namespace std::string_view_literals;
 constexpr int FIELD_THREADS = 17;
 constexpr int FIELD_START = 19;
 
-/* The namespace of process ids that the system starts with (PROC_PID_INIT_INO in include/linux/proc_ns.h). */
-constexpr std::string_view FIRST_NAMESPACE = "pid:[4026531836]"sv;
+/* What keeps groups of processes apart: who sees other ids, or is told other times since the start. With those that the
+   system starts with (PROC_PID_INIT_INO and PROC_TIME_INIT_INO in include/linux/proc_ns.h). */
+struct ProcessIdentityNamespace {
+   const char *path;
+   std::string_view first;
+};
+
+constexpr ProcessIdentityNamespace NAMESPACES[] = {
+    {"/proc/self/ns/pid", "pid:[4026531836]"sv},
+    {"/proc/self/ns/time", "time:[4026531834]"sv},
+};
 
 /* The file's text, at most size bytes of it, without the line end; empty with errno set if there is none. */
 std::string_view ProcessIdentityRead(const char *path, char *buffer, size_t size)
 {
-   const int file = open(path, O_RDONLY | O_CLOEXEC);
-   if (file == -1) {
-      return {};
+   const OwnedDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+   const ssize_t length = file.get() == -1 ? -1 : read(file.get(), buffer, size);
+   if (length == 0) {
+      errno = ENODATA;
    }
-   const ssize_t length = read(file, buffer, size);
-   const int error = length == 0 ? ENODATA : errno;
-   close(file);
-   errno = error;
    const std::string_view text(buffer, length > 0 ? static_cast<size_t>(length) : 0);
    return text.substr(0, text.find('\n'));
 }
@@ -56,14 +64,20 @@ bool ProcessIdentityNumber(std::string_view text, uint64_t *number)
    of an earlier run is never taken for one of this; the wall clock would not do, as it can be set. */
 bool ProcessIdentityOrigin(uint64_t *origin)
 {
+   static std::atomic<uint64_t> known;
    char buffer[64];
    uint64_t hash = 0xcbf29ce484222325;
 
+   *origin = known;
+   if (*origin != 0) {
+      return true;
+   }
    const std::string_view id = ProcessIdentityRead("/proc/sys/kernel/random/boot_id", buffer, sizeof buffer);
    for (const char byte : id) {
       hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
    }
-   *origin = hash >> 2;
+   *origin = (hash >> 2) + 1;
+   known = id.empty() ? 0 : *origin;
    return !id.empty();
 }
 
@@ -114,13 +128,12 @@ bool ProcessIdentity_StartTime(pid_t pid, uint64_t *microseconds)
    if (!ProcessIdentityOrigin(&origin)) {
       return false;
    }
-   *microseconds = origin + 1 + ticks * (1000000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK)));
+   *microseconds = origin + ticks * (1000000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK)));
    return true;
 }
 
 bool ProcessIdentity_MachineIdentifier(char *buffer, size_t size)
 {
-   char space[64];
    char name[256];
 
    std::string_view machine = ProcessIdentityRead("/etc/machine-id", name, sizeof name);
@@ -130,13 +143,21 @@ bool ProcessIdentity_MachineIdentifier(char *buffer, size_t size)
       }
       machine = {name, strnlen(name, sizeof name)};
    }
-   const ssize_t length = readlink("/proc/self/ns/pid", space, sizeof space);
-   const std::string_view inner(space, length > 0 ? static_cast<size_t>(length) : 0);
    if (!ProcessIdentityCopy(machine, buffer, size)) {
       return false;
    }
-   if (inner.empty() || inner == FIRST_NAMESPACE) {
-      return true;
+   size_t used = machine.size();
+   for (const ProcessIdentityNamespace &space : NAMESPACES) {
+      char inner[64];
+      const ssize_t length = readlink(space.path, inner, sizeof inner);
+      const std::string_view text(inner, length > 0 ? static_cast<size_t>(length) : 0);
+      if (text == space.first) {
+         continue;
+      }
+      if (!ProcessIdentityCopy(text, buffer + used, size - used)) {
+         return false;
+      }
+      used += text.size();
    }
-   return ProcessIdentityCopy(inner, buffer + machine.size(), size - machine.size());
+   return true;
 }

@@ -15,13 +15,13 @@ constexpr size_t ONE_DESCRIPTOR = CMSG_LEN(sizeof(int));
 
 /* A message of one byte, and its control record. The control length is that of the record without the padding behind it:
    where the padding is as large as a descriptor, one more would fit into it unseen. */
-struct Message {
+struct DescriptorMessageParts {
    struct iovec data;
    alignas(struct cmsghdr) char control[CMSG_SPACE(DESCRIPTOR_MESSAGE_MAX_ROOM * sizeof(int))];
    struct msghdr header;
 };
 
-void DescriptorMessagePrepare(Message *message, void *byte, size_t descriptors)
+void DescriptorMessagePrepare(DescriptorMessageParts *message, void *byte, size_t descriptors)
 {
    message->data = {.iov_base = byte, .iov_len = 1};
    /* A record left from before would pass for one that came. */
@@ -71,32 +71,32 @@ void DescriptorMessageDiscard(const struct msghdr &header)
 
 DescriptorMessageResult DescriptorMessage_Receive(int socket, uint8_t *byte, int *descriptor)
 {
-   Message message;
+   DescriptorMessageParts message;
 
-   DescriptorMessagePrepare(&message, byte, DESCRIPTOR_MESSAGE_ROOM);
-   const ssize_t length = recvmsg(socket, &message.header, DESCRIPTOR_MESSAGE_RECEIVE_FLAGS);
+   DescriptorMessagePrepare(&message, byte, DescriptorMessageSide_Room());
+   const ssize_t length = recvmsg(socket, &message.header, DescriptorMessageSide_ReceiveFlags());
    if (length == -1) {
-      return DescriptorMessageIsHangUp(errno) ? DescriptorMessageResult::End
-                                              : DescriptorMessageResult::Failed;
+      return DescriptorMessageSide_IsHangUp(errno) ? DescriptorMessageResult::End
+                                                   : DescriptorMessageResult::Failed;
    }
-   const int flags = message.header.msg_flags & ~DESCRIPTOR_MESSAGE_RECEIVE_FLAGS;
+   const int flags = message.header.msg_flags & ~DescriptorMessageSide_ReceiveFlags();
    if (length == 0 || flags != 0 || !DescriptorMessageCarriesOne(message.header)) {
       DescriptorMessageDiscard(message.header);
       return length == 0 ? DescriptorMessageResult::End : DescriptorMessageResult::Refused;
    }
    *descriptor = DescriptorMessageDescriptor(message.header, 0);
-   DescriptorMessageCloseOnExec(*descriptor);
+   DescriptorMessageSide_CloseOnExec(*descriptor);
    return DescriptorMessageResult::Received;
 }
 
 bool DescriptorMessage_Send(int socket, const uint8_t *byte, int descriptor)
 {
-   return DescriptorMessageSend(socket, byte, descriptor, 0);
+   return DescriptorMessage_SendWithFlags(socket, byte, descriptor, 0);
 }
 
-bool DescriptorMessageSend(int socket, const uint8_t *byte, int descriptor, int flags)
+bool DescriptorMessage_SendWithFlags(int socket, const uint8_t *byte, int descriptor, int flags)
 {
-   Message message;
+   DescriptorMessageParts message;
 
    DescriptorMessagePrepare(&message, const_cast<uint8_t *>(byte), 1);
    struct cmsghdr *record = CMSG_FIRSTHDR(&message.header);

@@ -1,5 +1,6 @@
 #include "lib/file/lock/identity.h"
 
+#include "base/errno.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 #include "platform/processIdentity.h"
@@ -9,13 +10,20 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace {
 
-/* Whom a thread found itself to be; a child of fork(2) has to look again. Asking the system is dear. */
-thread_local pid_t sAskedBy = -1;
+/* Whom a thread found itself to be: asking the system is dear. */
+thread_local bool sKnown;
 thread_local FileLockIdentity sFound;
+
+/* The child may even have the process id of whom it has this from, if that has ended since. */
+void FileLockForgetIdentity()
+{
+   sKnown = false;
+}
 
 /* The fields of a record are separated by blanks, and file names hold the identifier. Bytes above ASCII could be no
    valid UTF-8. */
@@ -64,10 +72,11 @@ bool FileLockParseExecution(std::string_view text, pid_t *pid, uint64_t *start)
 
 bool FileLockIdentity_Get(FileLockIdentity *identity)
 {
+   static const bool forgets = pthread_atfork(nullptr, nullptr, FileLockForgetIdentity) == 0;
    const pid_t pid = getpid();
    uint64_t start;
 
-   if (sAskedBy != pid) {
+   if (!sKnown) {
       if (!FileLockIdentityMachine(sFound.machine)) {
          return false;
       }
@@ -77,7 +86,7 @@ bool FileLockIdentity_Get(FileLockIdentity *identity)
       } else {
          Str_Sprintf(sFound.execution, sizeof sFound.execution, "%d", pid);
       }
-      sAskedBy = pid;
+      sKnown = forgets;
    }
    *identity = sFound;
    return true;
@@ -85,7 +94,7 @@ bool FileLockIdentity_Get(FileLockIdentity *identity)
 
 bool FileLockValidExecutionID(const char *execution)
 {
-   const int savedErrno = errno;
+   const KeptErrno kept;
    uint64_t recorded;
    uint64_t current;
    pid_t pid;
@@ -95,14 +104,7 @@ bool FileLockValidExecutionID(const char *execution)
       return true;
    }
    const bool known = ProcessIdentity_StartTime(pid, &current);
-   const bool ended = !known && errno == ESRCH;
-   errno = savedErrno;
-   return !ended && (!known || recorded == 0 || current == recorded);
-}
-
-bool FileLockIdentity_HasEnded(const FileLockIdentity &self, std::string_view machine, const char *execution)
-{
-   return machine == self.machine && !FileLockValidExecutionID(execution);
+   return known ? recorded == 0 || current == recorded : errno != ESRCH;
 }
 
 void FileLockIdentity_Checksum(std::string_view path, char checksum[FILE_LOCK_CHECKSUM_SIZE])

@@ -23,10 +23,6 @@ struct FileLockIdentity {
    running. Keeps errno. */
 [[nodiscard]] bool FileLockValidExecutionID(const char *execution);
 
-/* Whether that is a process of this machine, whose identity is self, and has ended. Keeps errno. */
-[[nodiscard]] bool FileLockIdentity_HasEnded(const FileLockIdentity &self, std::string_view machine,
-                                             const char *execution);
-
 /* The decimal djb2 hash (h = h * 33 + signed byte from 5381, modulo 2^32; D. J. Bernstein) of a path. It tells whether a
    lock directory is still where it was when an entry was made. */
 void FileLockIdentity_Checksum(std::string_view path, char checksum[FILE_LOCK_CHECKSUM_SIZE]);

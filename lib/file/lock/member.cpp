@@ -21,6 +21,7 @@ using namespace std::string_view_literals;
 
 constexpr size_t DIGITS = 5;
 constexpr size_t FIELDS = 6;
+constexpr const char *TAG = "FileLockMemberValues";
 constexpr std::string_view CHECKSUM_PREFIX = "lc="sv;
 
 /* Cuts the line in place. False if it holds what no line of ours does and no log should. */
@@ -49,7 +50,7 @@ template <typename Number> bool FileLockParseNumber(std::string_view text, Numbe
    return result.ec == std::errc() && result.ptr == text.data() + text.size();
 }
 
-/* Sets the values from the line. */
+/* Sets the values from the line. When the ticket was drawn is not ours to judge. */
 bool FileLockParse(FileLockMember *member)
 {
    if (!FileLockSplit(member) || member->fieldCount != FIELDS) {
@@ -61,59 +62,42 @@ bool FileLockParse(FileLockMember *member)
    member->execution = member->fields[1];
    member->exclusive = type == "X"sv;
    member->checksum = checksum.data() + std::min(CHECKSUM_PREFIX.size(), checksum.size());
+   if (!FileLockParseNumber(member->fields[4], &member->microseconds)) {
+      member->microseconds = 0;
+   }
    return FileLockParseNumber(member->fields[2], &member->ticket) && (member->exclusive || type == "S"sv) &&
-          FileLockParseNumber(member->fields[4], &member->microseconds) &&
           checksum.starts_with(CHECKSUM_PREFIX);
 }
 
-FileLockReading FileLockFailure(FileLockReadStep step, int error)
+/* A call that failed says something of the file, of this process, or of nothing but this moment. */
+int FileLockFailure(const char *path, const char *call, bool report, FileLockMember *member)
 {
-   switch (error) {
+   switch (errno) {
    case ENOENT:
    case ESTALE: /* The same, of a file on another machine. */
-      return {.step = FILE_LOCK_READ_VANISHED, .error = error};
+      member->state = FILE_LOCK_GONE;
+      return 0;
    case EMFILE:
    case ENFILE:
    case ENOMEM:
    case EINTR:
-      return {.step = FILE_LOCK_READ_REFUSED, .error = error};
+   case EAGAIN:
+      return errno;
    default:
-      return {.step = step, .error = error};
+      if (report) {
+         Log("FILE: %s %s failure on '%s': %s\n", TAG, call, path, strerror(errno));
+      }
+      return 0;
    }
 }
 
 /* The content may be anyone's and anything. */
-void FileLockReportFields(const char *path, const char *name, const FileLockMember &member)
+void FileLockReportFields(const char *path, const FileLockMember &member)
 {
-   Log("FILE: %s '%s' contents are:\n", "FileLockMemberValues", path);
+   Log("FILE: %s '%s' contents are:\n", TAG, path);
    for (size_t i = 0; i < std::min(member.fieldCount, FILE_LOCK_FIELDS_KEPT); i++) {
       const Owned<char> field(UnicodeEscapeBuffer(member.fields[i], -1, ENCODING_US_ASCII));
-      Log("FILE: %s %s argv[%u]: '%s'\n", "FileLockMemberValues", name, static_cast<unsigned>(i),
-          field.get());
-   }
-}
-
-void FileLockReport(const char *path, const char *name, const FileLockReading &reading,
-                    const FileLockMember &member)
-{
-   static constexpr const char *tag = "FileLockMemberValues";
-   const char *const reason = strerror(reading.error);
-
-   switch (reading.step) {
-   case FILE_LOCK_READ_OPEN:
-      return Log("FILE: %s open failure on '%s': %s\n", tag, path, reason);
-   case FILE_LOCK_READ_SIZE:
-      return Log("FILE: %s file size failure on '%s': %s\n", tag, path, reason);
-   case FILE_LOCK_READ_WRONG_SIZE:
-      return Log("FILE: %s file '%s': size %llu, required size %zd\n", tag, path,
-                 static_cast<unsigned long long>(reading.size), static_cast<ssize_t>(FILE_LOCK_RECORD_SIZE));
-   case FILE_LOCK_READ_READ:
-      return Log("FILE: %s read failure on '%s': %s\n", tag, path, reason);
-   case FILE_LOCK_READ_LENGTH:
-      return Log("FILE: %s read length issue on '%s': %zd and %zd\n", tag, path, reading.length,
-                 static_cast<ssize_t>(FILE_LOCK_RECORD_SIZE));
-   default:
-      return FileLockReportFields(path, name, member);
+      Log("FILE: %s %s argv[%u]: '%s'\n", TAG, member.name, static_cast<unsigned>(i), field.get());
    }
 }
 
@@ -151,45 +135,61 @@ void FileLockMember_Compose(char record[FILE_LOCK_RECORD_SIZE], const FileLockId
                ticket, exclusive ? "X" : "S", static_cast<unsigned long long>(microseconds), checksum);
 }
 
-FileLockReading FileLockMember_Read(const FileLockPlace &place, const char *name, FileLockMember *member)
+int FileLockMember_Read(const FileLockPlace &place, bool report, FileLockMember *member)
 {
+   const Owned<char> path = FileLockPlace_Path(place, member->name);
+   constexpr auto required = static_cast<ssize_t>(FILE_LOCK_RECORD_SIZE);
    struct stat attributes;
 
-   const OwnedDescriptor file(
-       openat(dirfd(place.stream.get()), name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+   member->state = FILE_LOCK_UNREADABLE;
+   const OwnedDescriptor file(openat(dirfd(place.stream.get()), member->name,
+                                     O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
    if (file.get() == -1) {
-      return FileLockFailure(FILE_LOCK_READ_OPEN, errno);
+      return FileLockFailure(path.get(), "open", report, member);
    }
    if (fstat(file.get(), &attributes) == -1) {
-      return FileLockFailure(FILE_LOCK_READ_SIZE, errno);
+      return FileLockFailure(path.get(), "file size", report, member);
    }
-   if (!S_ISREG(attributes.st_mode) || attributes.st_size != FILE_LOCK_RECORD_SIZE) {
-      return {.step = FILE_LOCK_READ_WRONG_SIZE, .size = static_cast<uint64_t>(attributes.st_size)};
+   if (!S_ISREG(attributes.st_mode) || attributes.st_size != required) {
+      if (report) {
+         Log("FILE: %s file '%s': size %llu, required size %zd\n", TAG, path.get(),
+             static_cast<unsigned long long>(attributes.st_size), required);
+      }
+      return 0;
    }
    const ssize_t length = read(file.get(), member->line, FILE_LOCK_RECORD_SIZE);
    if (length == -1) {
-      return FileLockFailure(FILE_LOCK_READ_READ, errno);
+      return FileLockFailure(path.get(), "read", report, member);
    }
-   if (length != FILE_LOCK_RECORD_SIZE) {
-      return {.step = FILE_LOCK_READ_LENGTH, .length = length};
+   if (length != required) {
+      if (report) {
+         Log("FILE: %s read length issue on '%s': %zd and %zd\n", TAG, path.get(), length, required);
+      }
+      return 0;
    }
    member->line[FILE_LOCK_RECORD_SIZE] = '\0';
-   return {.step = FileLockParse(member) ? FILE_LOCK_READ_DONE : FILE_LOCK_READ_FIELDS};
-}
-
-bool FileLockMember_IsProblematic(const FileLockReading &reading)
-{
-   return reading.step >= FILE_LOCK_READ_OPEN;
-}
-
-FileLockReading FileLockMemberValues(const FileLockPlace &place, const char *name, FileLockMember *member)
-{
-   const FileLockReading reading = FileLockMember_Read(place, name, member);
-
-   if (FileLockMember_IsProblematic(reading)) {
-      const Owned<char> path = FileLockPlace_Path(place, name);
-      FileLockReport(path.get(), name, reading, *member);
-      Log("FILE: %s removing problematic lock file '%s'\n", "FileLockMemberValues", path.get());
+   if (FileLockParse(member)) {
+      member->state = FILE_LOCK_WAITS;
+   } else if (report) {
+      FileLockReportFields(path.get(), *member);
    }
-   return reading;
+   return 0;
+}
+
+void FileLockMember_Judge(const FileLockPlace &place, FileLockMember *member)
+{
+   if (member->state == FILE_LOCK_WAITS) {
+      member->state = FileLockPlace_Judge(place, member->machine, member->execution, member->checksum);
+   }
+}
+
+int FileLockMemberValues(const FileLockPlace &place, FileLockMember *member)
+{
+   const int error = FileLockMember_Read(place, true, member);
+
+   if (error == 0 && member->state == FILE_LOCK_UNREADABLE) {
+      Log("FILE: %s removing problematic lock file '%s'\n", TAG,
+          FileLockPlace_Path(place, member->name).get());
+   }
+   return error;
 }

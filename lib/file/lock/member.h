@@ -1,11 +1,11 @@
 #ifndef TESSEL_LIB_FILE_LOCK_MEMBER_H
 #define TESSEL_LIB_FILE_LOCK_MEMBER_H
 
+#include "lib/file/fileLock.h"
 #include "lib/file/lock/identity.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <sys/types.h>
 
 /* The names in a lock directory and the record in a member file. */
 
@@ -34,19 +34,27 @@ constexpr size_t FILE_LOCK_RECORD_SIZE = 512;
 constexpr size_t FILE_LOCK_FIELDS_KEPT = 16;
 
 struct FileLockMember {
+   const char *name; /* Of the file. */
+   uint32_t number;  /* From that. */
+
+   /* Once read. */
+   FileLockState state; /* FILE_LOCK_GONE, _UNREADABLE or _WAITS; see FileLockMember_Judge. */
    char line[FILE_LOCK_RECORD_SIZE + 1]; /* The record's line, cut at its blanks. */
    const char *fields[FILE_LOCK_FIELDS_KEPT];
    size_t fieldCount; /* Of all; the first ones are kept. */
 
-   /* Once read without fault. */
+   /* Where that says who the owner is. */
    const char *machine;
    const char *execution;
    const char *checksum;
    uint32_t ticket;
    bool exclusive;
-   uint64_t microseconds;
+   uint64_t microseconds; /* 0 if the field is no number. */
 
-   FileLockMember() = default;
+   FileLockMember(const char *itsName, uint32_t itsNumber) : name(itsName), number(itsNumber)
+   {
+   }
+
    FileLockMember(const FileLockMember &) = delete;
    FileLockMember &operator=(const FileLockMember &) = delete;
 };
@@ -55,35 +63,15 @@ struct FileLockMember {
 void FileLockMember_Compose(char record[FILE_LOCK_RECORD_SIZE], const FileLockIdentity &owner,
                             uint32_t ticket, bool exclusive, uint64_t microseconds, const char *checksum);
 
-/* How far the reading of a member file came. */
-enum FileLockReadStep {
-   FILE_LOCK_READ_DONE,
-   FILE_LOCK_READ_VANISHED, /* There is no such file any more. */
-   FILE_LOCK_READ_REFUSED,  /* This process lacks descriptors or memory, which says nothing about the file. */
-   FILE_LOCK_READ_OPEN,     /* From here on the file is at fault. */
-   FILE_LOCK_READ_SIZE,
-   FILE_LOCK_READ_WRONG_SIZE,
-   FILE_LOCK_READ_READ,
-   FILE_LOCK_READ_LENGTH,
-   FILE_LOCK_READ_FIELDS,
-};
+/* Reads the member file of the lock directory that *member names, without following links or waiting for a pipe. Gives 0,
+   or an error that says nothing of the file, but that this process cannot read it, or not now: EAGAIN,
+   somebody has it to himself for a while. That the file itself is at fault is reported if wanted. */
+[[nodiscard]] int FileLockMember_Read(const FileLockPlace &place, bool report, FileLockMember *member);
 
-struct FileLockReading {
-   FileLockReadStep step;
-   int error = 0;     /* What the system said, where it was a call that failed. */
-   uint64_t size = 0; /* Of the file. */
-   ssize_t length = 0;
-};
+/* Whether a ticket is worth what it says: makes FILE_LOCK_WAITS one of FILE_LOCK_STALE and FILE_LOCK_MOVED if not. */
+void FileLockMember_Judge(const FileLockPlace &place, FileLockMember *member);
 
-/* Reads a member file of the lock directory into *member, without a word and without following links or waiting for a
-   pipe. */
-[[nodiscard]] FileLockReading FileLockMember_Read(const FileLockPlace &place, const char *name,
-                                                  FileLockMember *member);
-
-[[nodiscard]] bool FileLockMember_IsProblematic(const FileLockReading &reading);
-
-/* The same; a file that is at fault is reported, and said to be removed, which is left to the caller. */
-[[nodiscard]] FileLockReading FileLockMemberValues(const FileLockPlace &place, const char *name,
-                                                   FileLockMember *member);
+/* As FileLockMember_Read; a file that is at fault is also said to be removed, which is left to the caller. */
+[[nodiscard]] int FileLockMemberValues(const FileLockPlace &place, FileLockMember *member);
 
 #endif

@@ -4,27 +4,9 @@
 #include "lib/file/walk/entries.h"
 #include "lib/misc/memory/dynbuf.h"
 
-#include <cstddef>
-
-/* Lists of directories that mostly hold two or three names and are read several times for each lock. */
-
-struct FileLockNames {
-   DynBuf text; /* One name after the other, each with its NUL. */
-   size_t count = 0;
-
-   FileLockNames()
-   {
-      DynBuf_Init(&text);
-   }
-
-   ~FileLockNames()
-   {
-      DynBuf_Destroy(&text);
-   }
-
-   FileLockNames(const FileLockNames &) = delete;
-   FileLockNames &operator=(const FileLockNames &) = delete;
-};
+/* Lists of directories that mostly hold two or three names and are read several times for each lock: one name after the
+   other, each with its NUL. */
+using FileLockNames = OwnedDynBuf;
 
 /* Reads the names in the directory as it is now, as they are, to *names, which is empty before: every one that is there all
    the time, but for "." and "..". 0 or the error's number. */

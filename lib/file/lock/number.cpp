@@ -1,5 +1,6 @@
 #include "lib/file/lock/number.h"
 
+#include "lib/file/lock/member.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 
@@ -19,14 +20,14 @@ constexpr const char *TAG = "FileLockCreateEntryDirectory";
 constexpr size_t MARKER_SIZE =
     FILE_LOCK_EXECUTION_SIZE + FILE_LOCK_CHECKSUM_SIZE + FILE_LOCK_MACHINE_SIZE + 2;
 
-struct Marker {
+struct FileLockMarker {
    char name[MARKER_SIZE];
 };
 
 /* The machine comes last, as it may hold dots. */
-Marker FileLockOwnMarker(const FileLockPlace &place, bool exclusive)
+FileLockMarker FileLockOwnMarker(const FileLockPlace &place, bool exclusive)
 {
-   Marker marker;
+   FileLockMarker marker;
 
    Str_Sprintf(marker.name, sizeof marker.name, "%s.%s.%s.%s", place.self.execution, exclusive ? "X" : "S",
                place.checksum, place.self.machine);
@@ -49,18 +50,6 @@ std::string_view FileLockCutField(std::string_view *text)
    return field;
 }
 
-FileLockOwner FileLockJudge(const FileLockPlace &place, const FileLockIdentity &who,
-                            std::string_view checksum)
-{
-   if (who.machine != std::string_view(place.self.machine)) {
-      return checksum == place.checksum ? FILE_LOCK_REMOTE : FILE_LOCK_ELSEWHERE;
-   }
-   if (!FileLockValidExecutionID(who.execution)) {
-      return FILE_LOCK_ENDED;
-   }
-   return checksum == place.checksum ? FILE_LOCK_RUNNING : FILE_LOCK_ELSEWHERE;
-}
-
 FileLockHolder FileLockParseMarker(const FileLockPlace &place, std::string_view name)
 {
    FileLockHolder holder;
@@ -68,22 +57,25 @@ FileLockHolder FileLockParseMarker(const FileLockPlace &place, std::string_view 
    const std::string_view execution = FileLockCutField(&name);
    const std::string_view type = FileLockCutField(&name);
    const std::string_view checksum = FileLockCutField(&name);
+   holder.state = FILE_LOCK_CHOOSES;
    if (name.empty() || name.size() >= FILE_LOCK_MACHINE_SIZE ||
        execution.size() >= FILE_LOCK_EXECUTION_SIZE) {
-      holder.owner = FILE_LOCK_REMOTE;
       return holder;
    }
    name.copy(holder.who.machine, name.size());
    execution.copy(holder.who.execution, execution.size());
    holder.exclusive = type != "S"sv;
-   holder.owner = FileLockJudge(place, holder.who, checksum);
+   const FileLockState state = FileLockPlace_Judge(place, name, holder.who.execution, checksum);
+   holder.state = state == FILE_LOCK_WAITS ? FILE_LOCK_CHOOSES : state;
    return holder;
 }
 
 int FileLockListMarkers(const FileLockPlace &place, const FileLockName &entry, FileLockNames *markers)
 {
-   const OwnedDirectory stream = FileLockPlace_OpenDirectory(place, entry.text);
-   return stream != nullptr ? FileLockNames_Read(stream.get(), markers) : errno;
+   OwnedDirectory stream;
+   const int error = FileLockPlace_OpenDirectory(place, entry.text, &stream);
+
+   return error == 0 ? FileLockNames_Read(stream.get(), markers) : error;
 }
 
 /* Of all who left a marker, but for one that has the name own, the one that counts most; exclusive if any of those who may
@@ -103,13 +95,11 @@ int FileLockSurvey(const FileLockPlace &place, const FileLockName &entry, std::s
          continue;
       }
       FileLockHolder holder = FileLockParseMarker(place, name);
-      const bool bothGoOn = result->owner > FILE_LOCK_ENDED && holder.owner > FILE_LOCK_ENDED;
-      const bool exclusive = holder.exclusive || (bothGoOn && result->exclusive);
-      if (holder.owner > result->owner) {
-         holder.exclusive = exclusive;
+      if (result->state > FILE_LOCK_STALE && holder.state > FILE_LOCK_STALE) {
+         holder.exclusive = result->exclusive = holder.exclusive || result->exclusive;
+      }
+      if (holder.state > result->state) {
          *result = holder;
-      } else if (bothGoOn) {
-         result->exclusive = exclusive;
       }
    }
    return 0;
@@ -130,7 +120,7 @@ void FileLockRemoveEntryDirectory(const FileLockPlace &place, const FileLockName
    }
 }
 
-void FileLockWithdraw(const FileLockPlace &place, const FileLockName &entry, const Marker &own)
+void FileLockWithdraw(const FileLockPlace &place, const FileLockName &entry, const FileLockMarker &own)
 {
    const Owned<char> marker = FileLockMarkerPath(entry, own.name);
    const int error = FileLockPlace_Remove(place, marker.get(), false);
@@ -142,45 +132,48 @@ void FileLockWithdraw(const FileLockPlace &place, const FileLockName &entry, con
    FileLockRemoveEntryDirectory(place, entry);
 }
 
-/* Holds the number by its entry directory, which somebody has made, unless there is a marker of a stronger owner than
+/* Holds the number by its entry directory, which somebody has made, unless there is a marker that counts more than
    allowed. EEXIST, ENOENT: it cannot be had. No marker is left then. */
-int FileLockClaim(const FileLockPlace &place, const FileLockName &entry, const Marker &own,
-                  FileLockOwner allowed)
+int FileLockClaim(const FileLockPlace &place, const FileLockName &entry, const FileLockMarker &own,
+                  FileLockState allowed)
 {
+   OwnedDescriptor marker;
    FileLockHolder other;
 
-   const int fd = FileLockPlace_CreateFile(place, FileLockMarkerPath(entry, own.name).get());
-   if (fd == -1) {
-      return errno;
+   int error = FileLockPlace_CreateFile(place, FileLockMarkerPath(entry, own.name).get(), &marker);
+   if (error != 0) {
+      return error;
    }
-   close(fd);
-   const int error = FileLockSurvey(place, entry, own.name, &other);
-   if (error == 0 && other.owner <= allowed) {
+   error = FileLockSurvey(place, entry, own.name, &other);
+   if (error == 0 && other.state <= allowed) {
       return 0;
    }
    FileLockWithdraw(place, entry, own);
    return error != 0 ? error : EEXIST;
 }
 
-/* EEXIST if there is such a file, 0 if there is none. */
-int FileLockInUse(const FileLockPlace &place, FileLockEntry entry, uint32_t number)
+/* With the number held. EEXIST if anything is left under it. */
+int FileLockBeginWriting(const FileLockPlace &place, uint32_t number, OwnedDescriptor *writing)
 {
    struct stat status;
-   const int error = FileLockPlace_Status(place, FileLockMember_Name(entry, number).text, &status);
+   const int error = FileLockPlace_Status(place, FileLockMember_Name(FILE_LOCK_MEMBER, number).text, &status);
 
-   return error == 0 ? EEXIST : error == ENOENT ? 0 : error;
+   if (error != ENOENT) {
+      return error == 0 ? EEXIST : error;
+   }
+   return FileLockPlace_CreateFile(place, FileLockMember_Name(FILE_LOCK_WRITING, number).text, writing);
 }
 
 /* Whether the member file is of no use to anybody. */
-bool FileLockIsOver(const FileLockPlace &place, const char *name)
+bool FileLockIsOver(const FileLockPlace &place, uint32_t number, const char *name)
 {
-   FileLockMember member;
+   FileLockMember member(name, number);
 
-   const FileLockReading reading = FileLockMember_Read(place, name, &member);
-   if (reading.step != FILE_LOCK_READ_DONE) {
-      return FileLockMember_IsProblematic(reading);
+   if (FileLockMember_Read(place, false, &member) != 0) {
+      return false;
    }
-   return FileLockIdentity_HasEnded(place.self, member.machine, member.execution);
+   FileLockMember_Judge(place, &member);
+   return member.state == FILE_LOCK_STALE || member.state == FILE_LOCK_UNREADABLE;
 }
 
 /* What cannot be removed stays until somebody else meets it. */
@@ -192,7 +185,7 @@ void FileLockRemoveEndedMarkers(const FileLockPlace &place, const FileLockName &
       return;
    }
    for (const char *name = nullptr; (name = FileLockNames_Next(markers, name)) != nullptr;) {
-      if (FileLockParseMarker(place, name).owner == FILE_LOCK_ENDED) {
+      if (FileLockParseMarker(place, name).state == FILE_LOCK_STALE) {
          static_cast<void>(FileLockPlace_Remove(place, FileLockMarkerPath(entry, name).get(), false));
       }
    }
@@ -206,63 +199,24 @@ FileLockHolder FileLockNumber_Holder(const FileLockPlace &place, uint32_t number
 
    const int error = FileLockSurvey(place, FileLockMember_Name(FILE_LOCK_ENTRY, number), "", &holder);
    if (error != 0 && error != ENOENT) {
-      holder.owner = FILE_LOCK_REMOTE;
+      holder.state = FILE_LOCK_CHOOSES;
    }
    return holder;
 }
 
-namespace {
-
-/* Whatever stands in the way of one who wants the number is cleared away if it is over: what the dead have left is never
-   too much for the living. */
-void FileLockClearWay(const FileLockPlace &place, uint32_t number)
+int FileLockNumber_Take(const FileLockPlace &place, uint32_t number, bool exclusive, OwnedDescriptor *writing)
 {
-   const FileLockName name = FileLockMember_Name(FILE_LOCK_MEMBER, number);
-   const FileLockOwner owner = FileLockNumber_Holder(place, number).owner;
-
-   if (owner == FILE_LOCK_ENDED || (owner == FILE_LOCK_NOBODY && FileLockIsOver(place, name.text))) {
-      FileLockNumber_Reclaim(place, number, name.text);
-   }
-}
-
-/* With the number held: EEXIST if anything is left under it. */
-int FileLockCheckUnused(const FileLockPlace &place, uint32_t number)
-{
-   for (const FileLockEntry entry : {FILE_LOCK_MEMBER, FILE_LOCK_WRITING}) {
-      const int error = FileLockInUse(place, entry, number);
-      if (error != 0) {
-         return error;
-      }
-   }
-   return 0;
-}
-
-} // namespace
-
-int FileLockNumber_Take(const FileLockPlace &place, uint32_t number, bool exclusive, bool *creation)
-{
-   const Marker own = FileLockOwnMarker(place, exclusive);
+   const FileLockMarker own = FileLockOwnMarker(place, exclusive);
    const FileLockName entry = FileLockMember_Name(FILE_LOCK_ENTRY, number);
 
-   int error = FileLockPlace_MakeDirectory(place, entry.text);
-   *creation = error != 0;
-   if (error == EEXIST) {
-      FileLockClearWay(place, number);
-   }
-   if (error != 0) {
-      return error;
-   }
-   error = FileLockClaim(place, entry, own, FILE_LOCK_NOBODY);
+   int error = FileLockClaim(place, entry, own, FILE_LOCK_UNREADABLE);
    if (error != 0) {
       FileLockRemoveEntryDirectory(place, entry);
       return error;
    }
-   error = FileLockCheckUnused(place, number);
+   error = FileLockBeginWriting(place, number, writing);
    if (error != 0) {
       FileLockWithdraw(place, entry, own);
-   }
-   if (error == EEXIST) {
-      FileLockClearWay(place, number);
    }
    return error;
 }
@@ -274,22 +228,22 @@ void FileLockNumber_Release(const FileLockPlace &place, uint32_t number, bool ex
 
 void FileLockNumber_Reclaim(const FileLockPlace &place, uint32_t number, const char *name)
 {
-   const int savedErrno = errno;
-   const Marker own = FileLockOwnMarker(place, true);
+   const FileLockClearedMask cleared;
+   const FileLockMarker own = FileLockOwnMarker(place, true);
    const FileLockName entry = FileLockMember_Name(FILE_LOCK_ENTRY, number);
+   const FileLockName writing = FileLockMember_Name(FILE_LOCK_WRITING, number);
 
    const int made = FileLockPlace_MakeDirectory(place, entry.text);
-   if ((made == 0 || made == EEXIST) && FileLockClaim(place, entry, own, FILE_LOCK_ENDED) == 0) {
+   if ((made == 0 || made == EEXIST) && FileLockClaim(place, entry, own, FILE_LOCK_STALE) == 0) {
       /* While En is there, so must be a marker of its maker, or nobody could tell that it is of no account. */
-      if (FileLockRemoveLockingFile(place, FileLockMember_Name(FILE_LOCK_WRITING, number).text) == 0) {
+      if (FileLockRemoveLockingFile(place.stream, FileLockPlace_Path(place, writing.text).get()) == 0) {
          FileLockRemoveEndedMarkers(place, entry);
       }
-      if (FileLockIsOver(place, name)) {
-         FileLockRemoveLockingFile(place, name);
+      if (FileLockIsOver(place, number, name)) {
+         FileLockRemoveLockingFile(place.stream, FileLockPlace_Path(place, name).get());
       }
       FileLockWithdraw(place, entry, own);
    } else if (made == 0) {
       FileLockRemoveEntryDirectory(place, entry);
    }
-   errno = savedErrno;
 }

@@ -19,34 +19,29 @@
 
    The routines give 0 or the error's number, and leave errno undefined, unless they say otherwise. */
 
-enum FileLockOwner {
-   FILE_LOCK_NOBODY,    /* There is no marker: Dn was made a moment ago, or its maker ended in that moment. */
-   FILE_LOCK_ENDED,     /* All who left a marker have ended. */
-   FILE_LOCK_ELSEWHERE, /* There is a marker of another lock, from where Dn was moved or copied. */
-   FILE_LOCK_REMOTE,    /* There is a marker of another machine, or one that cannot be read. */
-   FILE_LOCK_RUNNING,   /* There is a marker of a process that runs on this machine. */
-};
-
 struct FileLockHolder {
-   FileLockOwner owner = FILE_LOCK_NOBODY;
+   /* FILE_LOCK_UNREADABLE: there is no marker: Dn was made a moment ago, or its maker ended in that moment. FILE_LOCK_STALE: all who
+      left a marker have ended. FILE_LOCK_MOVED: there is one of another lock. FILE_LOCK_CHOOSES: of somebody
+      who may be running. */
+   FileLockState state = FILE_LOCK_UNREADABLE;
    bool exclusive = true;  /* What the owner wants the lock for. */
-   FileLockIdentity who{}; /* Unless nobody. */
+   FileLockIdentity who{}; /* If that can be read. */
 };
 
 /* Who holds the number, or strives to. Changes nothing. */
 [[nodiscard]] FileLockHolder FileLockNumber_Holder(const FileLockPlace &place, uint32_t number);
 
-/* Tries to get hold of a number with nothing left under it. EEXIST: it is in use, by someone or something; ENOENT: the
-   lock directory has gone. *creation is set where the entry directory could not be made, cleared otherwise.
- */
+/* Tries to get hold of a number of which this process has just made Dn, and makes En with it, open to be written to. EEXIST:
+   it is in use, by someone or something; ENOENT: the lock directory has gone. On failure, what was made is
+   gone again. */
 [[nodiscard]] int FileLockNumber_Take(const FileLockPlace &place, uint32_t number, bool exclusive,
-                                      bool *creation);
+                                      OwnedDescriptor *writing);
 
 /* Ends the hold. A failure is reported: then the number stays in use until this process has ended. */
 void FileLockNumber_Release(const FileLockPlace &place, uint32_t number, bool exclusive);
 
 /* Clears away what those who have ended left under the number: markers, En, the member file name if it is a ticket of
-   theirs or not readable, and Dn. Does nothing while anyone holds the number. Keeps errno. */
+   theirs or not readable, and Dn. Does nothing while anyone holds the number. */
 void FileLockNumber_Reclaim(const FileLockPlace &place, uint32_t number, const char *name);
 
 #endif

@@ -1,5 +1,6 @@
 #include "lib/file/lock/place.h"
 
+#include "lib/file/lock/member.h"
 #include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 #include "lib/string/str.h"
@@ -45,6 +46,12 @@ Owned<char> FileLockCanonical(std::string_view path)
                                        static_cast<int>(name.size()), name.data()));
 }
 
+/* Of a call that gives -1 with errno. */
+int FileLockResult(int result)
+{
+   return result != -1 ? 0 : errno == ESTALE ? ENOENT : errno;
+}
+
 } // namespace
 
 int FileLockPlace_Find(FileLockPlace *place, const char *path)
@@ -58,67 +65,84 @@ int FileLockPlace_Find(FileLockPlace *place, const char *path)
    return 0;
 }
 
+int FileLockPlace_Make(const FileLockPlace &place)
+{
+   return FileLockResult(mkdir(place.directory.get(), 0777));
+}
+
+int FileLockPlace_Look(const FileLockPlace &place, struct stat *status)
+{
+   return FileLockResult(lstat(place.directory.get(), status));
+}
+
+int FileLockPlace_Open(FileLockPlace *place)
+{
+   place->stream = FileOpenStream(
+       OwnedDescriptor(open(place->directory.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+   return FileLockResult(place->stream != nullptr ? 0 : -1);
+}
+
 Owned<char> FileLockPlace_Path(const FileLockPlace &place, const char *name)
 {
    return Owned<char>(Unicode_Join(place.directory.get(), "/", name, nullptr));
 }
 
-int FileLockPlace_Open(FileLockPlace *place)
+FileLockState FileLockPlace_Judge(const FileLockPlace &place, std::string_view machine, const char *execution,
+                                  std::string_view checksum)
 {
-   place->stream.reset(opendir(place->directory.get()));
-   return place->stream != nullptr ? 0 : errno;
-}
-
-int FileLockPlace_Make(const FileLockPlace &place)
-{
-   const ClearedMask cleared;
-   return mkdir(place.directory.get(), 0777) == 0 ? 0 : errno;
+   if (machine == place.self.machine && !FileLockValidExecutionID(execution)) {
+      return FILE_LOCK_STALE;
+   }
+   return checksum == place.checksum ? FILE_LOCK_WAITS : FILE_LOCK_MOVED;
 }
 
 int FileLockPlace_MakeDirectory(const FileLockPlace &place, const char *name)
 {
-   const ClearedMask cleared;
-   return mkdirat(dirfd(place.stream.get()), name, 0777) == 0 ? 0 : errno;
+   return FileLockResult(mkdirat(dirfd(place.stream.get()), name, 0777));
 }
 
-int FileLockPlace_CreateFile(const FileLockPlace &place, const char *name)
+int FileLockPlace_CreateFile(const FileLockPlace &place, const char *name, OwnedDescriptor *file)
 {
-   const ClearedMask cleared;
-   return openat(dirfd(place.stream.get()), name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+   file->reset(openat(dirfd(place.stream.get()), name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+   return FileLockResult(file->get());
 }
 
 int FileLockPlace_Rename(const FileLockPlace &place, const char *from, const char *to)
 {
    const int folder = dirfd(place.stream.get());
-   return renameat(folder, from, folder, to) == 0 ? 0 : errno;
+   return FileLockResult(renameat(folder, from, folder, to));
 }
 
-OwnedDirectory FileLockPlace_OpenDirectory(const FileLockPlace &place, const char *name)
+int FileLockPlace_OpenDirectory(const FileLockPlace &place, const char *name, OwnedDirectory *directory)
 {
-   return FileOpenStream(OwnedDescriptor(
+   *directory = FileOpenStream(OwnedDescriptor(
        openat(dirfd(place.stream.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+   return FileLockResult(*directory != nullptr ? 0 : -1);
 }
 
 int FileLockPlace_Status(const FileLockPlace &place, const char *name, struct stat *status)
 {
-   return fstatat(dirfd(place.stream.get()), name, status, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+   return FileLockResult(fstatat(dirfd(place.stream.get()), name, status, AT_SYMLINK_NOFOLLOW));
 }
 
 int FileLockPlace_Remove(const FileLockPlace &place, const char *name, bool isDirectory)
 {
-   return unlinkat(dirfd(place.stream.get()), name, isDirectory ? AT_REMOVEDIR : 0) == 0 ? 0 : errno;
+   return FileLockResult(unlinkat(dirfd(place.stream.get()), name, isDirectory ? AT_REMOVEDIR : 0));
 }
 
-int FileLockRemoveLockingFile(const FileLockPlace &place, const char *name)
+int FileLockRemoveLockingFile(const OwnedDirectory &directory, const char *path)
 {
-   const int error = FileLockPlace_Remove(place, name, false);
+   const int error = FileLockResult(unlinkat(dirfd(directory.get()), strrchr(path, '/') + 1, 0));
 
-   return error == 0 || error == ENOENT ? 0
-                                        : FileLockReportRemoval(FileLockPlace_Path(place, name).get(), error);
-}
-
-int FileLockReportRemoval(const char *path, int error)
-{
+   if (error == 0 || error == ENOENT) {
+      return 0;
+   }
    Log("FILE: %s of '%s' failed: %s\n", "FileLockRemoveLockingFile", path, strerror(error));
    return error;
+}
+
+void FileLockPlace_RemoveSelf(const OwnedDirectory &directory, const char *path)
+{
+   const Owned<char> self(Unicode_Join("..", strrchr(path, '/'), nullptr));
+   static_cast<void>(unlinkat(dirfd(directory.get()), self.get(), AT_REMOVEDIR));
 }

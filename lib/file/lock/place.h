@@ -2,14 +2,18 @@
 #define TESSEL_LIB_FILE_LOCK_PLACE_H
 
 #include "base/owned.h"
+#include "lib/file/fileLock.h"
 #include "lib/file/lock/identity.h"
-#include "lib/file/lock/member.h"
 #include "lib/file/lock/names.h"
 
 #include <sys/stat.h>
 
-/* The lock directory of a file, and what is done to the entries in it. The routines give 0 or the error's number, and
-   leave errno undefined, unless they say otherwise. */
+/* The lock directory of a file, and what is done to the entries in it. It may lie in a folder of somebody else's: it is
+   made and opened without following a link in its place, and from then on only reached from its descriptor,
+   whatever its path leads to by now.
+
+   The routines give 0 or the error's number, and leave errno undefined, unless they say otherwise. That a
+   file, or its directory, has gone on another machine (ESTALE) is ENOENT, too. */
 
 struct FileLockPlace {
    Owned<char> path; /* The locked file: its folder in canonical form, and its name. */
@@ -22,57 +26,68 @@ struct FileLockPlace {
 /* ENOENT etc. where the folder of the file is not to be found. */
 [[nodiscard]] int FileLockPlace_Find(FileLockPlace *place, const char *path);
 
-/* Opens the lock directory, which links may lead to. */
+/* Makes the lock directory, with mode 0777. */
+[[nodiscard]] int FileLockPlace_Make(const FileLockPlace &place);
+
+/* What stands there: 0, ENOENT or another error. Links are not followed. */
+[[nodiscard]] int FileLockPlace_Look(const FileLockPlace &place, struct stat *status);
+
+/* Opens the lock directory; a link to one is none. */
 [[nodiscard]] int FileLockPlace_Open(FileLockPlace *place);
 
 /* The path of a name in the lock directory, for reports: a new string. */
 [[nodiscard]] Owned<char> FileLockPlace_Path(const FileLockPlace &place, const char *name);
 
-/* Clears the file mode creation mask, so that the users who share a file can also share its lock. */
-class ClearedMask {
+/* What the owner of an entry, who left these texts, has there: FILE_LOCK_STALE, FILE_LOCK_MOVED or FILE_LOCK_WAITS. */
+[[nodiscard]] FileLockState FileLockPlace_Judge(const FileLockPlace &place, std::string_view machine,
+                                                const char *execution, std::string_view checksum);
+
+/* Clears the file mode creation mask, so that the users who share a file can also share its lock. To be held while
+   entries are made. */
+class FileLockClearedMask {
  public:
-   ClearedMask() : saved_(umask(0))
+   FileLockClearedMask() : saved_(umask(0))
    {
    }
 
-   ~ClearedMask()
+   ~FileLockClearedMask()
    {
       umask(saved_);
    }
 
-   ClearedMask(const ClearedMask &) = delete;
-   ClearedMask &operator=(const ClearedMask &) = delete;
+   FileLockClearedMask(const FileLockClearedMask &) = delete;
+   FileLockClearedMask &operator=(const FileLockClearedMask &) = delete;
 
  private:
    mode_t saved_;
 };
-
-/* The lock directory, with mode 0777. */
-[[nodiscard]] int FileLockPlace_Make(const FileLockPlace &place);
 
 /* From here on the lock directory has to be open. */
 
 /* A directory in it with mode 0777. */
 [[nodiscard]] int FileLockPlace_MakeDirectory(const FileLockPlace &place, const char *name);
 
-/* A file that is not there yet, with mode 0644: its descriptor, to write to, or -1 with errno set. */
-[[nodiscard]] int FileLockPlace_CreateFile(const FileLockPlace &place, const char *name);
+/* A file that is not there yet, with mode 0644, open to be written to. */
+[[nodiscard]] int FileLockPlace_CreateFile(const FileLockPlace &place, const char *name,
+                                           OwnedDescriptor *file);
 
 [[nodiscard]] int FileLockPlace_Rename(const FileLockPlace &place, const char *from, const char *to);
 
-/* Opens one of its directories, or gives null with errno set. */
-[[nodiscard]] OwnedDirectory FileLockPlace_OpenDirectory(const FileLockPlace &place, const char *name);
+/* Opens one of its directories. */
+[[nodiscard]] int FileLockPlace_OpenDirectory(const FileLockPlace &place, const char *name,
+                                              OwnedDirectory *directory);
 
 /* Whether there is such an entry: 0, ENOENT or another error. Links are not followed. */
 [[nodiscard]] int FileLockPlace_Status(const FileLockPlace &place, const char *name, struct stat *status);
 
-/* Removes an entry: 0 or the error's number. */
 [[nodiscard]] int FileLockPlace_Remove(const FileLockPlace &place, const char *name, bool isDirectory);
 
-/* Removes a file; that it has gone already is success. Any other failure is reported. */
-int FileLockRemoveLockingFile(const FileLockPlace &place, const char *name);
+/* These two take the lock directory and a path in it, for a process that may have lost sight of the rest. */
 
-/* Reports the failure of such a removal by a process that has not got the directory open. Gives back the error. */
-int FileLockReportRemoval(const char *path, int error);
+/* Removes the file; that it has gone already is success. Any other failure is reported. */
+int FileLockRemoveLockingFile(const OwnedDirectory &directory, const char *path);
+
+/* Removes the lock directory if it is empty, from the folder that it lies in. */
+void FileLockPlace_RemoveSelf(const OwnedDirectory &directory, const char *path);
 
 #endif

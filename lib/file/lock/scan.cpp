@@ -16,26 +16,28 @@ void FileLockReportDiscarded(const FileLockPlace &place, const char *name, const
 }
 
 /* Looks at one member file. */
-int FileLockScanner(const FileLockPlace &place, const char *name, uint32_t number, FileLockScanAction action,
-                    void *context)
+int FileLockScanner(FileLockAttempt *attempt, FileLockMember *member, FileLockScanFilter matters,
+                    FileLockScanAction action)
 {
-   FileLockMember member;
-   int error = 0;
+   const int error = FileLockScan_Look(*attempt, member);
 
-   switch (FileLockScan_Standing(place, name, &member, &error)) {
-   case FILE_LOCK_COUNTS:
-      return action(name, &member, context);
-   case FILE_LOCK_OVER: {
-      const Owned<char> reason(Str_SafeAsprintf(nullptr, "invalid executionID %s.", member.execution));
-      FileLockReportDiscarded(place, name, reason.get());
-      FileLockNumber_Reclaim(place, number, name);
+   if (error != 0 ||
+       (member->state == FILE_LOCK_WAITS && matters != nullptr && !matters(*attempt, *member))) {
+      return error;
+   }
+   FileLockMember_Judge(attempt->place, member);
+   switch (member->state) {
+   case FILE_LOCK_WAITS:
+      return action(attempt, member);
+   case FILE_LOCK_STALE: {
+      const Owned<char> reason(Str_SafeAsprintf(nullptr, "invalid executionID %s.", member->execution));
+      FileLockReportDiscarded(attempt->place, member->name, reason.get());
+      FileLockNumber_Reclaim(attempt->place, member->number, member->name);
       return 0;
    }
-   case FILE_LOCK_FOREIGN:
-      FileLockReportDiscarded(place, name, "lock file has been moved.");
+   case FILE_LOCK_MOVED:
+      FileLockReportDiscarded(attempt->place, member->name, "lock file has been moved.");
       return 0;
-   case FILE_LOCK_UNKNOWN:
-      return error;
    default:
       return 0;
    }
@@ -51,57 +53,36 @@ void FileLockReportInvalidName(const FileLockPlace &place, const char *name)
 
 } // namespace
 
-FileLockStanding FileLockScan_Standing(const FileLockPlace &place, const char *name, FileLockMember *member,
-                                       int *error)
+int FileLockScan_Look(const FileLockAttempt &attempt, FileLockMember *member)
 {
-   FileLockReading reading = FileLockMemberValues(place, name, member);
-   FileLockEntry entry;
-   uint32_t number;
+   int error;
 
-   if (FileLockMember_IsProblematic(reading) && FileLockMember_ParseName(name, &entry, &number)) {
-      FileLockNumber_Reclaim(place, number, name);
-      /* If it was not the file that failed but the reading, its owner may hold the lock. */
-      reading = FileLockMember_Read(place, name, member);
-   }
-   if (FileLockMember_IsProblematic(reading)) {
-      return FILE_LOCK_HOPELESS;
-   }
-   if (reading.step == FILE_LOCK_READ_VANISHED) {
-      return FILE_LOCK_GONE;
-   }
-   if (reading.step != FILE_LOCK_READ_DONE) {
-      *error = reading.error;
-      return FILE_LOCK_UNKNOWN;
-   }
-   if (FileLockIdentity_HasEnded(place.self, member->machine, member->execution)) {
-      return FILE_LOCK_OVER;
-   }
-   return member->checksum == std::string_view(place.checksum) ? FILE_LOCK_COUNTS : FILE_LOCK_FOREIGN;
+   do {
+      error = FileLockMemberValues(attempt.place, member);
+      if (error == 0 && member->state == FILE_LOCK_UNREADABLE) {
+         FileLockNumber_Reclaim(attempt.place, member->number, member->name);
+         /* If it was not the file that failed but the reading, its owner may hold the lock. */
+         error = FileLockMember_Read(attempt.place, false, member);
+      }
+   } while (error == EAGAIN && (error = FileLockWait_Once(attempt, "", "")) == 0);
+   return error;
 }
 
-int FileLockScanDirectory(const FileLockPlace &place, const char *own, FileLockScanAction action,
-                          void *context)
+int FileLockScanDirectory(FileLockAttempt *attempt, FileLockScanFilter matters, FileLockScanAction action)
 {
+   const FileLockPlace &place = attempt->place;
    FileLockEntry entry;
    FileLockNames list;
    uint32_t number;
 
    int error = FileLockNames_Read(place.stream.get(), &list);
-   if (error != 0) {
-      return error;
-   }
-   for (const char *name = nullptr; (name = FileLockNames_Next(list, name)) != nullptr;) {
+   for (const char *name = nullptr; error == 0 && (name = FileLockNames_Next(list, name)) != nullptr;) {
       if (!FileLockMember_ParseName(name, &entry, &number)) {
          FileLockReportInvalidName(place, name);
-         continue;
-      }
-      if (entry != FILE_LOCK_MEMBER || (own != nullptr && name == std::string_view(own))) {
-         continue;
-      }
-      error = FileLockScanner(place, name, number, action, context);
-      if (error != 0) {
-         return error;
+      } else if (entry == FILE_LOCK_MEMBER && name != std::string_view(attempt->name.text)) {
+         FileLockMember member(name, number);
+         error = FileLockScanner(attempt, &member, matters, action);
       }
    }
-   return 0;
+   return error;
 }

@@ -1,5 +1,6 @@
 #include "lib/file/lock/wait.h"
 
+#include "base/errno.h"
 #include "lib/file/lock/number.h"
 #include "lib/file/lock/scan.h"
 #include "lib/public/program.h"
@@ -21,9 +22,9 @@ constexpr uint32_t LONGEST_SLEEP_MS = 100;
 constexpr uint64_t CHOOSER_DUE_MS = 10;
 constexpr uint64_t CHOOSER_OVERDUE_MS = 100;
 
-/* How much older than our ticket an entry without an owner must be to count as left behind. The time only keeps us from
-   getting in the way of its maker: see fileLockNumber.h for what keeps us from doing harm. */
-constexpr time_t LEFT_BEHIND_S = 8;
+/* How long an entry without an owner must have been there to count as left behind. The time only keeps us from getting in the
+   way of its maker: see number.h for what keeps us from doing harm. */
+constexpr uint64_t LEFT_BEHIND_MS = 8000;
 
 bool FileLockIsLate(const FileLockAttempt &attempt)
 {
@@ -48,66 +49,50 @@ bool FileLockPauseAtLength(const FileLockAttempt &attempt)
 }
 
 /* Before the own ticket, and not both shared. */
-bool FileLockPrecedes(const FileLockAttempt &attempt, const char *name, const FileLockMember &member)
+bool FileLockPrecedes(const FileLockAttempt &attempt, const FileLockMember &member)
 {
    const bool earlier = member.ticket < attempt.ticket ||
-                        (member.ticket == attempt.ticket && strcmp(name, attempt.name.text) < 0);
+                        (member.ticket == attempt.ticket && strcmp(member.name, attempt.name.text) < 0);
    return earlier && (attempt.exclusive || member.exclusive);
 }
 
-/* The ticket of a process that ended while it was waited for. */
-void FileLockDiscard(const FileLockPlace &place, const char *name)
+/* Reads the member file again, as it may by now be that of another process, which may well wait for us. */
+int FileLockLookAgain(const FileLockAttempt &attempt, FileLockMember *member)
 {
-   FileLockEntry entry;
-   uint32_t number;
-
-   if (FileLockMember_ParseName(name, &entry, &number)) {
-      FileLockNumber_Reclaim(place, number, name);
-   }
-}
-
-/* Reads the member file again, as it may by now be that of another process, which may well wait for us. False if there is
-   nothing to wait for any more; *error says whether that is an error. */
-bool FileLockIsStillThere(const FileLockPlace &place, const char *name, FileLockMember *member, int *error)
-{
+   const FileLockPlace &place = attempt.place;
    struct stat status;
 
-   *error = FileLockPlace_Status(place, name, &status);
-   if (*error != 0) {
-      if (*error == ENOENT) {
-         *error = 0;
-      } else {
-         Log("FILE: %s stat failure on '%s': %s\n", TAG, FileLockPlace_Path(place, name).get(),
-             strerror(*error));
-      }
-      return false;
+   int error = FileLockPlace_Status(place, member->name, &status);
+   if (error == ENOENT) {
+      member->state = FILE_LOCK_GONE;
+      return 0;
    }
-   switch (FileLockScan_Standing(place, name, member, error)) {
-   case FILE_LOCK_COUNTS:
-      return true;
-   case FILE_LOCK_OVER:
+   if (error != 0) {
+      Log("FILE: %s stat failure on '%s': %s\n", TAG, FileLockPlace_Path(place, member->name).get(),
+          strerror(error));
+      return error;
+   }
+   error = FileLockScan_Look(attempt, member);
+   if (error != 0) {
+      return error;
+   }
+   FileLockMember_Judge(place, member);
+   if (member->state == FILE_LOCK_STALE) {
       Log("FILE: %s discarding file '%s'; invalid executionID.\n", TAG,
-          FileLockPlace_Path(place, name).get());
-      FileLockDiscard(place, name);
-      return false;
-   default:
-      return false;
+          FileLockPlace_Path(place, member->name).get());
+      FileLockNumber_Reclaim(place, member->number, member->name);
    }
+   return 0;
 }
 
-int FileLockWaitForPossession(const char *name, FileLockMember *member, void *context)
+int FileLockWaitForPossession(FileLockAttempt *attempt, FileLockMember *member)
 {
-   const auto &attempt = *static_cast<const FileLockAttempt *>(context);
-   int error = 0;
-
-   while (FileLockPrecedes(attempt, name, *member)) {
-      if (FileLockIsLate(attempt)) {
-         return FileLockTimeout(attempt, member->machine, member->execution);
+   while (member->state == FILE_LOCK_WAITS && FileLockPrecedes(*attempt, *member)) {
+      int error = FileLockWait_Once(*attempt, member->machine, member->execution);
+      if (error == 0) {
+         error = FileLockLookAgain(*attempt, member);
       }
-      if (!FileLockPauseAtLength(attempt)) {
-         return ECANCELED;
-      }
-      if (!FileLockIsStillThere(attempt.place, name, member, &error)) {
+      if (error != 0) {
          return error;
       }
    }
@@ -116,29 +101,28 @@ int FileLockWaitForPossession(const char *name, FileLockMember *member, void *co
 
 /* Whether the entry is so much older than our ticket, by the clock of the file system, that its maker cannot still be on
    the way. */
-bool FileLockIsLeftBehind(const FileLockAttempt &attempt, const char *name)
+bool FileLockIsOld(const FileLockAttempt &attempt, const struct stat &entry)
 {
-   struct stat entry;
    struct stat own;
 
-   return FileLockPlace_Status(attempt.place, name, &entry) == 0 &&
-          FileLockPlace_Status(attempt.place, attempt.name.text, &own) == 0 &&
-          own.st_mtime - entry.st_mtime >= LEFT_BEHIND_S;
+   return FileLockPlace_Status(attempt.place, attempt.name.text, &own) == 0 &&
+          own.st_mtime - entry.st_mtime >= static_cast<time_t>(LEFT_BEHIND_MS / 1000);
 }
 
-/* Whether the owner of the entry needs no more waiting for. Clears away what is left of it. */
-bool FileLockIsSettled(const FileLockAttempt &attempt, const char *name, uint32_t number,
-                       const FileLockHolder &holder)
+/* Whether the owner of the number, of which that entry is there, needs no more waiting for after so long. Clears away what
+   is left of it. */
+bool FileLockIsSettled(const FileLockAttempt &attempt, const struct stat &entry, uint64_t waitedMs,
+                       uint32_t number, const FileLockHolder &holder)
 {
-   switch (holder.owner) {
-   case FILE_LOCK_ENDED:
+   switch (holder.state) {
+   case FILE_LOCK_STALE:
       break;
-   case FILE_LOCK_NOBODY:
-      if (!FileLockIsLeftBehind(attempt, name)) {
+   case FILE_LOCK_UNREADABLE:
+      if (waitedMs < LEFT_BEHIND_MS && !FileLockIsOld(attempt, entry)) {
          return false;
       }
       break;
-   case FILE_LOCK_ELSEWHERE:
+   case FILE_LOCK_MOVED:
       return true;
    default:
       return !attempt.exclusive && !holder.exclusive;
@@ -147,7 +131,9 @@ bool FileLockIsSettled(const FileLockAttempt &attempt, const char *name, uint32_
    return true;
 }
 
-int FileLockWaitForChooser(const FileLockAttempt &attempt, const char *name, uint32_t number)
+/* Nobody has to wait for an entry directory alone: the ticket of its maker will be higher. But someone has to tidy up. */
+int FileLockWaitForChooser(const FileLockAttempt &attempt, const char *name, FileLockEntry entry,
+                           uint32_t number)
 {
    const uint64_t beganMs = FileLockWait_NowMs();
    struct stat status;
@@ -155,13 +141,13 @@ int FileLockWaitForChooser(const FileLockAttempt &attempt, const char *name, uin
    for (;;) {
       const int error = FileLockPlace_Status(attempt.place, name, &status);
       if (error != 0) {
-         return error == ENOENT ? 0 : error;
-      }
-      const FileLockHolder holder = FileLockNumber_Holder(attempt.place, number);
-      if (FileLockIsSettled(attempt, name, number, holder)) {
-         return 0;
+         return error == ENOENT || entry == FILE_LOCK_ENTRY ? 0 : error;
       }
       const uint64_t waitedMs = FileLockWait_NowMs() - beganMs;
+      const FileLockHolder holder = FileLockNumber_Holder(attempt.place, number);
+      if (FileLockIsSettled(attempt, status, waitedMs, number, holder) || entry == FILE_LOCK_ENTRY) {
+         return 0;
+      }
       if (waitedMs >= CHOOSER_DUE_MS && FileLockIsLate(attempt)) {
          return FileLockTimeout(attempt, holder.who.machine, holder.who.execution);
       }
@@ -202,10 +188,17 @@ bool FileLockWait_Pause(const FileLockAttempt &attempt, uint32_t ms)
       }
       const uint32_t step = std::min(ms, LONGEST_SLEEP_MS);
       struct timespec pause = {.tv_sec = 0, .tv_nsec = static_cast<long>(step) * 1000000};
-      while (nanosleep(&pause, &pause) == -1 && errno == EINTR) {
-      }
+      static_cast<void>(Uninterrupted([&pause] { return nanosleep(&pause, &pause); }));
       ms -= step;
    }
+}
+
+int FileLockWait_Once(const FileLockAttempt &attempt, const char *machine, const char *execution)
+{
+   if (FileLockIsLate(attempt)) {
+      return FileLockTimeout(attempt, machine, execution);
+   }
+   return FileLockPauseAtLength(attempt) ? 0 : ECANCELED;
 }
 
 int FileLockWait_ForChoosers(const FileLockAttempt &attempt)
@@ -215,28 +208,15 @@ int FileLockWait_ForChoosers(const FileLockAttempt &attempt)
    uint32_t number;
 
    int error = FileLockNames_Read(attempt.place.stream.get(), &list);
-   if (error != 0) {
-      return error;
-   }
-   for (const char *name = nullptr; (name = FileLockNames_Next(list, name)) != nullptr;) {
-      if (!FileLockMember_ParseName(name, &entry, &number) || entry == FILE_LOCK_MEMBER) {
-         continue;
-      }
-      if (entry == FILE_LOCK_ENTRY) {
-         /* Nobody has to wait for this one: its ticket will be higher. But someone has to tidy up. */
-         FileLockIsSettled(attempt, name, number, FileLockNumber_Holder(attempt.place, number));
-         continue;
-      }
-      error = FileLockWaitForChooser(attempt, name, number);
-      if (error != 0) {
-         return error;
+   for (const char *name = nullptr; error == 0 && (name = FileLockNames_Next(list, name)) != nullptr;) {
+      if (FileLockMember_ParseName(name, &entry, &number) && entry != FILE_LOCK_MEMBER) {
+         error = FileLockWaitForChooser(attempt, name, entry, number);
       }
    }
-   return 0;
+   return error;
 }
 
-int FileLockWait_ForPossession(const FileLockAttempt &attempt)
+int FileLockWait_ForPossession(FileLockAttempt *attempt)
 {
-   return FileLockScanDirectory(attempt.place, attempt.name.text, FileLockWaitForPossession,
-                                const_cast<FileLockAttempt *>(&attempt));
+   return FileLockScanDirectory(attempt, FileLockPrecedes, FileLockWaitForPossession);
 }

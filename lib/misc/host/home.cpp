@@ -1,3 +1,5 @@
+#include "lib/misc/host/home.h"
+
 #include "base/owned.h"
 #include "lib/misc/memory/util.h"
 #include "lib/unicode/unicodeSimpleOperations.h"

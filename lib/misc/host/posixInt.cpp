@@ -18,12 +18,15 @@ constexpr size_t REAL_PATH_SIZE = 1024;
 /* The path in the current encoding, in *converted; null for null. False with ERANGE; otherwise errno is kept. */
 bool PosixConvertPath(const char *path, Owned<char> *converted)
 {
-   const int savedErrno = errno;
-
-   converted->reset(static_cast<char *>(Unicode_GetAllocBytes(path, ENCODING_DEFAULT)));
-   const bool refused = path != nullptr && *converted == nullptr;
-   errno = refused ? ERANGE : savedErrno;
-   return !refused;
+   {
+      const KeptErrno kept;
+      converted->reset(static_cast<char *>(Unicode_GetAllocBytes(path, ENCODING_DEFAULT)));
+   }
+   if (path != nullptr && *converted == nullptr) {
+      errno = ERANGE;
+      return false;
+   }
+   return true;
 }
 
 /* The text of a link as the file system holds it, ended by NUL; null with errno set. */

@@ -1,5 +1,6 @@
 #include "lib/misc/memory/dynbuf.h"
 
+#include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 
 #include <algorithm>
@@ -30,11 +31,6 @@ bool DynBufResize(DynBuf *buffer, uint64_t capacity)
    buffer->data = static_cast<char *>(block);
    buffer->allocated = capacity;
    return true;
-}
-
-[[noreturn]] void DynBufPanic(const char *file, unsigned int line)
-{
-   Panic("Unrecoverable memory allocation failure at %s:%u\n", file, line);
 }
 
 } // namespace
@@ -87,7 +83,7 @@ bool DynBuf_Enlarge(DynBuf *buffer, size_t minSize)
 void *DynBuf_SafeEnlarge(DynBuf *buffer, size_t minSize, const char *file, unsigned int line)
 {
    if (!DynBuf_Enlarge(buffer, minSize)) {
-      DynBufPanic(file, line);
+      Util_MemoryExhausted(file, line);
    }
    return buffer->data;
 }
@@ -112,7 +108,7 @@ bool DynBuf_Append(DynBuf *buffer, const void *bytes, size_t n)
 void DynBuf_SafeAppend(DynBuf *buffer, const void *bytes, size_t n, const char *file, unsigned int line)
 {
    if (!DynBuf_Append(buffer, bytes, n)) {
-      DynBufPanic(file, line);
+      Util_MemoryExhausted(file, line);
    }
 }
 

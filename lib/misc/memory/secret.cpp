@@ -1,6 +1,7 @@
 #include "lib/misc/memory/secret.h"
 
 #include "base/owned.h"
+#include "lib/misc/memory/util.h"
 
 #include <cstring>
 #include <utility>
@@ -46,6 +47,19 @@ bool Secret_Reserve(DynBuf *buffer, size_t n)
 bool Secret_Append(DynBuf *buffer, const void *bytes, size_t n)
 {
    return Secret_Reserve(buffer, n) && DynBuf_Append(buffer, bytes, n);
+}
+
+void Secret_SafeReserve(DynBuf *buffer, size_t n, const char *file, unsigned int line)
+{
+   if (!Secret_Reserve(buffer, n)) {
+      Util_MemoryExhausted(file, line);
+   }
+}
+
+void Secret_SafeAppend(DynBuf *buffer, const void *bytes, size_t n, const char *file, unsigned int line)
+{
+   Secret_SafeReserve(buffer, n, file, line);
+   DynBuf_SafeAppend(buffer, bytes, n, file, line);
 }
 
 void Secret_Destroy(DynBuf *buffer)

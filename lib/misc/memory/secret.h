@@ -24,6 +24,11 @@ void Secret_FreeString(char *string);
    exhausted. */
 [[nodiscard]] bool Secret_Append(DynBuf *buffer, const void *bytes, size_t n);
 
+/* The same for what must not fail: exhausted memory ends the process with a message that names the caller's file and line,
+   as DynBuf_SafeAppend does. */
+void Secret_SafeReserve(DynBuf *buffer, size_t n, const char *file, unsigned int line);
+void Secret_SafeAppend(DynBuf *buffer, const void *bytes, size_t n, const char *file, unsigned int line);
+
 /* DynBuf_Destroy for secrets. */
 void Secret_Destroy(DynBuf *buffer);
 

@@ -9,8 +9,8 @@ struct SecretArenaBlock;
 
 struct SecretArena {
    SecretArenaBlock *blocks;
-   char *
-       next; /* Between these two the latest block is free: pieces are taken from below, strings from above. */
+   /* Between these two the latest block is free: pieces are taken from below, strings from above. */
+   char *next;
    char *end;
 };
 

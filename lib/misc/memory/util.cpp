@@ -11,13 +11,13 @@ namespace {
 constexpr int32_t NO_BUG_NUMBER = -1;
 
 /* Where a caller of an internal form stands; the plain forms have none. */
-struct CallPlace {
+struct UtilCallPlace {
    int32_t bugNumber;
    const char *file;
    int line;
 };
 
-[[noreturn]] void UtilPanic(const CallPlace *place)
+[[noreturn]] void UtilPanic(const UtilCallPlace *place)
 {
    if (place == nullptr) {
       Panic("Unrecoverable memory allocation failure\n");
@@ -29,7 +29,7 @@ struct CallPlace {
          place->bugNumber);
 }
 
-void *UtilMalloc(size_t size, const CallPlace *place)
+void *UtilMalloc(size_t size, const UtilCallPlace *place)
 {
    void *block = malloc(size);
    if (block == nullptr && size != 0) {
@@ -38,7 +38,7 @@ void *UtilMalloc(size_t size, const CallPlace *place)
    return block;
 }
 
-void *UtilRealloc(void *block, size_t size, const CallPlace *place)
+void *UtilRealloc(void *block, size_t size, const UtilCallPlace *place)
 {
    void *resized = realloc(block, size);
    if (resized == nullptr && size != 0) {
@@ -47,7 +47,7 @@ void *UtilRealloc(void *block, size_t size, const CallPlace *place)
    return resized;
 }
 
-void *UtilCalloc(size_t count, size_t size, const CallPlace *place)
+void *UtilCalloc(size_t count, size_t size, const UtilCallPlace *place)
 {
    void *block = calloc(count, size);
    if (block == nullptr && count != 0 && size != 0) {
@@ -56,7 +56,7 @@ void *UtilCalloc(size_t count, size_t size, const CallPlace *place)
    return block;
 }
 
-char *UtilCopyString(const char *bytes, size_t length, const CallPlace *place)
+char *UtilCopyString(const char *bytes, size_t length, const UtilCallPlace *place)
 {
    /* The room for the NUL would wrap to no room at all. */
    if (length == SIZE_MAX) {
@@ -68,12 +68,12 @@ char *UtilCopyString(const char *bytes, size_t length, const CallPlace *place)
    return copy;
 }
 
-char *UtilStrdup(const char *string, const CallPlace *place)
+char *UtilStrdup(const char *string, const UtilCallPlace *place)
 {
    return string == nullptr ? nullptr : UtilCopyString(string, strlen(string), place);
 }
 
-char *UtilStrndup(const char *string, size_t n, const CallPlace *place)
+char *UtilStrndup(const char *string, size_t n, const UtilCallPlace *place)
 {
    return string == nullptr ? nullptr : UtilCopyString(string, strnlen(string, n), place);
 }
@@ -105,32 +105,37 @@ char *Util_SafeStrndup(const char *string, size_t n)
    return UtilStrndup(string, n, nullptr);
 }
 
+void Util_MemoryExhausted(const char *file, unsigned int line)
+{
+   Panic("Unrecoverable memory allocation failure at %s:%u\n", file, line);
+}
+
 void *UtilSafeMallocInternal(size_t size, int32_t bugNumber, const char *file, int line)
 {
-   const CallPlace place = {bugNumber, file, line};
+   const UtilCallPlace place = {bugNumber, file, line};
    return UtilMalloc(size, &place);
 }
 
 void *UtilSafeReallocInternal(void *block, size_t size, int32_t bugNumber, const char *file, int line)
 {
-   const CallPlace place = {bugNumber, file, line};
+   const UtilCallPlace place = {bugNumber, file, line};
    return UtilRealloc(block, size, &place);
 }
 
 void *UtilSafeCallocInternal(size_t count, size_t size, int32_t bugNumber, const char *file, int line)
 {
-   const CallPlace place = {bugNumber, file, line};
+   const UtilCallPlace place = {bugNumber, file, line};
    return UtilCalloc(count, size, &place);
 }
 
 char *UtilSafeStrdupInternal(const char *string, int32_t bugNumber, const char *file, int line)
 {
-   const CallPlace place = {bugNumber, file, line};
+   const UtilCallPlace place = {bugNumber, file, line};
    return UtilStrdup(string, &place);
 }
 
 char *UtilSafeStrndupInternal(const char *string, size_t n, int32_t bugNumber, const char *file, int line)
 {
-   const CallPlace place = {bugNumber, file, line};
+   const UtilCallPlace place = {bugNumber, file, line};
    return UtilStrndup(string, n, &place);
 }

@@ -28,8 +28,8 @@
 [[nodiscard]] char *UtilSafeStrndupInternal(const char *string, size_t n, int32_t bugNumber, const char *file,
                                             int line);
 
-/* The path with "~" or "~USER" at its start replaced by the home directory: for "~" that is $HOME, if set and not empty,
-   else the user database's for the real user. Null for null and for an unknown home. */
-[[nodiscard]] char *Util_ExpandHome(const char *path);
+/* For other allocations that must not fail: ends the process with the message of the DynBuf_Safe routines, which names the
+   caller's file and line. */
+[[noreturn]] void Util_MemoryExhausted(const char *file, unsigned int line);
 
 #endif

@@ -11,11 +11,10 @@
 /* Private to the formatting engine: the arguments of a call. They are taken one after the other from the list until
    the format first names one by number; then all of them are fetched into slots, and taken from there. */
 
-union ArgumentSlot {
-   int64_t integer;
+union FormatValue {
+   int64_t integer; /* an int too */
    void *pointer;
-   double real;
-   long double longReal;
+   double real; /* a long double too, narrowed: the source of digits knows doubles only */
 };
 
 class FormatArguments {
@@ -29,7 +28,7 @@ class FormatArguments {
 
    ~FormatArguments()
    {
-      if (slots_ != nullptr && slots_ != frame_) {
+      if (slots_ != frame_) {
          free(slots_);
       }
       va_end(original_);
@@ -39,70 +38,50 @@ class FormatArguments {
    FormatArguments(const FormatArguments &) = delete;
    FormatArguments &operator=(const FormatArguments &) = delete;
 
-   /* The numbered argument becomes the next. The first number named, here or below, makes the whole format be
-      scanned; memory that runs out for that ends the process. */
-   void Select(int64_t index);
+   /* Reads the whole directive (fresh) whose text is at position, with the values of its '*', and returns the place
+      behind it. The first number named makes the whole format be scanned; memory that runs out for that ends
+      the process. */
+   const char *Scan(const char *position, FormatDirective *directive);
 
-   /* The value of a numbered argument; the next one stays the next. */
-   int TakeIntAt(int64_t index);
-
-   int TakeInt()
+   /* The next argument, if the type is one. */
+   FormatValue Take(FormatType type)
    {
+      if (type == FormatType::NONE) {
+         return {.integer = 0};
+      }
       next_++;
-      return slots_ == nullptr ? va_arg(list_, int) : static_cast<int>(slots_[next_ - 1].integer);
+      return slots_ == nullptr ? Fetch(&list_, type) : slots_[next_ - 1];
    }
-
-   /* An integer of the width that the size prefixes say. */
-   int64_t TakeSigned(unsigned flags)
-   {
-      if ((flags & WIDE_INTEGER_FLAGS) != 0) {
-         return TakeWide();
-      }
-      const int value = TakeInt();
-      if ((flags & (SHORTINT | CHARINT)) == 0) {
-         return value;
-      }
-      return (flags & SHORTINT) != 0 ? static_cast<int16_t>(value) : static_cast<int8_t>(value);
-   }
-
-   uint64_t TakeUnsigned(unsigned flags)
-   {
-      if ((flags & WIDE_INTEGER_FLAGS) != 0) {
-         return static_cast<uint64_t>(TakeWide());
-      }
-      const auto value = static_cast<unsigned>(TakeInt());
-      if ((flags & (SHORTINT | CHARINT)) == 0) {
-         return value;
-      }
-      return (flags & SHORTINT) != 0 ? static_cast<uint16_t>(value) : static_cast<uint8_t>(value);
-   }
-
-   void *TakePointer()
-   {
-      next_++;
-      return slots_ == nullptr ? va_arg(list_, void *) : slots_[next_ - 1].pointer;
-   }
-
-   /* A long double is narrowed: the source of digits knows doubles only. */
-   double TakeReal(unsigned flags);
 
  private:
    static constexpr size_t FRAME_SLOTS = 8;
 
-   void FetchAll();
-
-   int64_t TakeWide()
+   static FormatValue Fetch(va_list *list, FormatType type)
    {
-      next_++;
-      return slots_ == nullptr ? va_arg(list_, int64_t) : slots_[next_ - 1].integer;
+      switch (type) {
+      case FormatType::INT:
+         return {.integer = va_arg(*list, int)};
+      case FormatType::WIDE:
+         return {.integer = va_arg(*list, int64_t)};
+      case FormatType::POINTER:
+         return {.pointer = va_arg(*list, void *)};
+      case FormatType::REAL:
+         return {.real = va_arg(*list, double)};
+      case FormatType::LONG_REAL:
+         return {.real = static_cast<double>(va_arg(*list, long double))};
+      default:
+         return {.integer = 0};
+      }
    }
+
+   void FetchAll();
 
    const char *format_;
    va_list list_;
    va_list original_;
    size_t next_ = 1;
-   ArgumentSlot *slots_ = nullptr; /* by number, from 1; null as long as no number was named */
-   ArgumentSlot frame_[FRAME_SLOTS];
+   FormatValue *slots_ = nullptr; /* by number, from 1; null as long as no number was named */
+   FormatValue frame_[FRAME_SLOTS];
 };
 
 #endif

@@ -6,7 +6,7 @@
 /* Private to the formatting engine: the routines of platform/decimalDigits.h under the same contracts, faster for
    everyday magnitudes and precisions, which they work out themselves, exactly, in 128-bit integers. */
 
-[[nodiscard]] bool Digits_Significant(DecimalDigits *digits, double value, int count);
-[[nodiscard]] bool Digits_Fixed(DecimalDigits *digits, double value, int count);
+[[nodiscard]] bool FormatDigits_Significant(DecimalDigits *digits, double value, int count);
+[[nodiscard]] bool FormatDigits_Fixed(DecimalDigits *digits, double value, int count);
 
 #endif

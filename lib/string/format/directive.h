@@ -20,245 +20,79 @@ enum FormatFlag : unsigned {
    SIZET = 1U << 8,    /* 'z', 'Z', 'I' */
    PTRDIFFT = 1U << 9, /* 't' */
    INTMAXT = 1U << 10, /* 'j' */
+   SIGNED = 1U << 11,  /* a conversion whose output may have a sign */
 };
 
 constexpr unsigned WIDE_INTEGER_FLAGS = LONGINT | LLONGINT | SIZET | PTRDIFFT | INTMAXT;
 
+/* What a character is to a directive. */
+enum class FormatKind : uint8_t {
+   /* Conversions: the end of the directive. */
+   LITERAL, /* any character that is nothing else: printed as by 'c' */
+   END,     /* of the format */
+   DECIMAL,
+   OCTAL,
+   HEXADECIMAL,
+   POINTER,
+   CHARACTER,
+   STRING,
+   EXPONENTIAL,
+   FIXED,
+   GENERAL,
+   COUNT,
+   /* The scan stops here too where an argument is named, or asked for by a '*'. */
+   NUMBER,
+   STAR,
+   POINT,
+   /* These are read on the way. */
+   FLAG,
+   BLANK,
+   PLUS,
+   SIZE_H,
+   SIZE_L,
+   SIZE_I,
+};
+
+/* What an argument is passed as. */
+enum class FormatType : uint8_t { INT, WIDE, POINTER, REAL, LONG_REAL, NONE };
+
 /* A number too large for an int is read as this one: as a width or a precision it makes the result overflow. */
 constexpr int64_t FORMAT_NUMBER_LIMIT = static_cast<int64_t>(INT_MAX) + 1;
 
-struct Directive {
+/* In place of an argument's number: the next one. */
+constexpr int64_t FORMAT_NEXT = -1;
+
+struct FormatDirective {
    unsigned flags = 0;
-   char sign = '\0';   /* '+' or ' ' as asked for; a conversion sets '-', or takes it away */
+   char sign = '\0';   /* '+' or ' ' as asked for, if the conversion has one; a conversion sets '-' */
    char prefix = '\0'; /* 'x' or 'X': set by a conversion that wants "0x" or "0X" */
    char conversion = '\0';
+   FormatKind kind = FormatKind::LITERAL; /* what the scan stopped at */
+   FormatType type = FormatType::NONE;    /* what the conversion takes */
    int64_t width = 0;
    int64_t precision = -1; /* -1: none given */
+   int64_t number = 0;     /* with kind NUMBER, STAR or POINT: of the argument, or FORMAT_NEXT */
 };
 
-/* The scanning routines below take the place of what they read and return the place behind it. */
+/* Reads on in a directive (fresh at first, with the text behind its '%') and returns the place behind what was read.
+   Flags, width, precision and size prefixes come in any order; the first character that is none of them is
+   the conversion, and the directive is whole. It stops before, and is to be called again, with the kinds
 
-inline const char *DirectiveScanNumber(const char *position, int64_t *number)
+   NUMBER: at "n$": the next argument is the one of that number;
+   STAR, POINT: at the '*' of a width or a precision: the int of that number, or the next one, belongs there.
+
+   A format that ends first gives the kind END and the place of its NUL. */
+const char *FormatDirective_Scan(const char *position, FormatDirective *directive);
+
+/* Puts the value of the '*' in its place. */
+inline void FormatDirective_SetStar(FormatDirective *directive, int64_t value)
 {
-   int64_t value = 0;
-
-   for (; *position >= '0' && *position <= '9'; ++position) {
-      value = std::min(value * 10 + (*position - '0'), FORMAT_NUMBER_LIMIT);
+   if (directive->kind == FormatKind::POINT) {
+      directive->precision = std::max<int64_t>(value, -1);
+      return;
    }
-   *number = value;
-   return position;
-}
-
-/* The value of a '*', which stands before position: that of the numbered argument if "n$" follows, else that of the
-   next one. Digits without '$' are left where they are. */
-template <typename Source> const char *DirectiveScanStar(const char *position, Source *source, int64_t *value)
-{
-   int64_t index = 0;
-   const char *const after = DirectiveScanNumber(position, &index);
-
-   if (*after != '$') {
-      *value = source->TakeInt();
-      return position;
-   }
-   *value = source->TakeIntAt(index);
-   return after + 1;
-}
-
-template <typename Source>
-const char *DirectiveScanWidthStar(const char *position, Directive *directive, Source *source)
-{
-   position = DirectiveScanStar(position, source, &directive->width);
-   if (directive->width < 0) {
-      directive->flags |= LADJUST;
-      directive->width = -directive->width;
-   }
-   return position;
-}
-
-template <typename Source>
-const char *DirectiveScanPrecision(const char *position, Directive *directive, Source *source)
-{
-   if (*position != '*') {
-      return DirectiveScanNumber(position, &directive->precision);
-   }
-   position = DirectiveScanStar(position + 1, source, &directive->precision);
-   if (directive->precision < 0) {
-      directive->precision = -1;
-   }
-   return position;
-}
-
-template <typename Source>
-const char *DirectiveScanWidthOrIndex(const char *position, Directive *directive, Source *source)
-{
-   int64_t number = 0;
-
-   position = DirectiveScanNumber(position, &number);
-   if (*position == '$') {
-      source->Select(number);
-      return position + 1;
-   }
-   directive->width = number;
-   return position;
-}
-
-/* "I" alone is the size of size_t; "I32" an int; "I64" 64 bits. */
-inline const char *DirectiveScanSizeI(const char *position, Directive *directive)
-{
-   if (position[0] == '3' && position[1] == '2') {
-      return position + 2;
-   }
-   if (position[0] == '6' && position[1] == '4') {
-      directive->flags |= LLONGINT;
-      return position + 2;
-   }
-   directive->flags |= SIZET;
-   return position;
-}
-
-/* The second of a pair ("hh", "ll") replaces the flag of the first. */
-inline void DirectiveSetOrDouble(Directive *directive, unsigned once, unsigned twice)
-{
-   if ((directive->flags & once) != 0) {
-      directive->flags ^= once | twice;
-   } else {
-      directive->flags |= once;
-   }
-}
-
-/* A conversion character that sets no flag; not all of them. */
-inline bool DirectiveIsPlainConversion(char c)
-{
-   switch (c) {
-   case 'c':
-   case 'd':
-   case 'e':
-   case 'f':
-   case 'g':
-   case 'i':
-   case 'n':
-   case 'o':
-   case 'p':
-   case 's':
-   case 'u':
-   case 'x':
-      return true;
-   default:
-      return false;
-   }
-}
-
-template <typename Source>
-const char *DirectiveScanAll(const char *position, Directive *directive, Source *source)
-{
-   for (;;) {
-      const char c = *position++;
-      switch (c) {
-      case ' ':
-         if (directive->sign == '\0') {
-            directive->sign = ' ';
-         }
-         break;
-      case '+':
-         directive->sign = '+';
-         break;
-      case '#':
-         directive->flags |= ALT;
-         break;
-      case '-':
-         directive->flags |= LADJUST;
-         break;
-      case '0':
-         directive->flags |= ZEROPAD;
-         break;
-      case '\'':
-         directive->flags |= GROUPING;
-         break;
-      case '1':
-      case '2':
-      case '3':
-      case '4':
-      case '5':
-      case '6':
-      case '7':
-      case '8':
-      case '9':
-         position = DirectiveScanWidthOrIndex(position - 1, directive, source);
-         break;
-      case '*':
-         position = DirectiveScanWidthStar(position, directive, source);
-         break;
-      case '.':
-         position = DirectiveScanPrecision(position, directive, source);
-         break;
-      case 'h':
-         DirectiveSetOrDouble(directive, SHORTINT, CHARINT);
-         break;
-      case 'l':
-         DirectiveSetOrDouble(directive, LONGINT, LLONGINT);
-         break;
-      case 'q':
-      case 'L':
-         directive->flags |= LLONGINT;
-         break;
-      case 'j':
-         directive->flags |= INTMAXT;
-         break;
-      case 't':
-         directive->flags |= PTRDIFFT;
-         break;
-      case 'z':
-      case 'Z':
-         directive->flags |= SIZET;
-         break;
-      case 'I':
-         position = DirectiveScanSizeI(position, directive);
-         break;
-      case 'C':
-      case 'D':
-      case 'O':
-      case 'S':
-      case 'U':
-         directive->flags |= LONGINT;
-         [[fallthrough]];
-      default:
-         directive->conversion = c;
-         return c == '\0' ? position - 1 : position;
-      }
-   }
-}
-
-/* Nearly all directives have a zero flag and a width in front of the conversion, if anything. */
-template <typename Source>
-[[gnu::noinline]] const char *DirectiveScanWidthFirst(const char *position, Directive *directive,
-                                                      Source *source)
-{
-   int64_t width = 0;
-   const char *const after = DirectiveScanNumber(position, &width);
-
-   if (!DirectiveIsPlainConversion(*after)) {
-      return DirectiveScanAll(position, directive, source);
-   }
-   directive->flags = *position == '0' ? static_cast<unsigned>(ZEROPAD) : 0;
-   directive->width = width;
-   directive->conversion = *after;
-   return after + 1;
-}
-
-/* Reads the directive whose text follows a '%' into *directive (fresh), and returns the place after its conversion
-   character. Flags, width, precision and size prefixes come in any order; the first character that is none of
-   them is the conversion. A format that ends first gives the conversion '\0' and the place of its NUL.
-
-   Source gives the values of '*': TakeInt() the next argument, TakeIntAt(index) a numbered one; Select(index)
-   makes a numbered argument the next. */
-template <typename Source>
-const char *Directive_Scan(const char *position, Directive *directive, Source *source)
-{
-   if (!DirectiveIsPlainConversion(*position)) {
-      return DirectiveScanWidthFirst(position, directive, source);
-   }
-   directive->conversion = *position;
-   return position + 1;
+   directive->flags |= value < 0 ? static_cast<unsigned>(LADJUST) : 0;
+   directive->width = std::max(value, -value);
 }
 
 #endif

@@ -13,47 +13,47 @@
    blanks. putBody(sink) puts exactly bodyLength bytes. False if the sink refuses the field: then none of it
    is put. */
 template <typename PutBody>
-[[nodiscard]] bool Field_Put(FormatSink *sink, const Directive &directive, int64_t bodyLength,
-                             int64_t minDigits, PutBody putBody)
+[[nodiscard]] bool FormatField_Put(FormatSink *sink, const FormatDirective &directive, int64_t bodyLength,
+                                   int64_t minDigits, PutBody putBody)
 {
    const int64_t real = std::max(minDigits, bodyLength) + (directive.sign != '\0' ? 1 : 0) +
                         (directive.prefix != '\0' ? 2 : 0);
    const int64_t padding = directive.width - real;
 
-   if (!Sink_Announce(sink, static_cast<uint64_t>(std::max(directive.width, real)))) {
+   if (!FormatSink_Announce(sink, static_cast<uint64_t>(std::max(directive.width, real)))) {
       return false;
    }
    int64_t zeros = minDigits - bodyLength;
    if (padding > 0 && (directive.flags & LADJUST) == 0) {
       if ((directive.flags & ZEROPAD) == 0) {
-         Sink_Fill(sink, ' ', padding);
+         FormatSink_Fill(sink, ' ', padding);
       } else {
          zeros = std::max<int64_t>(zeros, 0) + padding;
       }
    }
    if (directive.sign != '\0') {
-      Sink_PutByte(sink, directive.sign);
+      FormatSink_PutByte(sink, directive.sign);
    }
    if (directive.prefix != '\0') {
-      Sink_PutByte(sink, '0');
-      Sink_PutByte(sink, directive.prefix);
+      FormatSink_PutByte(sink, '0');
+      FormatSink_PutByte(sink, directive.prefix);
    }
-   Sink_Fill(sink, '0', zeros);
+   FormatSink_Fill(sink, '0', zeros);
    putBody(sink);
    if ((directive.flags & LADJUST) != 0) {
-      Sink_Fill(sink, ' ', padding);
+      FormatSink_Fill(sink, ' ', padding);
    }
    return true;
 }
 
-[[nodiscard]] inline bool Field_PutText(FormatSink *sink, const Directive &directive, std::string_view text,
-                                        int64_t minDigits = 0)
+[[nodiscard]] inline bool FormatField_PutText(FormatSink *sink, const FormatDirective &directive,
+                                              std::string_view text, int64_t minDigits = 0)
 {
    if (directive.width == 0 && minDigits <= 0 && directive.sign == '\0' && directive.prefix == '\0') {
-      return Sink_Write(sink, text);
+      return FormatSink_Write(sink, text);
    }
-   return Field_Put(sink, directive, static_cast<int64_t>(text.size()), minDigits,
-                    [text](FormatSink *to) { Sink_Put(to, text.data(), text.size()); });
+   return FormatField_Put(sink, directive, static_cast<int64_t>(text.size()), minDigits,
+                          [text](FormatSink *to) { FormatSink_Put(to, text.data(), text.size()); });
 }
 
 #endif

@@ -7,6 +7,7 @@
 
 /* Private to the formatting engine: the conversions e, f, g and their capital forms. The directive is the routine's
    to change. False also if memory runs out for the digits. */
-[[nodiscard]] bool Float_Put(FormatSink *sink, Directive *directive, double value, FormatLocale *locale);
+[[nodiscard]] bool FormatFloat_Put(FormatSink *sink, FormatDirective *directive, double value,
+                                   FormatLocale *locale);
 
 #endif

@@ -9,12 +9,9 @@
 
 namespace {
 
-/* Scratch for the digits of one integer. */
-constexpr size_t SCRATCH_SIZE = 100;
-
 /* 64 bits make 20 decimal digits, each of which may have a separator, or 22 octal ones and the leading '0'. */
 constexpr size_t MAX_DECIMAL_DIGITS = 20;
-static_assert(SCRATCH_SIZE >= 2 * MAX_DECIMAL_DIGITS && SCRATCH_SIZE >= 22 + 1);
+constexpr size_t MAX_OCTAL_DIGITS = 22;
 
 constexpr auto DIGIT_PAIRS = [] {
    std::array<char, 200> pairs{};
@@ -25,17 +22,8 @@ constexpr auto DIGIT_PAIRS = [] {
    return pairs;
 }();
 
-template <unsigned BITS> char *IntegerWriteBits(char *end, uint64_t value, const char *table)
-{
-   do {
-      *--end = table[value & ((1U << BITS) - 1)];
-      value >>= BITS;
-   } while (value != 0);
-   return end;
-}
-
 /* The number of decimal digits, at least one. Most numbers are small: comparing beats computing. */
-size_t IntegerDecimalLength(uint64_t value)
+size_t FormatIntegerDecimalLength(uint64_t value)
 {
    for (size_t length = 1;; length += 4) {
       if (value < 10) {
@@ -54,106 +42,64 @@ size_t IntegerDecimalLength(uint64_t value)
    }
 }
 
-/* The precision is a minimum of digits, and one given puts an end to zero padding. */
-void IntegerHeedPrecision(Directive *directive)
+uint64_t FormatIntegerNarrow(unsigned flags, uint64_t value)
 {
-   if (directive->precision >= 0) {
-      directive->flags &= ~static_cast<unsigned>(ZEROPAD);
+   if ((flags & WIDE_INTEGER_FLAGS) != 0) {
+      return value;
    }
+   if ((flags & SHORTINT) != 0) {
+      return static_cast<uint16_t>(value);
+   }
+   return (flags & CHARINT) != 0 ? static_cast<uint8_t>(value) : static_cast<uint32_t>(value);
 }
 
-/* The field for digits that end at end. */
-bool IntegerPut(FormatSink *sink, Directive *directive, const char *digits, const char *end)
+int64_t FormatIntegerNarrowSigned(unsigned flags, int64_t value)
 {
-   IntegerHeedPrecision(directive);
-   return Field_PutText(sink, *directive, {digits, static_cast<size_t>(end - digits)}, directive->precision);
+   if ((flags & (SHORTINT | CHARINT)) == 0 || (flags & WIDE_INTEGER_FLAGS) != 0) {
+      return value;
+   }
+   return (flags & SHORTINT) != 0 ? static_cast<int16_t>(value) : static_cast<int8_t>(value);
 }
 
 /* Zero with an explicit precision of 0 has no digits. */
-bool IntegerHasDigits(const Directive &directive, uint64_t value)
+bool FormatIntegerHasDigits(const FormatDirective &directive, uint64_t value)
 {
    return value != 0 || directive.precision != 0;
 }
 
-/* Kept out of line, as the next one is: the usual road needs no scratch, nor the guard of its stack frame. */
-[[gnu::noinline]] bool IntegerPutGrouped(FormatSink *sink, Directive *directive, uint64_t magnitude,
-                                         const FormatLocale &locale)
+/* The field for digits that end at end. The precision is a minimum of digits, and one given puts an end to zero
+   padding. */
+bool FormatIntegerPut(FormatSink *sink, FormatDirective *directive, const char *digits, const char *end)
 {
-   char plain[MAX_DECIMAL_DIGITS];
-   char scratch[SCRATCH_SIZE];
-   char *const end = scratch + sizeof scratch;
-   const char *digits = end;
-
-   if (IntegerHasDigits(*directive, magnitude)) {
-      const char *const start = Integer_WriteDecimal(std::end(plain), magnitude);
-      digits = Locale_WriteGrouped(locale, end, {start, static_cast<size_t>(std::end(plain) - start)});
+   if (directive->precision >= 0) {
+      directive->flags &= ~static_cast<unsigned>(ZEROPAD);
    }
-   return IntegerPut(sink, directive, digits, end);
+   return FormatField_PutText(sink, *directive, {digits, static_cast<size_t>(end - digits)},
+                              directive->precision);
 }
 
-[[gnu::noinline]] void IntegerPutCutDigits(FormatSink *sink, uint64_t value, size_t length)
+/* Kept out of line: the usual road needs no scratch, nor the guard of its stack frame. */
+[[gnu::noinline]] void FormatIntegerPutCutDigits(FormatSink *sink, uint64_t value, size_t length)
 {
    char scratch[MAX_DECIMAL_DIGITS];
 
-   Sink_Put(sink, Integer_WriteDecimal(std::end(scratch), value), length);
+   FormatSink_Put(sink, FormatInteger_WriteDecimal(std::end(scratch), value), length);
 }
 
 /* Of length bytes, straight into the sink where it has the room. */
-void IntegerPutDigits(FormatSink *sink, uint64_t value, size_t length)
+void FormatIntegerPutDigits(FormatSink *sink, uint64_t value, size_t length)
 {
    if (length > static_cast<size_t>(sink->limit - sink->cursor)) {
-      IntegerPutCutDigits(sink, value, length);
+      FormatIntegerPutCutDigits(sink, value, length);
       return;
    }
    sink->cursor += length;
-   Integer_WriteDecimal(sink->cursor, value);
-}
-
-/* A field of its own width and precision. */
-[[gnu::noinline]] bool IntegerPutField(FormatSink *sink, Directive *directive, uint64_t magnitude)
-{
-   IntegerHeedPrecision(directive);
-   if (!IntegerHasDigits(*directive, magnitude)) {
-      return Field_PutText(sink, *directive, {});
-   }
-   const size_t length = IntegerDecimalLength(magnitude);
-   return Field_Put(sink, *directive, static_cast<int64_t>(length), directive->precision,
-                    [magnitude, length](FormatSink *to) { IntegerPutDigits(to, magnitude, length); });
-}
-
-/* With zeros between the sign, if there is one, and the digits up to the width. */
-bool IntegerPutPadded(FormatSink *sink, char sign, uint64_t magnitude, size_t width)
-{
-   const size_t digits = IntegerDecimalLength(magnitude);
-   const size_t real = digits + (sign != '\0' ? 1 : 0);
-
-   if (!Sink_Announce(sink, std::max(real, width))) {
-      return false;
-   }
-   if (sign != '\0') {
-      Sink_PutByte(sink, sign);
-   }
-   if (width > real) {
-      Sink_Fill(sink, '0', static_cast<int64_t>(width - real));
-   }
-   IntegerPutDigits(sink, magnitude, digits);
-   return true;
-}
-
-bool IntegerPutDecimal(FormatSink *sink, Directive *directive, uint64_t magnitude, FormatLocale *locale)
-{
-   if ((directive->flags & GROUPING) != 0) {
-      return IntegerPutGrouped(sink, directive, magnitude, Locale_Get(locale));
-   }
-   if (directive->width > 0 || directive->precision >= 0) {
-      return IntegerPutField(sink, directive, magnitude);
-   }
-   return IntegerPutPadded(sink, directive->sign, magnitude, 0);
+   FormatInteger_WriteDecimal(sink->cursor, value);
 }
 
 } // namespace
 
-char *Integer_WriteDecimal(char *end, uint64_t value)
+char *FormatInteger_WriteDecimal(char *end, uint64_t value)
 {
    while (value >= 100) {
       end -= 2;
@@ -169,57 +115,77 @@ char *Integer_WriteDecimal(char *end, uint64_t value)
    return end;
 }
 
-bool Integer_PutSigned(FormatSink *sink, Directive *directive, int64_t value, FormatLocale *locale)
+bool FormatInteger_PutDecimal(FormatSink *sink, FormatDirective *directive, int64_t value,
+                              FormatLocale *locale)
 {
-   uint64_t magnitude = static_cast<uint64_t>(value);
+   char plain[MAX_DECIMAL_DIGITS];
+   char grouped[2 * MAX_DECIMAL_DIGITS];
+   const char *const end = std::end(plain);
+   const char *digits = end;
+   uint64_t magnitude = 0;
 
-   if (value < 0) {
-      directive->sign = '-';
-      magnitude = -magnitude;
+   if ((directive->flags & SIGNED) != 0) {
+      const int64_t narrow = FormatIntegerNarrowSigned(directive->flags, value);
+      directive->sign = narrow < 0 ? '-' : directive->sign;
+      magnitude = narrow < 0 ? -static_cast<uint64_t>(narrow) : static_cast<uint64_t>(narrow);
+   } else {
+      magnitude = FormatIntegerNarrow(directive->flags, static_cast<uint64_t>(value));
    }
-   return IntegerPutDecimal(sink, directive, magnitude, locale);
-}
-
-bool Integer_PutInt(FormatSink *sink, int value, size_t width)
-{
-   const auto magnitude = static_cast<uint64_t>(value);
-
-   return value < 0 ? IntegerPutPadded(sink, '-', -magnitude, width)
-                    : IntegerPutPadded(sink, '\0', magnitude, width);
-}
-
-bool Integer_PutUnsigned(FormatSink *sink, Directive *directive, uint64_t value, FormatLocale *locale)
-{
-   return IntegerPutDecimal(sink, directive, value, locale);
-}
-
-bool Integer_PutOctal(FormatSink *sink, Directive *directive, uint64_t value)
-{
-   char scratch[SCRATCH_SIZE];
-   char *end = scratch + sizeof scratch;
-   char *digits = end;
-
-   if (IntegerHasDigits(*directive, value)) {
-      digits = IntegerWriteBits<3>(end, value, "01234567");
+   if (FormatIntegerHasDigits(*directive, magnitude)) {
+      digits = FormatInteger_WriteDecimal(std::end(plain), magnitude);
    }
-   if ((directive->flags & ALT) != 0 && (digits == end || *digits != '0')) {
+   if ((directive->flags & GROUPING) == 0) {
+      return FormatIntegerPut(sink, directive, digits, end);
+   }
+   digits = FormatLocale_WriteGrouped(FormatLocale_Get(locale), std::end(grouped),
+                                      {digits, static_cast<size_t>(end - digits)});
+   return FormatIntegerPut(sink, directive, digits, std::end(grouped));
+}
+
+/* With zeros between the sign, if there is one, and the digits up to the width. */
+bool FormatInteger_PutInt(FormatSink *sink, int value, size_t width)
+{
+   const bool negative = value < 0;
+   const uint64_t magnitude = negative ? -static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+   const size_t digits = FormatIntegerDecimalLength(magnitude);
+   const size_t real = digits + (negative ? 1 : 0);
+
+   if (!FormatSink_Announce(sink, std::max(real, width))) {
+      return false;
+   }
+   if (negative) {
+      FormatSink_PutByte(sink, '-');
+   }
+   if (width > real) {
+      FormatSink_Fill(sink, '0', static_cast<int64_t>(width - real));
+   }
+   FormatIntegerPutDigits(sink, magnitude, digits);
+   return true;
+}
+
+bool FormatInteger_PutBits(FormatSink *sink, FormatDirective *directive, uint64_t value)
+{
+   const bool octal = directive->kind == FormatKind::OCTAL;
+   const unsigned bits = octal ? 3 : 4;
+   const char *const table = directive->conversion == 'x' ? "0123456789abcdef" : "0123456789ABCDEF";
+   char scratch[MAX_OCTAL_DIGITS + 1];
+   char *digits = std::end(scratch);
+
+   if (directive->kind != FormatKind::POINTER) {
+      value = FormatIntegerNarrow(directive->flags, value);
+   }
+   if (FormatIntegerHasDigits(*directive, value)) {
+      uint64_t left = value;
+      do {
+         *--digits = table[left & ((1U << bits) - 1)];
+         left >>= bits;
+      } while (left != 0);
+   }
+   if ((directive->flags & ALT) != 0 && octal && (digits == std::end(scratch) || *digits != '0')) {
       *--digits = '0';
    }
-   return IntegerPut(sink, directive, digits, end);
-}
-
-bool Integer_PutHexadecimal(FormatSink *sink, Directive *directive, uint64_t value)
-{
-   char scratch[SCRATCH_SIZE];
-   char *end = scratch + sizeof scratch;
-   char *digits = end;
-
-   if (IntegerHasDigits(*directive, value)) {
-      digits = IntegerWriteBits<4>(end, value,
-                                   directive->conversion == 'x' ? "0123456789abcdef" : "0123456789ABCDEF");
-   }
-   if ((directive->flags & ALT) != 0 && value != 0 && directive->conversion != 'p') {
+   if ((directive->flags & ALT) != 0 && value != 0 && directive->kind == FormatKind::HEXADECIMAL) {
       directive->prefix = directive->conversion;
    }
-   return IntegerPut(sink, directive, digits, end);
+   return FormatIntegerPut(sink, directive, digits, std::end(scratch));
 }

@@ -7,22 +7,19 @@
 
 #include <cstdint>
 
-/* Private to the formatting engine: the integer conversions. The directive is the routine's to change. */
+/* Private to the formatting engine: the integer conversions. The directive is the routine's to change, and its size
+   prefixes cut the value to its width. */
 
-[[nodiscard]] bool Integer_PutSigned(FormatSink *sink, Directive *directive, int64_t value,
-                                     FormatLocale *locale);
-[[nodiscard]] bool Integer_PutUnsigned(FormatSink *sink, Directive *directive, uint64_t value,
-                                       FormatLocale *locale);
+[[nodiscard]] bool FormatInteger_PutDecimal(FormatSink *sink, FormatDirective *directive, int64_t value,
+                                            FormatLocale *locale);
+
+/* Octal and hexadecimal; upper case for the conversions X and p, of which p never has a prefix. */
+[[nodiscard]] bool FormatInteger_PutBits(FormatSink *sink, FormatDirective *directive, uint64_t value);
 
 /* "%d", and with a width, of zeros up to it. */
-[[nodiscard]] bool Integer_PutInt(FormatSink *sink, int value, size_t width);
-
-[[nodiscard]] bool Integer_PutOctal(FormatSink *sink, Directive *directive, uint64_t value);
-
-/* Upper case for the conversions X and p; p never has a prefix. */
-[[nodiscard]] bool Integer_PutHexadecimal(FormatSink *sink, Directive *directive, uint64_t value);
+[[nodiscard]] bool FormatInteger_PutInt(FormatSink *sink, int value, size_t width);
 
 /* Writes the decimal digits of value, at least one, so that they end before end; returns their start. */
-char *Integer_WriteDecimal(char *end, uint64_t value);
+char *FormatInteger_WriteDecimal(char *end, uint64_t value);
 
 #endif

@@ -10,14 +10,14 @@ namespace {
 constexpr char NO_MORE_GROUPS = 127;
 constexpr char NO_GROUPS[] = {NO_MORE_GROUPS, '\0'};
 
-size_t LocaleGroupSize(char size)
+size_t FormatLocaleGroupSize(char size)
 {
    return size == NO_MORE_GROUPS ? SIZE_MAX : static_cast<unsigned char>(size);
 }
 
 } // namespace
 
-const FormatLocale &Locale_Get(FormatLocale *locale)
+const FormatLocale &FormatLocale_Get(FormatLocale *locale)
 {
    if (locale->pending) {
       const struct lconv *const current = localeconv();
@@ -26,10 +26,10 @@ const FormatLocale &Locale_Get(FormatLocale *locale)
    return *locale;
 }
 
-char *Locale_WriteGrouped(const FormatLocale &locale, char *end, std::string_view digits)
+char *FormatLocale_WriteGrouped(const FormatLocale &locale, char *end, std::string_view digits)
 {
    const char *sizes = locale.grouping != nullptr && *locale.grouping != '\0' ? locale.grouping : NO_GROUPS;
-   size_t room = LocaleGroupSize(*sizes);
+   size_t room = FormatLocaleGroupSize(*sizes);
 
    for (; !digits.empty(); digits.remove_suffix(1)) {
       if (room == 0) {
@@ -37,7 +37,7 @@ char *Locale_WriteGrouped(const FormatLocale &locale, char *end, std::string_vie
          if (sizes[1] != '\0') {
             sizes++;
          }
-         room = LocaleGroupSize(*sizes);
+         room = FormatLocaleGroupSize(*sizes);
       }
       *--end = digits.back();
       room--;

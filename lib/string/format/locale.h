@@ -13,10 +13,10 @@ struct FormatLocale {
 };
 
 /* The facts, read on first use: few formats need them, and localeconv is not free of cost. */
-const FormatLocale &Locale_Get(FormatLocale *locale);
+const FormatLocale &FormatLocale_Get(FormatLocale *locale);
 
 /* Writes the digits with a separator between groups so that they end before end; returns their start. No result is
    longer than twice the digits. */
-char *Locale_WriteGrouped(const FormatLocale &locale, char *end, std::string_view digits);
+char *FormatLocale_WriteGrouped(const FormatLocale &locale, char *end, std::string_view digits);
 
 #endif

@@ -6,7 +6,7 @@ namespace {
 
 constexpr size_t FIRST_CAPACITY_STEP = 64;
 
-size_t SinkFirstCapacity(size_t formatLength)
+size_t FormatSinkFirstCapacity(size_t formatLength)
 {
    if (formatLength == 0) {
       return 1;
@@ -16,7 +16,7 @@ size_t SinkFirstCapacity(size_t formatLength)
 }
 
 /* A multiple of the present capacity that holds the length and a NUL. */
-size_t SinkCapacityFor(const FormatSink *sink, size_t length)
+size_t FormatSinkCapacityFor(const FormatSink *sink, size_t length)
 {
    if (length < sink->capacity) {
       return sink->capacity;
@@ -26,11 +26,11 @@ size_t SinkCapacityFor(const FormatSink *sink, size_t length)
 }
 
 /* Moves what was stored to a block that holds length bytes and a NUL. */
-bool SinkMove(FormatSink *sink, size_t length)
+bool FormatSinkMove(FormatSink *sink, size_t length)
 {
    const bool inFrame = sink->format != nullptr;
    const size_t stored = static_cast<size_t>(sink->cursor - sink->start);
-   const size_t capacity = SinkCapacityFor(sink, length);
+   const size_t capacity = FormatSinkCapacityFor(sink, length);
    char *const block = static_cast<char *>(inFrame ? malloc(capacity) : realloc(sink->start, capacity));
 
    if (block == nullptr) {
@@ -49,39 +49,39 @@ bool SinkMove(FormatSink *sink, size_t length)
 
 } // namespace
 
-void Sink_CopyLong(char *to, const char *from, size_t n)
+void FormatSink_CopyLong(char *to, const char *from, size_t n)
 {
    memcpy(to, from, n);
 }
 
-void Sink_InitAllocating(FormatSink *sink, char *frame, const char *format)
+void FormatSink_InitAllocating(FormatSink *sink, char *frame, const char *format)
 {
-   Sink_InitFixed(sink, frame, SINK_FRAME_SIZE);
+   FormatSink_InitFixed(sink, frame, FORMAT_SINK_FRAME_SIZE);
    sink->format = format;
    sink->allocating = true;
 }
 
-bool Sink_Grow(FormatSink *sink, size_t n)
+bool FormatSink_Grow(FormatSink *sink, size_t n)
 {
    if (sink->format != nullptr) {
-      sink->capacity = SinkFirstCapacity(strlen(sink->format));
+      sink->capacity = FormatSinkFirstCapacity(strlen(sink->format));
    }
-   return SinkMove(sink, static_cast<size_t>(sink->cursor - sink->start) + n);
+   return FormatSinkMove(sink, static_cast<size_t>(sink->cursor - sink->start) + n);
 }
 
-char *Sink_Detach(FormatSink *sink, const char *formatEnd)
+char *FormatSink_Detach(FormatSink *sink, const char *formatEnd)
 {
    if (sink->format != nullptr) {
-      sink->capacity = SinkFirstCapacity(static_cast<size_t>(formatEnd - sink->format));
-      if (!SinkMove(sink, static_cast<size_t>(sink->cursor - sink->start))) {
+      sink->capacity = FormatSinkFirstCapacity(static_cast<size_t>(formatEnd - sink->format));
+      if (!FormatSinkMove(sink, static_cast<size_t>(sink->cursor - sink->start))) {
          return nullptr;
       }
    }
-   Sink_Terminate(sink);
+   FormatSink_Terminate(sink);
    return sink->start;
 }
 
-void Sink_Discard(FormatSink *sink)
+void FormatSink_Discard(FormatSink *sink)
 {
    if (sink->format == nullptr) {
       free(sink->start);

@@ -23,10 +23,10 @@ struct FormatSink {
 
 /* Room for the most usual texts, which are moved to a block of their own once their length is known: that is cheaper
    than to let a block grow. */
-constexpr size_t SINK_FRAME_SIZE = 512;
+constexpr size_t FORMAT_SINK_FRAME_SIZE = 512;
 
 /* A size beyond any possible output is as good as none, and no reason for limit to wrap around. */
-inline void Sink_InitFixed(FormatSink *sink, char *buffer, size_t size)
+inline void FormatSink_InitFixed(FormatSink *sink, char *buffer, size_t size)
 {
    size = std::min(size, static_cast<size_t>(INT_MAX) + 1);
    *sink = {.start = buffer,
@@ -38,11 +38,11 @@ inline void Sink_InitFixed(FormatSink *sink, char *buffer, size_t size)
             .allocating = false};
 }
 
-/* The frame, of SINK_FRAME_SIZE bytes, and the format must outlive the sink. */
-void Sink_InitAllocating(FormatSink *sink, char *frame, const char *format);
+/* The frame, of FORMAT_SINK_FRAME_SIZE bytes, and the format must outlive the sink. */
+void FormatSink_InitAllocating(FormatSink *sink, char *frame, const char *format);
 
 /* Writes the NUL behind what was stored, if there is room for any byte at all. */
-inline void Sink_Terminate(FormatSink *sink)
+inline void FormatSink_Terminate(FormatSink *sink)
 {
    if (sink->capacity != 0) {
       *sink->cursor = '\0';
@@ -50,27 +50,28 @@ inline void Sink_Terminate(FormatSink *sink)
 }
 
 /* Terminates an allocating sink and hands over its text, which the caller frees; null if memory runs out. The format
-   was read up to its NUL at formatEnd. Once this or Sink_Discard was called, the sink is not to be used. */
-[[nodiscard]] char *Sink_Detach(FormatSink *sink, const char *formatEnd);
-void Sink_Discard(FormatSink *sink);
+   was read up to its NUL at formatEnd. Once this or FormatSink_Discard was called, the sink is not to be
+   used. */
+[[nodiscard]] char *FormatSink_Detach(FormatSink *sink, const char *formatEnd);
+void FormatSink_Discard(FormatSink *sink);
 
 /* Makes room for n more bytes in an allocating sink. False if memory runs out: what was stored stays. */
-[[nodiscard]] bool Sink_Grow(FormatSink *sink, size_t n);
+[[nodiscard]] bool FormatSink_Grow(FormatSink *sink, size_t n);
 
 /* The bytes put so far, stored or not. */
-inline int Sink_Count(const FormatSink *sink)
+inline int FormatSink_Count(const FormatSink *sink)
 {
    return static_cast<int>(INT_MAX - sink->spare);
 }
 
 /* Announces that the next n bytes are about to be put, and counts them. False if the count would not fit an int
    or the room cannot be had: then nothing may be put. */
-[[nodiscard]] inline bool Sink_Announce(FormatSink *sink, uint64_t n)
+[[nodiscard]] inline bool FormatSink_Announce(FormatSink *sink, uint64_t n)
 {
    if (n > sink->spare) {
       return false;
    }
-   if (sink->allocating && n > static_cast<size_t>(sink->limit - sink->cursor) && !Sink_Grow(sink, n)) {
+   if (sink->allocating && n > static_cast<size_t>(sink->limit - sink->cursor) && !FormatSink_Grow(sink, n)) {
       return false;
    }
    sink->spare -= n;
@@ -79,10 +80,10 @@ inline int Sink_Count(const FormatSink *sink)
 
 /* memcpy, kept out of the compiler's sight: inlined for a text of known size, this branch, though dead, would earn a
    warning. */
-void Sink_CopyLong(char *to, const char *from, size_t n);
+void FormatSink_CopyLong(char *to, const char *from, size_t n);
 
 /* The first and the last bytes of n, which may overlap. */
-template <typename Word> void SinkCopyEnds(char *to, const char *from, size_t n)
+template <typename Word> void FormatSinkCopyEnds(char *to, const char *from, size_t n)
 {
    Word first;
    Word last;
@@ -94,25 +95,25 @@ template <typename Word> void SinkCopyEnds(char *to, const char *from, size_t n)
 }
 
 /* Most pieces are a few bytes: two moves that may overlap cost less than a call. n at least 1. */
-inline void SinkCopy(char *to, const char *from, size_t n)
+inline void FormatSinkCopy(char *to, const char *from, size_t n)
 {
    if (n < 4) {
       to[0] = from[0];
       to[n / 2] = from[n / 2];
       to[n - 1] = from[n - 1];
    } else if (n <= 8) {
-      SinkCopyEnds<uint32_t>(to, from, n);
+      FormatSinkCopyEnds<uint32_t>(to, from, n);
    } else if (n <= 16) {
-      SinkCopyEnds<uint64_t>(to, from, n);
+      FormatSinkCopyEnds<uint64_t>(to, from, n);
    } else if (n <= 32) {
-      SinkCopyEnds<std::array<char, 16>>(to, from, n);
+      FormatSinkCopyEnds<std::array<char, 16>>(to, from, n);
    } else {
-      Sink_CopyLong(to, from, n);
+      FormatSink_CopyLong(to, from, n);
    }
 }
 
 /* The put routines drop what the room does not hold; only announced bytes may be put. */
-inline void Sink_Put(FormatSink *sink, const char *bytes, size_t n)
+inline void FormatSink_Put(FormatSink *sink, const char *bytes, size_t n)
 {
    char *const cursor = sink->cursor;
    const size_t room = static_cast<size_t>(sink->limit - cursor);
@@ -120,11 +121,11 @@ inline void Sink_Put(FormatSink *sink, const char *bytes, size_t n)
    n = std::min(n, room);
    if (n != 0) {
       sink->cursor = cursor + n;
-      SinkCopy(cursor, bytes, n);
+      FormatSinkCopy(cursor, bytes, n);
    }
 }
 
-inline void Sink_PutByte(FormatSink *sink, char byte)
+inline void FormatSink_PutByte(FormatSink *sink, char byte)
 {
    if (sink->cursor < sink->limit) {
       *sink->cursor++ = byte;
@@ -132,7 +133,7 @@ inline void Sink_PutByte(FormatSink *sink, char byte)
 }
 
 /* n bytes of one value; none if n is not above 0. */
-inline void Sink_Fill(FormatSink *sink, char byte, int64_t n)
+inline void FormatSink_Fill(FormatSink *sink, char byte, int64_t n)
 {
    if (n <= 0) {
       return;
@@ -150,12 +151,12 @@ inline void Sink_Fill(FormatSink *sink, char byte, int64_t n)
 }
 
 /* Announces and puts. */
-[[nodiscard]] inline bool Sink_Write(FormatSink *sink, std::string_view text)
+[[nodiscard]] inline bool FormatSink_Write(FormatSink *sink, std::string_view text)
 {
-   if (!Sink_Announce(sink, text.size())) {
+   if (!FormatSink_Announce(sink, text.size())) {
       return false;
    }
-   Sink_Put(sink, text.data(), text.size());
+   FormatSink_Put(sink, text.data(), text.size());
    return true;
 }
 

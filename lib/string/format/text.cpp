@@ -1,5 +1,6 @@
 #include "lib/string/format/text.h"
 
+#include "base/unicode.h"
 #include "lib/string/format/field.h"
 
 #include <algorithm>
@@ -13,43 +14,9 @@ namespace {
 constexpr size_t MAX_UTF8_LENGTH = 4;
 constexpr uint32_t REPLACEMENT_CHARACTER = 0xFFFD;
 
-bool Utf8IsContinuation(char byte)
-{
-   return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
-}
-
-/* Writes the character and returns its length. */
-size_t Utf8Encode(char *bytes, uint32_t character)
-{
-   const auto continuation = [character](unsigned shift) {
-      return static_cast<char>(0x80 | ((character >> shift) & 0x3F));
-   };
-
-   if (character < 0x80) {
-      bytes[0] = static_cast<char>(character);
-      return 1;
-   }
-   if (character < 0x800) {
-      bytes[0] = static_cast<char>(0xC0 | (character >> 6));
-      bytes[1] = continuation(0);
-      return 2;
-   }
-   if (character < 0x10000) {
-      bytes[0] = static_cast<char>(0xE0 | (character >> 12));
-      bytes[1] = continuation(6);
-      bytes[2] = continuation(0);
-      return 3;
-   }
-   bytes[0] = static_cast<char>(0xF0 | (character >> 18));
-   bytes[1] = continuation(12);
-   bytes[2] = continuation(6);
-   bytes[3] = continuation(0);
-   return 4;
-}
-
 } // namespace
 
-size_t Text_WholeUtf8Length(const char *text, size_t length)
+size_t FormatText_WholeUtf8Length(const char *text, size_t length)
 {
    size_t lead = length;
 
@@ -58,13 +25,13 @@ size_t Text_WholeUtf8Length(const char *text, size_t length)
          return 0;
       }
       lead--;
-   } while (Utf8IsContinuation(text[lead]));
+   } while (Utf8_IsContinuation(static_cast<unsigned char>(text[lead])));
 
    const int announced = std::countl_one(static_cast<unsigned char>(text[lead]));
    return announced == 0 || static_cast<size_t>(announced) == length - lead ? length : lead;
 }
 
-bool Text_PutString(FormatSink *sink, const Directive &directive, const char *string)
+bool FormatText_PutString(FormatSink *sink, const FormatDirective &directive, const char *string)
 {
    size_t length = 0;
 
@@ -72,11 +39,11 @@ bool Text_PutString(FormatSink *sink, const Directive &directive, const char *st
       string = "(null)";
    }
    if (directive.precision >= 0) {
-      length = Text_WholeUtf8Length(string, strnlen(string, static_cast<size_t>(directive.precision)));
+      length = FormatText_WholeUtf8Length(string, strnlen(string, static_cast<size_t>(directive.precision)));
    } else {
       length = strlen(string);
    }
-   return Field_PutText(sink, directive, {string, length});
+   return FormatField_PutText(sink, directive, {string, length});
 }
 
 Owned<char> Fmt_WideToUtf8(const wchar_t *string, int64_t precision)
@@ -94,39 +61,39 @@ Owned<char> Fmt_WideToUtf8(const wchar_t *string, int64_t precision)
    }
    /* The four bytes for the end also hold the character that turns out not to fit. */
    char *end = text.get();
+   const char *const limit = end + capacity;
    for (size_t i = 0; i < characters; i++) {
       const auto value = std::bit_cast<uint32_t>(string[i]); /* wchar_t has a sign */
-      const size_t length = Utf8Encode(end, value < 0x110000 ? value : REPLACEMENT_CHARACTER);
-      if (length > capacity) {
+      char *const next = Utf8_Encode(value <= UNICODE_LAST_CODE_POINT ? value : REPLACEMENT_CHARACTER, end);
+      if (next > limit) {
          break;
       }
-      end += length;
-      capacity -= length;
+      end = next;
    }
    memset(end, 0, MAX_UTF8_LENGTH);
    return text;
 }
 
-bool Text_PutWideString(FormatSink *sink, const Directive &directive, const wchar_t *string)
+bool FormatText_PutWideString(FormatSink *sink, const FormatDirective &directive, const wchar_t *string)
 {
    if (string == nullptr) {
-      return Text_PutString(sink, directive, nullptr);
+      return FormatText_PutString(sink, directive, nullptr);
    }
    const Owned<char> text = Fmt_WideToUtf8(string, directive.precision);
-   return text != nullptr && Text_PutString(sink, directive, text.get());
+   return text != nullptr && FormatText_PutString(sink, directive, text.get());
 }
 
-bool Text_PutByte(FormatSink *sink, const Directive &directive, char byte)
+bool FormatText_PutByte(FormatSink *sink, const FormatDirective &directive, char byte)
 {
-   return Field_PutText(sink, directive, {&byte, 1});
+   return FormatField_PutText(sink, directive, {&byte, 1});
 }
 
-bool Text_PutWideCharacter(FormatSink *sink, const Directive &directive, wint_t character)
+bool FormatText_PutWideCharacter(FormatSink *sink, const FormatDirective &directive, wint_t character)
 {
    char bytes[MB_LEN_MAX];
    mbstate_t fresh{};
    const size_t length = wcrtomb(bytes, static_cast<wchar_t>(character), &fresh);
 
    /* An error is the largest size. */
-   return length <= sizeof bytes && Field_PutText(sink, directive, {bytes, length});
+   return length <= sizeof bytes && FormatField_PutText(sink, directive, {bytes, length});
 }

@@ -13,15 +13,18 @@
 
 /* A null string is "(null)". With a precision, no byte at or beyond it is
    read. */
-[[nodiscard]] bool Text_PutString(FormatSink *sink, const Directive &directive, const char *string);
+[[nodiscard]] bool FormatText_PutString(FormatSink *sink, const FormatDirective &directive,
+                                        const char *string);
 
 /* As above for a wide string, put as UTF-8 whatever the locale. False also if memory runs out. */
-[[nodiscard]] bool Text_PutWideString(FormatSink *sink, const Directive &directive, const wchar_t *string);
+[[nodiscard]] bool FormatText_PutWideString(FormatSink *sink, const FormatDirective &directive,
+                                            const wchar_t *string);
 
-[[nodiscard]] bool Text_PutByte(FormatSink *sink, const Directive &directive, char byte);
+[[nodiscard]] bool FormatText_PutByte(FormatSink *sink, const FormatDirective &directive, char byte);
 
 /* The multibyte form of the process's locale. False also if the character has none. */
-[[nodiscard]] bool Text_PutWideCharacter(FormatSink *sink, const Directive &directive, wint_t character);
+[[nodiscard]] bool FormatText_PutWideCharacter(FormatSink *sink, const FormatDirective &directive,
+                                               wint_t character);
 
 /* The UTF-8 form of string, cut before the first character that would go beyond precision bytes if that is not
    negative, ended by four zero bytes. The caller frees it; null if memory runs out. Surrogates are put like
@@ -30,6 +33,6 @@
 
 /* The length of the text without a multi-byte character at its end that is not complete. Looks only at the last
    such character. */
-size_t Text_WholeUtf8Length(const char *text, size_t length);
+size_t FormatText_WholeUtf8Length(const char *text, size_t length);
 
 #endif

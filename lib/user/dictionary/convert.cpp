@@ -4,18 +4,15 @@
 #include "lib/string/str.h"
 #include "lib/user/dictionary_core.h"
 #include "lib/user/msgList.h"
+#include "platform/decimalNumber.h"
 
 #include <array>
 #include <bit>
 #include <cerrno>
-#include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
-#if __has_include(<xlocale.h>)
-#include <xlocale.h>
-#endif
 
 namespace {
 
@@ -88,23 +85,13 @@ Outcome DictionaryParseInt64(const char *text, uint64_t *bits)
    return DictionaryIsWhole(text, end) ? Outcome::VALID : Outcome::INVALID;
 }
 
-/* strtod in the C locale: files are written with a decimal point, whatever the process's locale has. */
-double DictionaryScanDouble(const char *text, char **end)
-{
-   static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", nullptr);
-
-   const locale_t previous = uselocale(cLocale);
-   const double value = strtod(text, end);
-   uselocale(previous);
-   return value;
-}
-
+/* Files are written with a decimal point, whatever the process's locale has. */
 Outcome DictionaryParseDouble(const char *text, uint64_t *bits)
 {
    char *end;
 
    errno = 0;
-   const double value = DictionaryScanDouble(text, &end);
+   const double value = DecimalNumber_Parse(text, &end);
    /* Systems differ on whether a number below the normal ones, which is there all the same, is out of range. */
    const bool tooLarge = value == HUGE_VAL || value == -HUGE_VAL;
    if (errno == ERANGE && (tooLarge || value == 0)) {

@@ -126,6 +126,14 @@ void DictionaryFileReportSync(const char *path, MsgList *messages)
                   path, strerror(errno));
 }
 
+void DictionaryFileReportUpdate(const char *path, MsgList *messages)
+{
+   MsgList_Append(messages,
+                  MSGLIST_ID("dictionary.writefile.atomicUpdate") "An error occurred while writing "
+                                                                  "dictionary file \"%s\": %s.",
+                  path, strerror(errno));
+}
+
 bool DictionaryFileWriteThrough(const FileIOHandle &file, std::string_view text, MsgList *messages)
 {
    if (!DictionaryFileFill(file, text, messages)) {
@@ -195,14 +203,11 @@ bool DictionaryFile_Store(FileIOHandle *file, FileIOHandle *temporary, std::stri
       return false;
    }
    if (!FileIO_AtomicUpdateEx(temporary, file)) {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.writefile.atomicUpdate") "An error occurred while writing "
-                                                                     "dictionary file \"%s\": %s.",
-                     file->path, strerror(errno));
+      DictionaryFileReportUpdate(file->path, messages);
       FileIO_AtomicDiscard(temporary);
       return DictionaryFileWriteThrough(*file, text, messages);
    }
-   const bool durable = Durable_Entry(temporary->path);
+   const bool durable = Durable_File(temporary->folder);
    if (!durable) {
       DictionaryFileReportSync(file->path, messages);
    }
@@ -215,6 +220,11 @@ bool DictionaryFile_Replace(FileIOHandle *file, std::string_view text, MsgList *
    FileIOHandle temporary;
    const bool made = FileIO_AtomicTempFile(file, &temporary);
 
+   /* Another file is in its place by now: rewriting the open one would save nothing. */
+   if (!made && errno == ESTALE) {
+      DictionaryFileReportUpdate(file->path, messages);
+      return false;
+   }
    return DictionaryFile_Store(file, made ? &temporary : nullptr, text, messages);
 }
 

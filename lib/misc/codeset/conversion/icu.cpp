@@ -35,14 +35,23 @@ Converter Open(const char *name)
    return converter;
 }
 
-/* Stops, whatever the version of ICU: later ones than 4.4 let characters that are usually invisible pass here, and
-   leave them out. */
-void RefuseFromUnicode(const void *context, UConverterFromUnicodeArgs *args, const UChar *codeUnits,
+/* Later ICUs than 4.4 leave characters that are usually invisible out, where the mode wants them refused or substituted like
+   any other. Stopping leaves the status as it was found; the substitute is written for what counts as illegal. */
+
+void CodeSetIcuRefuse(const void *context, UConverterFromUnicodeArgs *args, const UChar *codeUnits,
                        int32_t length, int32_t codePoint, UConverterCallbackReason reason, UErrorCode *status)
 {
    const UErrorCode found = *status;
    UCNV_FROM_U_CALLBACK_STOP(context, args, codeUnits, length, codePoint, reason, status);
    *status = found;
+}
+
+void CodeSetIcuSubstitute(const void *context, UConverterFromUnicodeArgs *args, const UChar *codeUnits,
+                          int32_t length, int32_t codePoint, UConverterCallbackReason reason,
+                          UErrorCode *status)
+{
+   UCNV_FROM_U_CALLBACK_SUBSTITUTE(context, args, codeUnits, length, codePoint,
+                                   reason == UCNV_UNASSIGNED ? UCNV_ILLEGAL : reason, status);
 }
 
 struct Callbacks {
@@ -52,8 +61,8 @@ struct Callbacks {
 
 /* In the order of the conversion modes. */
 constexpr std::array<Callbacks, 3> callbacks = {{
-    {UCNV_TO_U_CALLBACK_STOP, RefuseFromUnicode},
-    {UCNV_TO_U_CALLBACK_SUBSTITUTE, UCNV_FROM_U_CALLBACK_SUBSTITUTE},
+    {UCNV_TO_U_CALLBACK_STOP, CodeSetIcuRefuse},
+    {UCNV_TO_U_CALLBACK_SUBSTITUTE, CodeSetIcuSubstitute},
     {UCNV_TO_U_CALLBACK_SKIP, UCNV_FROM_U_CALLBACK_SKIP},
 }};
 

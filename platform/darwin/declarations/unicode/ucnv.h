@@ -20,7 +20,7 @@ struct UConverter;
 struct UConverterToUnicodeArgs;
 struct UConverterFromUnicodeArgs;
 
-enum UConverterCallbackReason : int;
+enum UConverterCallbackReason : int { UCNV_UNASSIGNED = 0, UCNV_ILLEGAL = 1 };
 
 extern "C" {
 using UConverterToUCallback = void (*)(const void *context, UConverterToUnicodeArgs *args,
