@@ -218,10 +218,11 @@ TEST_F(ServiceHandshake, TakesExactlyOneDescriptorAndKeepsNoOther)
    for (const size_t count : {0, 2, 3, 9}) {
       ASSERT_TRUE(SendMessage(client_.get(), "x", std::vector<int>(count, passed)));
       EXPECT_FALSE(ServiceImplRecvFd(daemon_.get(), &received)) << count;
-      EXPECT_EQ(log_.TakeText(), "Warning: ServiceImplRecvFd: Unexpected message.\n") << count;
    }
    EXPECT_EQ(received, -2);
    EXPECT_EQ(OpenDescriptors(), before);
+   const std::string unexpected = "Warning: ServiceImplRecvFd: Unexpected message.\n";
+   EXPECT_EQ(log_.Text(), unexpected + unexpected + unexpected + unexpected);
    ASSERT_TRUE(SendMessage(client_.get(), "y", {passed}) && ServiceImplRecvFd(daemon_.get(), &received));
    close(received);
    uint8_t byte = 0;
@@ -316,7 +317,7 @@ struct Life {
 
 constexpr Life LIVES[] = {
     {"l", 0, false, "", 0, ""},
-    {"s.l", 0, false, "", 0, ""},
+    {".s.l", 0, false, "", 0, ""},
     {"c.g", 0, false, "1", 0, "+-"},
     {"c.w", 0, false, "1", 0, "+-"},
     {"c.g", 0, true, "1", 1, "+-"},
@@ -329,7 +330,7 @@ constexpr Life LIVES[] = {
     {"cdc.g.d.w", 0, false, "1111", 0, "+-"},
     {"c.l", 1, false, "0", 0, "+"},
     {"c.c.c.l.g.w", 1, false, "011", 0, "++-"},
-    {"ccc.g.g.w", 2, false, "001", 0, "+++-"},
+    {"ccc.w", 2, false, "001", 0, "+++-"},
 };
 
 int sFailingStarts;
@@ -354,7 +355,7 @@ class LifeCycle {
          })
    {
       for (const char *letter = life.what; *letter != '\0'; letter++) {
-         Happen(*letter, letter[1] == '\0');
+         Happen(*letter);
       }
    }
 
@@ -375,7 +376,7 @@ class LifeCycle {
    }
 
  private:
-   void Happen(char letter, bool isLast)
+   void Happen(char letter)
    {
       switch (letter) {
       case 'c':
@@ -383,6 +384,9 @@ class LifeCycle {
          [[fallthrough]];
       case 'd':
          answers_ += Connection(daemon_).HandOver(held_.back().reader.get()).value_or('-');
+         if (answers_.back() != '1') {
+            held_.pop_back();
+         }
          break;
       case 'g':
          held_.erase(held_.begin());
@@ -399,7 +403,13 @@ class LifeCycle {
          kill(daemon_.Pid(), SIGUSR1);
          break;
       default:
-         static_cast<void>(isLast || daemon_.OpenDescriptors());
+         /* The first of two greetings may overtake an older event, the second may not. */
+         for (int i = 0; i < 2; i++) {
+            Connection turn(daemon_);
+            turn.Read();
+            turn.ShutdownSending();
+            turn.Read();
+         }
       }
    }
 
