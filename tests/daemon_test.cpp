@@ -102,7 +102,7 @@ class Daemon : public testing::Test {
  protected:
    void SetUp() override
    {
-      if (!HasPrivateLibrary()) {
+      if (!EnterLibrary()) {
          GTEST_SKIP() << "needs a private /Library: run it through run-in-private-library";
       }
       signal(SIGPIPE, SIG_IGN);

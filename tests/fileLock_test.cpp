@@ -402,11 +402,6 @@ struct Board {
    std::atomic<bool> intruder; /* The other came in while the test was. */
 };
 
-long OpenDescriptors()
-{
-   return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
-
 class FileLockSteps : public FileLock {
  protected:
    /* A process that takes the lock and gives it back, with before called as LockFaults says. */
@@ -415,7 +410,7 @@ class FileLockSteps : public FileLock {
       new (board_) Board{held, false, false};
       const pid_t pid = fork();
       if (pid == 0) {
-         const long descriptors = OpenDescriptors();
+         const size_t descriptors = OpenDescriptors();
          LockFaults::before = before;
          FileLockToken *const token = Take(true);
          if (token != nullptr) {

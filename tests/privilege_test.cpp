@@ -84,7 +84,7 @@ class Privilege : public testing::Test {
  protected:
    void SetUp() override
    {
-      if (!HasPrivateLibrary() || geteuid() != 0) {
+      if (!EnterLibrary() || geteuid() != 0) {
          GTEST_SKIP() << "needs root, for a real user other than the effective one, and a private /Library";
       }
       MakeLibrary("#!/bin/sh\n", "");
