@@ -50,7 +50,7 @@ OwnedDictionary ReadStream(std::string text, EncodingId encoding)
    const Messages messages(MsgList_Create());
    FILE *const stream = fmemopen(text.data(), text.size(), "r");
    REQUIRE(stream != nullptr);
-   const bool read = DictionaryReadLines(dictionary.get(), stream, "fuzz", encoding, messages.get());
+   const bool read = DictionaryReadStream(dictionary.get(), stream, "fuzz", encoding, messages.get());
    fclose(stream);
    REQUIRE(read || MsgList_Count(messages.get()) > 0);
    return read ? std::move(dictionary) : nullptr;

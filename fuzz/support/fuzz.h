@@ -12,6 +12,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#if TESSEL_LEAKS
+#include <sanitizer/lsan_interface.h>
+#endif
 
 /* What the fuzzing targets share. A target is a source with LLVMFuzzerTestOneInput, which libFuzzer calls with one
    input after the other: it says at its head what has to hold, and REQUIREs it. */
@@ -54,12 +57,23 @@ struct Exactly {
 std::string RestAsString(FuzzedDataProvider *input);
 std::string AsString(std::string text);
 
-/* What Panic throws here. The product has no cleanup for exceptions: what the routine holds is lost. */
+/* What Panic throws here. The product has no cleanup for exceptions: what the routine holds is lost, and no leak. */
 struct Panicked {};
+
+#if TESSEL_LEAKS
+using LeaksUnseen = __lsan::ScopedDisabler;
+#else
+struct LeaksUnseen {
+   ~LeaksUnseen()
+   {
+   }
+};
+#endif
 
 /* Whether the call ends in Panic. */
 template <typename Call> bool Panics(Call call)
 {
+   const LeaksUnseen unseen;
    try {
       call();
    } catch (const Panicked &) {

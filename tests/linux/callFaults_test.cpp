@@ -310,8 +310,6 @@ const Operation OPERATIONS[] = {
      [](const Scene &scene) { return Named(File_Unlink(scene.Path("link").c_str()) == 0); }},
     {"Update", "failed", ERRNO, [](const Scene &scene) { return ReplacedOrNot(scene.Path("link"), true); }},
     {"Discard", "failed", ERRNO, [](const Scene &scene) { return ReplacedOrNot(scene.Path("file"), false); }},
-    {"Durable", "failed", ERRNO,
-     [](const Scene &scene) { return Named(Durable_Entry(scene.Path("file").c_str())); }},
     {"Lock", "failed", ERRNO | PARTLY, [](const Scene &scene) { return Locked(scene, true); }},
     {"Unlock", "failed", ERRNO | PARTLY, [](const Scene &scene) { return Locked(scene, false); }},
     {"ReadLink", "<null>", ERRNO,

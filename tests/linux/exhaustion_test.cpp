@@ -67,7 +67,8 @@ TEST(Exhaustion, EndsTheProcessInRoutinesThatCannotFailUnlessNothingIsAskedFor)
       EXPECT_PANIC(c.call(), +std::string("Unrecoverable memory allocation failure") + c.where + "\n");
    }
    /* So many numbered arguments take memory of their own. */
-   EXPECT_EXIT(free(Str_SafeAsprintf(nullptr, "%8$d", 1, 2, 3, 4, 5, 6, 7, 8)),
+   const char *const numbered = "%8$d"; /* Means something here, which the compiler does not know. */
+   EXPECT_EXIT(free(Str_SafeAsprintf(nullptr, numbered, 1, 2, 3, 4, 5, 6, 7, 8)),
                testing::KilledBySignal(SIGABRT), "");
 }
 
