@@ -435,10 +435,7 @@ TEST(CallTable, NamesEveryCallOfTheProducts)
       }
    }
    ASSERT_LT(100U, called.size()) << "nm was not of help";
-   std::set<std::string> known;
-   for (const CallName &call : AllCalls()) {
-      known.insert(call.name);
-   }
+   const std::set<std::string> known = AllCalls();
    for (const std::string &symbol : called) {
       EXPECT_TRUE(known.count(symbol) != 0) << symbol << " is not in calls.inc";
    }

@@ -114,14 +114,6 @@ char Registration(const DaemonProcess &daemon, const Pipe &held)
    }
 }
 
-std::string Replaced(std::string text, const std::string &what, const std::string &by)
-{
-   for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
-      text.replace(at, what.size(), by);
-   }
-   return text;
-}
-
 /* Two clients come, let go, and the launcher goes. */
 Life Live(const CallFault &fault, std::vector<CallFault> *faults = nullptr)
 {
@@ -182,7 +174,7 @@ class DaemonFaults : public testing::TestWithParam<size_t> {
  protected:
    void SetUp() override
    {
-      if (!HasPrivateLibrary() || geteuid() != 0) {
+      if (!EnterLibrary() || geteuid() != 0) {
          GTEST_SKIP() << "needs root, for a real user other than the effective one, and a private /Library";
       }
       signal(SIGPIPE, SIG_IGN);

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
+#include <cstdlib>
+#include <iterator>
 #include <new>
+#include <sstream>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -25,23 +26,23 @@ __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
 /* The arguments of a call as they were put on the stack, and what it is to return. */
 struct CallArguments {
-   long sixth, fifth, fourth, third, second, first;
+   long places[6];
    long result;
 };
 
 struct CallRow {
-   long (*real)(long); /* First: it is gone to from there. */
+   long (*real)(long, long, long, long, long, long); /* First: it is gone to from there. */
    const char *name;
    Failing failing;
-   int stream;
+   size_t stream;
    std::array<int, 3> errors;
    size_t index;
 };
 
+#define SAFE(reason, names)
 #define CALL(name, failing, stream, ...)                                                                     \
-   long __real_##name(long);                                                                                 \
+   long __real_##name(long, long, long, long, long, long);                                                   \
    CallRow callRow_##name = {__real_##name, #name, Failing::failing, stream, {__VA_ARGS__}, 0};
-#define SAFE(name, reason)
 #include "tests/support/calls.inc"
 #undef CALL
 
@@ -57,9 +58,9 @@ asm(".text\n"
     "callEnter:\n"
     "  cmpq $0, callArmed(%rip)\n  jne 2f\n  jmp *(%r11)\n"
     "2:\n"
-    "  pushq %rax\n  pushq %rdi\n  pushq %rsi\n  pushq %rdx\n  pushq %rcx\n  pushq %r8\n  pushq %r9\n"
+    "  pushq %rax\n  pushq %r9\n  pushq %r8\n  pushq %rcx\n  pushq %rdx\n  pushq %rsi\n  pushq %rdi\n"
     "  movq %r11, %rdi\n  movq %rsp, %rsi\n  call CallEnter@PLT\n  movq %rax, %r11\n"
-    "  popq %r9\n  popq %r8\n  popq %rcx\n  popq %rdx\n  popq %rsi\n  popq %rdi\n  popq %rax\n"
+    "  popq %rdi\n  popq %rsi\n  popq %rdx\n  popq %rcx\n  popq %r8\n  popq %r9\n  popq %rax\n"
     "  testq %r11, %r11\n  je 1f\n  jmp *%r11\n"
     "1:ret\n"
 #define CALL(name, ...)                                                                                      \
@@ -67,29 +68,26 @@ asm(".text\n"
 #include "tests/support/calls.inc"
 );
 #undef CALL
-#undef SAFE
 }
 
 namespace {
 
 CallRow *const ROWS[] = {
 #define CALL(name, ...) &callRow_##name,
-#define SAFE(name, reason)
 #include "tests/support/calls.inc"
+};
 #undef CALL
 #undef SAFE
-};
 
 } // namespace
 
 struct CallWatch::Record {
-   const CallRow *row; /* Null: nothing fails. */
-   int which;
-   int error;
-   int firstAllocation; /* That fails, with all that follow; 0: none. */
-   std::atomic<int> allocations;
+   CallFault fault;
+   const CallAction *action; /* Null: there is the fault only. */
+   std::array<bool, std::size(ROWS)> named;
    std::atomic<bool> struck;
    std::atomic<size_t> total;
+   std::atomic<int> allocations;
    std::array<const CallRow *, 1000> order;
    std::array<std::atomic<int>, std::size(ROWS)> calls;
    std::array<std::atomic<bool>, std::size(ROWS)> raised;
@@ -97,43 +95,32 @@ struct CallWatch::Record {
 
 namespace {
 
-void MarkStream(const CallRow *row, const CallArguments *arguments)
-{
-   const long places[] = {0, arguments->first, arguments->second, arguments->third, arguments->fourth};
-   if (row->stream != 0) {
-      reinterpret_cast<FILE *>(places[row->stream])->_flags |= _IO_ERR_SEEN;
-   }
-}
-
 bool IsAllocation(const CallRow *row)
 {
    return row == &callRow_malloc || row == &callRow_calloc || row == &callRow_realloc;
 }
 
+/* By the counts so far, with this call in them. */
 bool IsToFail(CallWatch::Record *record, const CallRow *row)
 {
-   const int which = ++record->calls[row->index];
-   const size_t place = record->total++;
-   if (place < record->order.size()) {
-      record->order[place] = row;
+   const CallFault &fault = record->fault;
+   if (fault.call == "allocation") {
+      return IsAllocation(row) && ++record->allocations >= fault.which;
    }
-   if (record->firstAllocation != 0 && IsAllocation(row)) {
-      return ++record->allocations >= record->firstAllocation;
-   }
-   if (record->row == nullptr) {
-      return record->which != 0 && place + 1 == static_cast<size_t>(record->which);
-   }
-   return record->row == row && record->which == which;
+   return fault.call.empty() ? record->total == static_cast<size_t>(fault.which)
+                             : fault.call == row->name && record->calls[row->index] == fault.which;
 }
 
-long Fail(const CallRow *row, const CallArguments *arguments, int error)
+long Fail(const CallRow *row, const long *arguments, int error)
 {
    if (error == CALL_KILLS) {
       kill(getpid(), SIGKILL);
    }
-   MarkStream(row, arguments);
+   if (row->stream != 0) {
+      reinterpret_cast<FILE *>(arguments[row->stream - 1])->_flags |= _IO_ERR_SEEN;
+   }
    if (row->failing == Failing::DONE) {
-      row->real(arguments->first);
+      row->real(arguments[0], 0, 0, 0, 0, 0);
    }
    errno = error;
    return row->failing == Failing::ZERO ? 0 : row->failing == Failing::NUMBER ? error : -1;
@@ -147,14 +134,40 @@ CallWatch::Record *callArmed = nullptr;
 void *CallEnter(const CallRow *row, CallArguments *arguments)
 {
    CallWatch::Record *const record = callArmed;
+   void *const real = reinterpret_cast<void *>(row->real);
 
-   record->raised[row->index] = record->raised[row->index] || (geteuid() == 0 && getuid() != 0);
-   if (IsToFail(record, row)) {
-      record->struck = true;
-      arguments->result = Fail(row, arguments, record->error);
-      return nullptr;
+   if (!record->named[row->index]) {
+      return real;
    }
-   return reinterpret_cast<void *>(row->real);
+   record->calls[row->index]++;
+   record->raised[row->index] = record->raised[row->index] || (geteuid() == 0 && getuid() != 0);
+   const size_t number = ++record->total;
+   if (number <= record->order.size()) {
+      record->order[number - 1] = row;
+   }
+   Call call = {row->name, number, arguments->places, std::nullopt, row};
+   if (record->action != nullptr) {
+      callArmed = nullptr;
+      (*record->action)(call);
+      callArmed = record;
+   } else if (IsToFail(record, row)) {
+      record->struck = true;
+      call.Fail(record->fault.error);
+   }
+   arguments->result = call.result.value_or(arguments->result);
+   return call.result ? nullptr : real;
+}
+
+long Call::Make()
+{
+   const long *const a = arguments;
+   result = row->real(a[0], a[1], a[2], a[3], a[4], a[5]);
+   return *result;
+}
+
+void Call::Fail(int error)
+{
+   result = ::Fail(row, arguments, error);
 }
 
 CallWatch::CallWatch(const CallFault &fault)
@@ -162,18 +175,27 @@ CallWatch::CallWatch(const CallFault &fault)
    void *const shared =
        mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
    record_ = new (shared) Record();
+   record_->fault = fault;
    for (size_t i = 0; i < std::size(ROWS); i++) {
       ROWS[i]->index = i;
-      record_->row = ROWS[i]->name == fault.call ? ROWS[i] : record_->row;
+      record_->named[i] = ROWS[i]->errors[0] != 0;
    }
-   record_->firstAllocation = fault.call == "allocation" ? fault.which : 0;
-   record_->which = fault.call == "allocation" ? 0 : fault.which;
-   record_->error = fault.error;
+}
+
+CallWatch::CallWatch(const std::set<std::string> &names, CallAction action) : CallWatch(CallFault())
+{
+   action_ = std::move(action);
+   record_->action = &action_;
+   for (const CallRow *row : ROWS) {
+      record_->named[row->index] = names.empty() ? row->errors[0] != 0 : names.count(row->name) != 0;
+   }
+   Arm();
 }
 
 CallWatch::~CallWatch()
 {
    Disarm();
+   record_->~Record();
    munmap(record_, sizeof(Record));
 }
 
@@ -239,26 +261,21 @@ extern "C" const char *__asan_default_options()
    return "allocator_may_return_null=1";
 }
 
-size_t OpenDescriptors()
-{
-   const std::filesystem::directory_iterator entries("/proc/self/fd");
-   return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
 bool LeaksMemory()
 {
    return __lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0;
 }
 
-std::vector<CallName> AllCalls()
+std::set<std::string> AllCalls()
 {
-   return {
-#define CALL(name, ...)    {#name, nullptr},
-#define SAFE(name, reason) {#name, reason},
+   std::istringstream words(
+#define CALL(name, ...)     #name " "
+#define SAFE(reason, names) names " "
 #include "tests/support/calls.inc"
 #undef CALL
 #undef SAFE
-   };
+   );
+   return {std::istream_iterator<std::string>(words), {}};
 }
 
 /* NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c) */

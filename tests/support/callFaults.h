@@ -3,13 +3,27 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
-/* Failing calls of the system, on demand. In a test that links call-faults, the calls that its objects make of the
-   functions in calls.inc pass through here (the linker's --wrap), under every sanitizer; those that shared
-   libraries make among themselves do not. */
+/* Calls of the system, disturbed on demand: for the tests in tests/linux, and the only way in which they do it. In a
+   program that links call-faults, the calls that its objects make of the functions in calls.inc pass through
+   here (the linker's --wrap), under every sanitizer; those that shared libraries make among themselves do
+   not.
+
+   Have one fail:   CallWatch watch({"write", 2, EIO});
+   Have all fail in turn:
+                    CallWatch usual; usual.Arm(); work(); CallWatch::Disarm();
+                    for (const CallFault &fault : usual.Faults()) { CallWatch watch(fault); watch.Arm();
+   work(); ... } Act before one, or instead of it: CallWatch watch({"rename"}, [](Call &call) { if
+   (call.number == 2) { call.Fail(EIO); } }); Bend one:        CallWatch watch({"arc4random_uniform"}, [](Call
+   &call) { call.arguments[0] = 24; }); Change what it gives: CallWatch watch({"readdir"}, [](Call &call) { if
+   (auto *entry = reinterpret_cast<dirent *>(call.Make())) { entry->d_type = DT_UNKNOWN; } }); */
 
 /* In the place of an error: the process is killed instead of making the call. */
 constexpr int CALL_KILLS = -1;
@@ -22,11 +36,32 @@ struct CallFault {
    int error = 0;
 };
 
+/* One call on its way to the system. */
+struct Call {
+   std::string_view name;
+   size_t number;              /* From 1, among the calls that the action is given. */
+   long *arguments;            /* The six that can stand in registers; it is made with what is left here. */
+   std::optional<long> result; /* Set: it is not made, any more, and gives this. */
+   const struct CallRow *row;
+
+   /* Makes it now, and gives the result too. */
+   long Make();
+
+   /* It gives what it gives when it fails with this error. */
+   void Fail(int error);
+};
+
+using CallAction = std::function<void(Call &call)>;
+
 /* What one process, and the children that it forks, calls between Arm and Disarm. The record is shared with them: a
-   watch made before a fork tells the parent what the child did. One at a time. */
+   watch made before a fork tells the parent what the child did. One at a time, on one thread. */
 class CallWatch {
  public:
    explicit CallWatch(const CallFault &fault = {});
+
+   /* Armed at once. The action is given each call of these functions, before it is made (none named: of all that can fail). What
+      it calls itself goes straight through. */
+   CallWatch(const std::set<std::string> &names, CallAction action);
    ~CallWatch();
    CallWatch(const CallWatch &) = delete;
    CallWatch &operator=(const CallWatch &) = delete;
@@ -50,6 +85,7 @@ class CallWatch {
 
  private:
    Record *record_;
+   CallAction action_;
 };
 
 /* While it lives, the allocations of this process from the first-th on fail. */
@@ -64,18 +100,10 @@ class FailingAllocations {
    CallWatch watch_;
 };
 
-/* How many descriptors this process has open. */
-size_t OpenDescriptors();
-
 /* Whether memory was lost so far, where the sanitizer for that is built in. */
 bool LeaksMemory();
 
-struct CallName {
-   const char *name;
-   const char *safeBecause; /* Null: it can fail. */
-};
-
-/* The whole table. */
-std::vector<CallName> AllCalls();
+/* The names in the whole table. */
+std::set<std::string> AllCalls();
 
 #endif

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,21 +39,30 @@ struct sockaddr_un SocketAddress(const std::string &path)
 
 } // namespace
 
-bool HasPrivateLibrary()
+bool EnterLibrary()
 {
-   return getenv("TESSEL_PRIVATE_LIBRARY") != nullptr;
+   if (LIBRARY == "/Library") {
+      return getenv("TESSEL_PRIVATE_LIBRARY") != nullptr;
+   }
+   std::filesystem::create_directory(LIBRARY);
+   return true;
+}
+
+bool HasKernelControls()
+{
+   return std::filesystem::exists("/run/tessel-kext");
 }
 
 void MakeLibrary(const std::string &helper, const std::string &script)
 {
-   for (const auto &entry : std::filesystem::directory_iterator("/Library")) {
+   for (const auto &entry : std::filesystem::directory_iterator(LIBRARY)) {
       std::filesystem::remove_all(entry);
    }
    std::filesystem::create_directories(SERVICE_LOG.parent_path());
    std::filesystem::create_directories(SERVICE_COPY / "Contents/Library/services");
    for (const auto &[name, text] : {std::pair("kestra-id", helper), {"services/services.sh", script}}) {
       const std::filesystem::path path = SERVICE_COPY / "Contents/Library" / name;
-      WriteFile(path, text);
+      WriteFile(path.string(), Replaced(text, "/Library/", LIBRARY.string() + "/"));
       std::filesystem::permissions(path, std::filesystem::perms(0755));
    }
 }
@@ -135,7 +143,7 @@ int DaemonProcess::ExitStatus()
    int status = -1;
    Require(waitpid(pid_, &status, 0) == pid_, "waitpid");
    pid_ = -1;
-   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+   return ExitStatusOf(status);
 }
 
 pid_t DaemonProcess::Release()
@@ -173,7 +181,8 @@ size_t DaemonProcess::OpenDescriptors() const
    Connection(*this).Read();
    Connection serving(*this);
    serving.Read();
-   const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid_) + "/fd");
+   std::error_code none;
+   const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid_) + "/fd", none);
    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
@@ -185,6 +194,21 @@ pid_t DaemonProcess::Pid() const
 const std::string &DaemonProcess::SocketPath() const
 {
    return socketPath_;
+}
+
+DaemonProcess::Body DaemonImage(std::string program, std::vector<std::string> arguments)
+{
+   return [program, arguments](int listener, int launcher) mutable {
+      std::vector<char *> argv = {program.data()};
+      for (std::string &argument : arguments) {
+         argument = argument.empty()  ? std::to_string(listener)
+                    : argument == "-" ? std::to_string(launcher)
+                                      : argument;
+         argv.push_back(argument.data());
+      }
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+   };
 }
 
 bool SendMessage(int socket, const std::string &text, const std::vector<int> &descriptors)

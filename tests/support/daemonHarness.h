@@ -20,16 +20,22 @@ struct Pipe {
    OwnedDescriptor writer;
 };
 
-/* The daemon's files. */
+/* What the daemon knows as /Library: under Linux that of a private view (see run-in-private-library), in front of the programs
+   as they ship. Elsewhere the tests run programs that were built for them (see CMakeLists.txt) with a folder of the
+   build. */
+inline const std::filesystem::path LIBRARY = TESSEL_LIBRARY;
 inline const std::filesystem::path SERVICE_COPY =
-    "/Library/Application Support/Kestra/Kestra Tessel/Services";
-inline const std::filesystem::path SERVICE_LOG = "/Library/Logs/Kestra Tessel Services.log";
+    LIBRARY / "Application Support/Kestra/Kestra Tessel/Services";
+inline const std::filesystem::path SERVICE_LOG = LIBRARY / "Logs/Kestra Tessel Services.log";
 
-/* Whether /Library is the test's own (see run-in-private-library). */
-bool HasPrivateLibrary();
+/* To be called before anything is done with it: false if there is none that is the test's own, which is then to skip itself. */
+bool EnterLibrary();
 
-/* Empties /Library but for the folder of the log and a service copy of these two programs. */
+/* Empties it but for the folder of the log and a service copy of these two programs, in which "/Library" stands for it. */
 void MakeLibrary(const std::string &helper, const std::string &script);
+
+/* Whether kernel controls can be stood in for. */
+bool HasKernelControls();
 
 /* A listening local-domain socket at this path, closed on exec. */
 OwnedDescriptor ListenAt(const std::string &path);
@@ -73,7 +79,8 @@ class DaemonProcess {
    /* Stops the process, does the work and lets it go on. */
    void WhileStopped(const std::function<void()> &work) const;
 
-   /* The number of open descriptors once the daemon has handled all that happened before. */
+   /* The number of open descriptors once the daemon has handled all that happened before; the same always where the system
+      does not tell. */
    [[nodiscard]] size_t OpenDescriptors() const;
    [[nodiscard]] pid_t Pid() const;
    [[nodiscard]] const std::string &SocketPath() const;
@@ -84,6 +91,10 @@ class DaemonProcess {
    OwnedDescriptor launcher_;
    pid_t pid_ = -1;
 };
+
+/* For DaemonProcess: the program, with such arguments. An empty one stands for the listening socket, "-" for the launcher's
+   descriptor. */
+DaemonProcess::Body DaemonImage(std::string program, std::vector<std::string> arguments = {"", "-"});
 
 /* One message with this text and these descriptors. False if it cannot be sent. */
 bool SendMessage(int socket, const std::string &text, const std::vector<int> &descriptors);

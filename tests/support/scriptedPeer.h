@@ -7,6 +7,7 @@
 #include <csignal>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 /* Takes the daemon's place in the conversation, one step a letter:
@@ -18,6 +19,7 @@
       g   send a greeting
       n   have room for a single client in the queue
       s   sleep for a while
+      m   wait for AwaitMark
       w   wait for ever
 
    Any other letter is sent as it is. The status at the end of the script is 0; a step that fails ends the
@@ -26,7 +28,8 @@ class ScriptedPeer : public DaemonProcess {
  public:
    explicit ScriptedPeer(const std::string &script)
        : DaemonProcess([&script](int listener, int launcher) {
-            alarm(20);
+            alarm(60);
+            signal(SIGPIPE, SIG_IGN);
             Stage stage{listener, launcher, OwnedDescriptor(), OwnedDescriptor()};
             for (const char step : script) {
                if (!stage.Take(step)) {
@@ -36,6 +39,13 @@ class ScriptedPeer : public DaemonProcess {
             _exit(0);
          })
    {
+   }
+
+   void AwaitMark() const
+   {
+      int status = 0;
+      EXPECT_EQ(waitpid(Pid(), &status, WUNTRACED), Pid());
+      EXPECT_EQ(kill(Pid(), SIGCONT), 0);
    }
 
  private:
@@ -56,13 +66,15 @@ class ScriptedPeer : public DaemonProcess {
             return ReadToEnd(received.get());
          case 'n':
             return listen(listener, 0) == 0;
+         case 'm':
+            return raise(SIGSTOP) == 0;
          case 's':
             return usleep(30000) == 0;
          case 'w':
             return ReadToEnd(launcher);
          default:
             step = step == 'g' ? '\0' : step;
-            return send(connection.get(), &step, 1, MSG_NOSIGNAL) == 1;
+            return write(connection.get(), &step, 1) == 1;
          }
       }
 

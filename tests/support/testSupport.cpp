@@ -3,11 +3,15 @@
 #include "daemon/serviceLog.h"
 
 #include <barrier>
+#include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -36,7 +40,7 @@ ScratchFolder::ScratchFolder()
    if (mkdtemp(pattern.data()) == nullptr) {
       abort();
    }
-   path_ = pattern;
+   path_ = std::filesystem::canonical(pattern).string(); /* The system's own place for them can be a link. */
 }
 
 ScratchFolder::~ScratchFolder()
@@ -52,10 +56,7 @@ std::string ScratchFolder::Path(const std::string &name) const
 
 std::string ScratchFolder::Shorten(std::string text) const
 {
-   for (size_t at; (at = text.find(path_)) != std::string::npos;) {
-      text.replace(at, path_.size(), "@");
-   }
-   return text;
+   return Replaced(std::move(text), path_, "@");
 }
 
 CapturedLog::CapturedLog()
@@ -104,16 +105,121 @@ std::string WithoutTimestamps(const std::string &log)
    return text;
 }
 
+Program::Program(const std::string &command, const std::string &input)
+{
+   int ends[2];
+   if (pipe(ends) != 0 || (pid_ = fork()) == -1) {
+      abort();
+   }
+   if (pid_ == 0) {
+      for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+         signal(number, SIG_DFL);
+      }
+      setpgid(0, 0);
+      dup2(open(input.c_str(), O_RDONLY), STDIN_FILENO);
+      dup2(ends[1], STDOUT_FILENO);
+      dup2(ends[1], STDERR_FILENO);
+      close(ends[0]);
+      close(ends[1]);
+      execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+      _exit(111);
+   }
+   close(ends[1]);
+   reader_.reset(ends[0]);
+   fcntl(ends[0], F_SETFD, FD_CLOEXEC);
+}
+
+Program::~Program()
+{
+   if (pid_ != -1) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+   }
+}
+
+bool Program::Says(const std::string &text)
+{
+   while (output_.find(text) == std::string::npos) {
+      if (!ReadMore()) {
+         return false;
+      }
+   }
+   return true;
+}
+
+int Program::Status()
+{
+   int status = -1;
+   while (ReadMore()) {
+   }
+   waitpid(std::exchange(pid_, -1), &status, 0);
+   return ExitStatusOf(status);
+}
+
+bool Program::ReadMore()
+{
+   char buffer[4096];
+   const ssize_t length = read(reader_.get(), buffer, sizeof buffer);
+   output_.append(buffer, length > 0 ? static_cast<size_t>(length) : 0);
+   return length > 0;
+}
+
+pid_t Program::Pid() const
+{
+   return pid_;
+}
+
+const std::string &Program::Output() const
+{
+   return output_;
+}
+
+int ExitStatusOf(int waitStatus)
+{
+   return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -WTERMSIG(waitStatus);
+}
+
+bool Eventually(const std::function<bool()> &condition, int limitSeconds)
+{
+   for (int i = 0; i < limitSeconds * 1000; i++) {
+      if (condition()) {
+         return true;
+      }
+      usleep(1000);
+   }
+   return condition();
+}
+
+size_t OpenDescriptors()
+{
+   size_t open = 0;
+   for (int fd = 0; fd < 4096; fd++) {
+      open += fcntl(fd, F_GETFD) != -1 ? 1U : 0U;
+   }
+   return open;
+}
+
 void OnThreads(size_t count, const std::function<void(size_t thread)> &work)
 {
    std::barrier start(static_cast<std::ptrdiff_t>(count));
-   std::vector<std::jthread> threads;
+   std::vector<std::thread> threads;
    for (size_t thread = 0; thread < count; thread++) {
       threads.emplace_back([&, thread] {
          start.arrive_and_wait();
          work(thread);
       });
    }
+   for (std::thread &thread : threads) {
+      thread.join();
+   }
+}
+
+std::string Replaced(std::string text, const std::string &what, const std::string &by)
+{
+   for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+      text.replace(at, what.size(), by);
+   }
+   return text;
 }
 
 std::string ReadFile(const std::string &path)

@@ -1,12 +1,15 @@
 #ifndef TESSEL_TESTS_SUPPORT_TESTSUPPORT_H
 #define TESSEL_TESTS_SUPPORT_TESTSUPPORT_H
 
+#include "base/owned.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 
 struct Freed {
    void operator()(void *block) const
@@ -61,8 +64,46 @@ class CapturedLog {
 /* A log as written, without its timestamp prefixes. */
 std::string WithoutTimestamps(const std::string &log);
 
+/* A command of the shell in a process of its own, without input unless it is given one; its output and its errors are
+   gathered together. They end only when every process that it left behind has ended too. */
+class Program {
+ public:
+   explicit Program(const std::string &command, const std::string &input = "/dev/null");
+   ~Program(); /* Kills the process if it is still there. */
+   Program(const Program &) = delete;
+   Program &operator=(const Program &) = delete;
+
+   /* Waits until the output so far contains the text; false if it ends without. */
+   bool Says(const std::string &text);
+
+   /* Waits for the end of all output and of the program, and gives its exit status; -signal if one ended it. */
+   int Status();
+
+   [[nodiscard]] pid_t Pid() const;
+   [[nodiscard]] const std::string &Output() const; /* So far. */
+
+ private:
+   bool ReadMore();
+
+   pid_t pid_ = -1;
+   OwnedDescriptor reader_;
+   std::string output_;
+};
+
+/* A wait status as a number: the exit status, or -signal. */
+int ExitStatusOf(int waitStatus);
+
+/* Waits until it is so, and says whether it came to be so in time. Where there is an event to wait for, that is better. */
+bool Eventually(const std::function<bool()> &condition, int limitSeconds = 60);
+
+/* How many descriptors this process has open. */
+size_t OpenDescriptors();
+
 /* Runs work(0), work(1) and so on, each on a thread of its own, at the same time, and waits for them all. */
 void OnThreads(size_t count, const std::function<void(size_t thread)> &work);
+
+/* The text with each occurrence of the one by the other. */
+std::string Replaced(std::string text, const std::string &what, const std::string &by);
 
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content);
