@@ -103,15 +103,16 @@ TEST(Escape, ExamplesOfEveryRoutine)
 
 TEST(Escape, FindUnescapedSkipsWhatIsEscaped)
 {
-   for (const auto &[string, character, index] : {std::tuple{"a,b", ',', 1},
-                                                  {"a\\,b,", ',', 4},
-                                                  {"\\\\,", ',', 2},
-                                                  {"a\\", ',', -1},
-                                                  {"a\\\\b", '\\', -1},
-                                                  {"\\\\\\,", ',', -1}}) {
-      const char *found = Escape_FindUnescaped('\\', string, character);
-      EXPECT_EQ(found != nullptr ? found - string : -1, index) << string;
-   }
+   const auto find = [](const char *string, char sought) {
+      const char *found = Escape_FindUnescaped('\\', string, sought);
+      return found != nullptr ? found - string : -1;
+   };
+   EXPECT_EQ(find("a,b", ','), 1);
+   EXPECT_EQ(find("a\\,b,", ','), 4);
+   EXPECT_EQ(find("\\\\,", ','), 2);
+   EXPECT_EQ(find("a\\", ','), -1) << "an escape ends the text";
+   EXPECT_EQ(find("a\\\\b", '\\'), -1) << "never found itself";
+   EXPECT_EQ(find("\\\\\\,", ','), -1);
 }
 
 using OwnedTable = std::unique_ptr<HashTable, decltype([](HashTable *table) { HashTable_Free(table); })>;
