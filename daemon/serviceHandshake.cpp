@@ -1,9 +1,9 @@
 #include "daemon/serviceHandshake.h"
 
-#include "daemon/serviceImpl.h"
 #include "lib/public/program.h"
 #include "platform/descriptorMessage.h"
 #include "platform/descriptors.h"
+#include "platform/eventQueue.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -15,10 +15,10 @@ namespace {
 /* Room for the address of a local-domain socket. */
 constexpr socklen_t PEER_ADDRESS_SIZE = 106;
 
-/* The data byte of the last descriptor message that arrived, and the first byte that the next client is sent. */
 uint8_t sMessageByte = 0;
 
-/* -1 if there is none; only unusual reasons are reported. */
+} // namespace
+
 int ServiceImplAccept(int listener)
 {
    alignas(struct sockaddr) char address[PEER_ADDRESS_SIZE];
@@ -29,40 +29,6 @@ int ServiceImplAccept(int listener)
       Warning("%s: accept errno %d.\n", "ServiceImplOnNewClient", errno);
    }
    return connection;
-}
-
-/* A descriptor that cannot be watched is left open on purpose: nobody could say when its client lets go. */
-char ServiceImplRegister(ServiceImplCtx *ctx, int clientFd)
-{
-   if (!ServiceImplAddReadSource(ctx, clientFd, ServiceImplUnref)) {
-      return SERVICE_REPLY_REFUSED;
-   }
-   return ServiceImplRef(ctx, clientFd);
-}
-
-void ServiceImplHandshake(ServiceImplCtx *ctx, int connection)
-{
-   int clientFd = -1;
-
-   if (!ServiceImplSetBlockingState(connection, true) || !ServiceImplWriteOne(connection, sMessageByte) ||
-       !ServiceImplRecvFd(connection, &clientFd)) {
-      return;
-   }
-   const char reply = ServiceImplRegister(ctx, clientFd);
-   /* A client that did not wait for its answer is registered all the same: its descriptor tells when it goes. */
-   [[maybe_unused]] const bool answered = ServiceImplWriteOne(connection, static_cast<uint8_t>(reply));
-}
-
-} // namespace
-
-int32_t ServiceImplOnNewClient(void *context, const QueueEvent *event)
-{
-   int connection = ServiceImplAccept(event->descriptor);
-
-   if (connection != -1) {
-      ServiceImplHandshake(static_cast<ServiceImplCtx *>(context), connection);
-   }
-   return ServiceImplClose(&connection, nullptr) ? SERVICE_KEEP_RUNNING : 1;
 }
 
 bool ServiceImplSetBlockingState(int fd, bool blocking)
@@ -91,6 +57,11 @@ bool ServiceImplWriteOne(int fd, uint8_t byte)
       Warning("%s: write errno %d.\n", "ServiceImplWriteOne", errno);
    }
    return false;
+}
+
+bool ServiceImplGreet(int fd)
+{
+   return ServiceImplWriteOne(fd, sMessageByte);
 }
 
 ServiceImplReadResult ServiceImplReadOne(int fd, uint8_t *byte)

@@ -1,11 +1,9 @@
 #ifndef TESSEL_DAEMON_SERVICEHANDSHAKE_H
 #define TESSEL_DAEMON_SERVICEHANDSHAKE_H
 
-#include "platform/eventQueue.h"
-
 #include <cstdint>
 
-/* The conversation with a new client, and the steps it is made of:
+/* The steps, on descriptors, of the conversation with a new client:
 
       client                         daemon
       connect             ------>    accept
@@ -30,15 +28,19 @@ enum class ServiceImplReadResult {
    Byte = 2,
 };
 
-/* QueueHandler for the listening socket, with a ServiceImplCtx as context: takes one client through the
-   handshake. Ends the loop, with 1, only if the connection cannot be closed. */
-int32_t ServiceImplOnNewClient(void *context, const QueueEvent *event);
+/* Takes a connection that waits, closed on exec; its peer's address is of no interest. -1 if there is none, which is
+   silent (EAGAIN), or on failure. */
+[[nodiscard]] int ServiceImplAccept(int listener);
 
 /* Lets calls on the descriptor block, or not. */
 [[nodiscard]] bool ServiceImplSetBlockingState(int fd, bool blocking);
 
 /* Writes one byte. False is silent if the peer has gone (EPIPE). */
 [[nodiscard]] bool ServiceImplWriteOne(int fd, uint8_t byte);
+
+/* ServiceImplWriteOne of the first byte that a client is sent: the data byte of the message that arrived last, which may
+   have been refused, or 0. */
+[[nodiscard]] bool ServiceImplGreet(int fd);
 
 /* Reads one byte into *byte, which is untouched otherwise. */
 [[nodiscard]] ServiceImplReadResult ServiceImplReadOne(int fd, uint8_t *byte);

@@ -3,6 +3,7 @@
 #include "daemon/serviceHandshake.h"
 #include "daemon/serviceLog.h"
 #include "daemon/servicePrivilege.h"
+#include "daemon/serviceProcess.h"
 #include "lib/misc/host/hostinfo.h"
 
 #include <cerrno>
@@ -13,17 +14,6 @@ namespace {
 
 constexpr int32_t EXIT_NORMAL = 0;
 constexpr int32_t EXIT_FAILED = 1;
-
-/* Where a build of the foundation with more modules starts them up. */
-void Foundation_StartHook()
-{
-}
-
-int32_t Foundation_ModuleHook([[maybe_unused]] void *object, [[maybe_unused]] const char *module,
-                              [[maybe_unused]] int32_t number)
-{
-   return -1;
-}
 
 void ServiceImplOpenLog(const char *logPath)
 {
@@ -56,6 +46,65 @@ int32_t ServiceImplOnLauncherEvent(void *context, const QueueEvent *event)
    return ctx->refCount != 0 ? SERVICE_KEEP_RUNNING : EXIT_NORMAL;
 }
 
+/* Counts a client whose descriptor is watched already; the first one starts the services. Gives the byte to answer. */
+char ServiceImplRef(ServiceImplCtx *ctx, int clientFd)
+{
+   static constexpr char tag[] = "ServiceImplRef";
+
+   if (ctx->refCount == 0) {
+      Log("%s: Before start().\n", tag);
+      const bool started = ctx->start();
+      Log("%s: After start().\n", tag);
+      if (!started) {
+         ServiceImplClose(&clientFd, nullptr);
+         return SERVICE_REPLY_REFUSED;
+      }
+   }
+   ctx->refCount++;
+   return SERVICE_REPLY_REGISTERED;
+}
+
+/* A client's descriptor is readable: it has let go, whatever there is to read. */
+int32_t ServiceImplUnref(void *context, const QueueEvent *event)
+{
+   static constexpr char tag[] = "ServiceImplUnref";
+   auto *ctx = static_cast<ServiceImplCtx *>(context);
+   int client = event->descriptor;
+
+   if (!ServiceImplClose(&client, nullptr)) {
+      return EXIT_FAILED;
+   }
+   if (--ctx->refCount != 0) {
+      return SERVICE_KEEP_RUNNING;
+   }
+   Log("%s: Before stop().\n", tag);
+   const bool stopped = ctx->stop();
+   Log("%s: After stop().\n", tag);
+   return stopped ? EXIT_NORMAL : EXIT_FAILED;
+}
+
+/* A descriptor that cannot be watched is left open on purpose: nobody could say when its client lets go. */
+char ServiceImplRegister(ServiceImplCtx *ctx, int clientFd)
+{
+   if (!ServiceImplAddReadSource(ctx, clientFd, ServiceImplUnref)) {
+      return SERVICE_REPLY_REFUSED;
+   }
+   return ServiceImplRef(ctx, clientFd);
+}
+
+void ServiceImplHandshake(ServiceImplCtx *ctx, int connection)
+{
+   int clientFd = -1;
+
+   if (!ServiceImplSetBlockingState(connection, true) || !ServiceImplGreet(connection) ||
+       !ServiceImplRecvFd(connection, &clientFd)) {
+      return;
+   }
+   const char reply = ServiceImplRegister(ctx, clientFd);
+   /* A client that did not wait for its answer is registered all the same: its descriptor tells when it goes. */
+   [[maybe_unused]] const bool answered = ServiceImplWriteOne(connection, static_cast<uint8_t>(reply));
+}
+
 /* The launcher is watched before the socket: a launcher that is already gone ends the process even if the socket
    is of no use. */
 bool ServiceImplWatch(const ServiceImplCtx *ctx, int listener, int launcher)
@@ -66,11 +115,19 @@ bool ServiceImplWatch(const ServiceImplCtx *ctx, int listener, int launcher)
 }
 
 /* One event at a time: a handler may close a descriptor that a second event of a batch would name. */
-int32_t ServiceImplLoop(ServiceImplCtx *ctx)
+int32_t ServiceImplDaemon(ServiceImplCtx *ctx, int listener, int launcher)
 {
    static constexpr char tag[] = "ServiceImplDaemon";
    QueueEvent event;
 
+   ctx->kq = EventQueue_Create();
+   if (ctx->kq == -1) {
+      Warning("%s: kqueue errno %d.\n", tag, errno);
+      return EXIT_FAILED;
+   }
+   if (!ServiceImplWatch(ctx, listener, launcher)) {
+      return EXIT_FAILED;
+   }
    for (;;) {
       if (!EventQueue_Wait(ctx->kq, &event)) {
          if (errno == EINTR) {
@@ -98,64 +155,28 @@ bool ServiceImplAddReadSource(const ServiceImplCtx *ctx, int descriptor, QueueHa
    return true;
 }
 
-char ServiceImplRef(ServiceImplCtx *ctx, int clientFd)
+int32_t ServiceImplOnNewClient(void *context, const QueueEvent *event)
 {
-   static constexpr char tag[] = "ServiceImplRef";
+   int connection = ServiceImplAccept(event->descriptor);
 
-   if (ctx->refCount == 0) {
-      Log("%s: Before start().\n", tag);
-      const bool started = ctx->start();
-      Log("%s: After start().\n", tag);
-      if (!started) {
-         ServiceImplClose(&clientFd, nullptr);
-         return SERVICE_REPLY_REFUSED;
-      }
+   if (connection != -1) {
+      ServiceImplHandshake(static_cast<ServiceImplCtx *>(context), connection);
    }
-   ctx->refCount++;
-   return SERVICE_REPLY_REGISTERED;
+   return ServiceImplClose(&connection, nullptr) ? SERVICE_KEEP_RUNNING : EXIT_FAILED;
 }
 
-int32_t ServiceImplUnref(void *context, const QueueEvent *event)
-{
-   static constexpr char tag[] = "ServiceImplUnref";
-   auto *ctx = static_cast<ServiceImplCtx *>(context);
-   int client = event->descriptor;
-
-   if (!ServiceImplClose(&client, nullptr)) {
-      return EXIT_FAILED;
-   }
-   if (--ctx->refCount != 0) {
-      return SERVICE_KEEP_RUNNING;
-   }
-   Log("%s: Before stop().\n", tag);
-   const bool stopped = ctx->stop();
-   Log("%s: After stop().\n", tag);
-   return stopped ? EXIT_NORMAL : EXIT_FAILED;
-}
-
-int32_t ServiceImpl_Daemon(int argc, char **argv, int32_t number, const char *logPath,
+int32_t ServiceImpl_Daemon(int argc, char **argv, [[maybe_unused]] int32_t number, const char *logPath,
                            ServiceImplAction start, ServiceImplAction stop)
 {
-   Foundation_StartHook();
-   Foundation_ModuleHook(nullptr, "serviceImpl", number);
+   ServiceImplCtx ctx = {.start = start, .stop = stop, .refCount = 0, .kq = -1};
 
    ServiceImplOpenLog(logPath);
+   ServiceProcess_LeaveLauncher();
    ServiceImplLogProcess();
    if (argc != 3) {
       Warning("Invalid number of arguments.\n");
       return EXIT_FAILED;
    }
-
-   ServiceImplCtx ctx = {.start = start, .stop = stop, .refCount = 0, .kq = EventQueue_Create()};
-   if (ctx.kq == -1) {
-      Warning("%s: kqueue errno %d.\n", "ServiceImplDaemon", errno);
-      return EXIT_FAILED;
-   }
    /* Text that is not a number counts as descriptor 0: the launcher is trusted to know what it passes. */
-   const int listener = atoi(argv[1]); // NOLINT(cert-err34-c)
-   const int launcher = atoi(argv[2]); // NOLINT(cert-err34-c)
-   if (!ServiceImplWatch(&ctx, listener, launcher)) {
-      return EXIT_FAILED;
-   }
-   return ServiceImplLoop(&ctx);
+   return ServiceImplDaemon(&ctx, atoi(argv[1]), atoi(argv[2])); // NOLINT(cert-err34-c)
 }

@@ -21,21 +21,19 @@ struct ServiceImplCtx {
    the loop and becomes the exit status of the process. */
 constexpr int32_t SERVICE_KEEP_RUNNING = -1;
 
-/* Runs the service until its last client or its launcher has gone: opens the log at logPath, watches the
-   listening socket (argv[1], decimal) and the launcher's descriptor (argv[2]), and serves. Blocks. number
-   only goes to a start-up hook. Returns the exit status of the process: 0 for a normal end, 1 for a failure,
-   which has been reported. The descriptors are left to the end of the process. */
+/* Runs the service until its last client or its launcher has gone: opens the log at logPath, leaves the launcher's
+   surroundings, watches the listening socket (argv[1], decimal) and the launcher's descriptor (argv[2]), and
+   serves. Blocks. number is for a start-up hook that this build does not have. Returns the exit status of the
+   process: 0 for a normal end, 1 for a failure, which has been reported. The descriptors are left to the end
+   of the process. */
 [[nodiscard]] int32_t ServiceImpl_Daemon(int argc, char **argv, int32_t number, const char *logPath,
                                          ServiceImplAction start, ServiceImplAction stop);
 
 /* Watches the descriptor with the handler. A failure is reported and returned as false. */
 [[nodiscard]] bool ServiceImplAddReadSource(const ServiceImplCtx *ctx, int descriptor, QueueHandler handler);
 
-/* Counts a client whose descriptor is watched already; the first one starts the services. Gives the byte to
-   answer: '1' counted, '0' refused because the services did not start; the descriptor is closed then. */
-[[nodiscard]] char ServiceImplRef(ServiceImplCtx *ctx, int clientFd);
-
-/* QueueHandler for a client's descriptor: readable means that the client has let go, whatever there is to read. */
-int32_t ServiceImplUnref(void *context, const QueueEvent *event);
+/* QueueHandler for the listening socket: takes one client through the handshake. Ends the loop, with 1, only if the
+   connection cannot be closed. */
+int32_t ServiceImplOnNewClient(void *context, const QueueEvent *event);
 
 #endif

@@ -1,5 +1,6 @@
 #include "daemon/serviceLog.h"
 
+#include "base/errno.h"
 #include "lib/string/str.h"
 
 #include <cerrno>
@@ -49,7 +50,7 @@ void LogWriteV(const char *tag, size_t tagLength, const char *format, va_list ar
    if (sLogDescriptor == LOGGING_OFF) {
       return;
    }
-   const int savedErrno = errno;
+   const KeptErrno kept;
    LogWriteBytes(buffer, static_cast<size_t>(LogFormatPrefix(buffer, sizeof buffer)));
    LogWriteBytes(tag, tagLength);
 
@@ -57,7 +58,6 @@ void LogWriteV(const char *tag, size_t tagLength, const char *format, va_list ar
       rather than cut. */
    const int length = Str_Vsnprintf(buffer, sizeof buffer, format, args);
    LogWriteBytes(buffer, static_cast<size_t>(length));
-   errno = savedErrno;
 }
 
 void Log(const char *format, ...)

@@ -1,5 +1,6 @@
 #include "daemon/servicePrivilege.h"
 
+#include "base/errno.h"
 #include "lib/public/program.h"
 
 #include <cerrno>
@@ -13,12 +14,11 @@ uid_t sSavedEffectiveUser = 0;
 /* Brackets stand between a failing call and the report of its errno, which has to come through. */
 void PrivilegeSetEffectiveUser(uid_t user, const char *routine)
 {
-   const int savedErrno = errno;
+   const KeptErrno kept;
 
    if (seteuid(user) == -1) {
       Warning("%s: seteuid errno %d.\n", routine, errno);
    }
-   errno = savedErrno;
 }
 
 } // namespace

@@ -12,9 +12,13 @@
 #include <cstring>
 #include <unistd.h>
 
+const char *TesselServices_GetSupportDir()
+{
+   return "/Library/Application Support/Kestra/Kestra Tessel";
+}
+
 namespace {
 
-constexpr char SUPPORT_DIR[] = "/Library/Application Support/Kestra/Kestra Tessel";
 constexpr char SERVICES_DIR[] = "/Services";
 
 /* The path that a location key names inside the service copy, which has the layout of the product bundle. Null
@@ -25,7 +29,8 @@ Owned<char> TesselServicesPath(const char *key)
    if (relative == nullptr) {
       return nullptr;
    }
-   return Owned<char>(Str_Asprintf(nullptr, "%s%s%s", SUPPORT_DIR, SERVICES_DIR, relative));
+   return Owned<char>(
+       Str_Asprintf(nullptr, "%s%s%s", TesselServices_GetSupportDir(), SERVICES_DIR, relative));
 }
 
 int TesselServicesRunHelper(char *helper, char *script, const char *action)
@@ -95,17 +100,12 @@ void TesselServicesWaitForKext(const char *name)
 
 bool TesselServicesDeleteCopy()
 {
-   const Owned<char> copy(Str_Asprintf(nullptr, "%s%s", SUPPORT_DIR, SERVICES_DIR));
+   const Owned<char> copy(Str_Asprintf(nullptr, "%s%s", TesselServices_GetSupportDir(), SERVICES_DIR));
    const PrivilegeBracket raised;
    return File_DeleteDirectoryTree(copy.get());
 }
 
 } // namespace
-
-const char *TesselServices_GetSupportDir()
-{
-   return SUPPORT_DIR;
-}
 
 bool TesselServices_Start()
 {

@@ -129,7 +129,8 @@ Owned<char> LockTime(uint64_t microseconds)
    const auto seconds = static_cast<time_t>(microseconds / 1000000);
    struct tm parts;
 
-   if (microseconds == 0 || gmtime_r(&seconds, &parts) == nullptr) {
+   /* Who writes a later year than 9999 has not read his clock. */
+   if (microseconds == 0 || gmtime_r(&seconds, &parts) == nullptr || parts.tm_year > 9999 - 1900) {
       return Owned<char>(Str_SafeAsprintf(nullptr, "-"));
    }
    return Owned<char>(Str_SafeAsprintf(nullptr, "%04d-%02d-%02dT%02d:%02d:%02dZ", parts.tm_year + 1900,

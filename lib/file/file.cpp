@@ -11,41 +11,40 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
 namespace {
 
-/* The folder being worked in and those next above it keep their descriptors, up to so many in all. At least three: the
-   way back up leads through folders that have been gone through on the way down, but not through one that may
-   be listed and not entered. */
-constexpr int HELD_FOLDERS = 4;
+using namespace std::string_view_literals;
 
 /* Without waiting, should a pipe have been put in place of a folder. */
 constexpr int OPEN_FOLDER = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
 
 /* A folder whose entries are being deleted. */
-struct Folder {
-   Folder *parent;             /* Null for the top. */
-   OwnedDescriptor descriptor; /* -1: let go. */
-   dev_t device;
-   ino_t inode;
-   uint64_t pathLength;
-   FileEntries list;
-   size_t taken; /* So many entries have had their turn. A folder below this one is the last of them. */
-   int error;    /* The last failure in this folder, or 0. */
+struct FileFolder {
+   FileFolder *parent = nullptr; /* Null for the top. */
+   OwnedDirectory stream;        /* Null: let go, and device and inode tell which it was. */
+   dev_t device = 0;
+   ino_t inode = 0;
+   uint64_t pathLength = 0;
+   FileNames names{}; /* A folder below this one has the name whose turn it is. */
+   int error = 0;     /* The last failure in this folder, or 0. */
 };
 
 /* The way from the folder being worked in up to the top, which takes the place of recursion: a thread's stack may end
-   long before a tree does. */
-struct FolderStack {
-   Folder *deepest = nullptr;
-   DynBuf path = {}; /* Of the deepest, for reports; a NUL follows it. */
+   long before a tree does. Only that folder and the one above it are open: the way back up leads through
+   folders that have been gone through on the way down, but not through one that may be listed and not
+   entered. */
+struct FileFolderStack {
+   FileFolder *deepest = nullptr;
+   OwnedDynBuf path; /* Of the deepest, for reports; a NUL follows it. */
 
-   FolderStack() = default;
-   FolderStack(const FolderStack &) = delete;
-   FolderStack &operator=(const FolderStack &) = delete;
-   ~FolderStack();
+   FileFolderStack() = default;
+   FileFolderStack(const FileFolderStack &) = delete;
+   FileFolderStack &operator=(const FileFolderStack &) = delete;
+   ~FileFolderStack();
 };
 
 void FileAppendToPath(DynBuf *path, const char *text)
@@ -60,9 +59,9 @@ void FileCutPath(DynBuf *path, uint64_t length)
    path->data[length] = '\0';
 }
 
-void FilePopFolder(FolderStack *stack)
+void FilePopFolder(FileFolderStack *stack)
 {
-   const Owned<Folder> block(stack->deepest);
+   const Owned<FileFolder> block(stack->deepest);
 
    stack->deepest = block->parent;
    std::destroy_at(block.get());
@@ -71,125 +70,91 @@ void FilePopFolder(FolderStack *stack)
    }
 }
 
-FolderStack::~FolderStack()
+FileFolderStack::~FileFolderStack()
 {
    while (deepest != nullptr) {
       FilePopFolder(this);
    }
-   DynBuf_Destroy(&path);
-}
-
-bool FileIsShortOfDescriptors(int error)
-{
-   return error == EMFILE || error == ENFILE;
-}
-
-/* Closes the folder and all above it, to which there is a way back. False if none of them was open. */
-bool FileLetGo(Folder *folder)
-{
-   bool any = false;
-
-   for (; folder != nullptr; folder = folder->parent) {
-      any = any || folder->descriptor.get() != -1;
-      folder->descriptor.reset();
-   }
-   return any;
 }
 
 /* Lists the folder, whose path the stack has already, and makes it the deepest; one that cannot be listed has no entries,
-   and an error. 0, or the error, and then nothing but the path has changed. */
-int FilePushFolder(FolderStack *stack, OwnedDescriptor descriptor)
+   and an error. */
+void FilePushFolder(FileFolderStack *stack, OwnedDirectory stream)
+{
+   auto *const folder = new (Util_SafeMalloc(sizeof(FileFolder)))
+       FileFolder{.parent = stack->deepest, .stream = std::move(stream), .pathLength = stack->path.size};
+
+   stack->deepest = folder;
+   folder->error = folder->names.Read(folder->stream.get(), stack->path.data);
+}
+
+/* Closes the folder, to which there is a way back. 0 or the error. */
+int FileLetGo(FileFolder *folder)
 {
    struct stat attributes;
-   const int fd = descriptor.get();
-   Folder *const parent = stack->deepest;
 
-   if (fstat(fd, &attributes) == -1) {
+   if (folder == nullptr || folder->stream == nullptr) {
+      return 0;
+   }
+   if (fstat(dirfd(folder->stream.get()), &attributes) == -1) {
       return errno;
    }
-   auto *const folder = new (Util_SafeMalloc(sizeof(Folder))) Folder{.parent = parent,
-                                                                     .descriptor = std::move(descriptor),
-                                                                     .device = attributes.st_dev,
-                                                                     .inode = attributes.st_ino,
-                                                                     .pathLength = stack->path.size,
-                                                                     .list = {},
-                                                                     .taken = 0,
-                                                                     .error = 0};
-   stack->deepest = folder;
-   bool listed = FileListOpened(fd, stack->path.data, &folder->list);
-   if (!listed && FileIsShortOfDescriptors(errno) && FileLetGo(parent)) {
-      listed = FileListOpened(fd, stack->path.data, &folder->list);
-   }
-   folder->error = listed ? 0 : errno;
+   folder->device = attributes.st_dev;
+   folder->inode = attributes.st_ino;
+   folder->stream.reset();
    return 0;
 }
 
-/* Makes room for the descriptor of a folder further down. */
-void FileLetGoFarthest(Folder *deepest)
+/* A folder in this one, or above it. Null with errno set. */
+OwnedDirectory FileOpenFrom(const FileFolder *folder, const char *name)
 {
-   Folder *farthest = deepest;
-
-   for (int level = 2; level <= HELD_FOLDERS && farthest != nullptr; level++) {
-      farthest = farthest->parent;
-   }
-   if (farthest != nullptr) {
-      farthest->descriptor.reset();
-   }
-}
-
-/* A folder in this one, or above it. -1 with errno set. */
-OwnedDescriptor FileOpenFrom(const Folder *folder, const char *name)
-{
-   return OwnedDescriptor(openat(folder->descriptor.get(), name, OPEN_FOLDER | O_NOFOLLOW));
+   return FileOpenStream(
+       OwnedDescriptor(openat(dirfd(folder->stream.get()), name, OPEN_FOLDER | O_NOFOLLOW)));
 }
 
 /* Goes into a folder of the deepest one. 0, also if it has vanished meanwhile, or the error. */
-int FileEnterFolder(FolderStack *stack, const char *name)
+int FileEnterFolder(FileFolderStack *stack, const char *name)
 {
-   Folder *const parent = stack->deepest;
+   const int error = FileLetGo(stack->deepest->parent);
 
-   FileLetGoFarthest(parent);
-   OwnedDescriptor descriptor = FileOpenFrom(parent, name);
-   if (descriptor.get() == -1 && FileIsShortOfDescriptors(errno) && FileLetGo(parent->parent)) {
-      descriptor = FileOpenFrom(parent, name);
+   if (error != 0) {
+      return error;
    }
-   if (descriptor.get() == -1) {
+   OwnedDirectory stream = FileOpenFrom(stack->deepest, name);
+   if (stream == nullptr) {
       return errno == ENOENT ? 0 : errno;
    }
    FileAppendToPath(&stack->path, "/");
    FileAppendToPath(&stack->path, name);
-   const int error = FilePushFolder(stack, std::move(descriptor));
-   if (error != 0) {
-      FileCutPath(&stack->path, parent->pathLength);
-   }
-   return error;
+   FilePushFolder(stack, std::move(stream));
+   return 0;
 }
 
 /* Opens the folder above the deepest one again if it was let go. False with errno set; ESTALE: what is above now is
    another folder, in which nothing must be touched. */
-bool FileReopenParent(const Folder *folder)
+bool FileReopenParent(const FileFolder *folder)
 {
-   Folder *const parent = folder->parent;
+   FileFolder *const parent = folder->parent;
    struct stat attributes;
 
-   if (parent->descriptor.get() != -1) {
+   if (parent->stream != nullptr) {
       return true;
    }
-   OwnedDescriptor above = FileOpenFrom(folder, "..");
-   if (above.get() == -1 || fstat(above.get(), &attributes) == -1) {
+   OwnedDirectory above = FileOpenFrom(folder, "..");
+   if (above == nullptr || fstat(dirfd(above.get()), &attributes) == -1) {
       return false;
    }
    if (attributes.st_dev != parent->device || attributes.st_ino != parent->inode) {
       errno = ESTALE;
       return false;
    }
-   parent->descriptor = std::move(above);
+   parent->stream = std::move(above);
    return true;
 }
 
 /* Goes back up, and removes the folder just left unless something in it is left. False with errno set if there is no
    way back. */
-bool FileLeaveFolder(FolderStack *stack)
+bool FileLeaveFolder(FileFolderStack *stack)
 {
    int error = stack->deepest->error;
 
@@ -197,9 +162,8 @@ bool FileLeaveFolder(FolderStack *stack)
       return false;
    }
    FilePopFolder(stack);
-   Folder *const parent = stack->deepest;
-   const char *const name = parent->list.entries[parent->taken - 1].name;
-   if (error == 0 && unlinkat(parent->descriptor.get(), name, AT_REMOVEDIR) == -1) {
+   FileFolder *const parent = stack->deepest;
+   if (error == 0 && unlinkat(dirfd(parent->stream.get()), parent->names.Name(), AT_REMOVEDIR) == -1) {
       error = errno;
    }
    if (error != 0) {
@@ -209,49 +173,50 @@ bool FileLeaveFolder(FolderStack *stack)
 }
 
 /* 0, also for an entry that has vanished meanwhile, or the error. */
-int FileDeleteNonDirectory(const Folder *folder, const char *name)
+int FileDeleteNonDirectory(int folder, const char *name)
 {
-   return unlinkat(folder->descriptor.get(), name, 0) == 0 || errno == ENOENT ? 0 : errno;
+   return unlinkat(folder, name, 0) == 0 || errno == ENOENT ? 0 : errno;
 }
 
-/* The same for an entry of any kind of the deepest folder; a folder becomes the deepest itself. */
-int FileDeleteEntry(FolderStack *stack, const FileEntry &entry)
+/* The same for an entry of any kind, the current one of the deepest folder; a folder becomes the deepest itself. */
+int FileDeleteEntry(FileFolderStack *stack)
 {
-   const Folder *const folder = stack->deepest;
+   const FileNames &names = stack->deepest->names;
+   const char *const name = names.Name();
+   const int folder = dirfd(stack->deepest->stream.get());
    struct stat attributes;
 
    /* Some file systems are served by other users, who may give out any name. */
-   if (strchr(entry.name, '/') != nullptr) {
+   if (name == "."sv || name == ".."sv || strchr(name, '/') != nullptr) {
       return EINVAL;
    }
    /* A look at each file costs a third of the whole. It is taken only where it can make a difference: at what may be a
       directory (unlink is not for those, some systems would do it) and to tell why a deletion fails. */
-   if (entry.isNoDirectory && FileDeleteNonDirectory(folder, entry.name) == 0) {
+   if (names.IsNoDirectory() && FileDeleteNonDirectory(folder, name) == 0) {
       return 0;
    }
-   if (fstatat(folder->descriptor.get(), entry.name, &attributes, AT_SYMLINK_NOFOLLOW) == -1) {
-      const int error = errno;
-      if (error == ENOENT) {
+   if (fstatat(folder, name, &attributes, AT_SYMLINK_NOFOLLOW) == -1) {
+      if (errno == ENOENT) {
          return 0;
       }
       Log("FILE: %s: Lstat of '%s/%s' failed, errno = %d\n", "FileDeleteDirectoryTree", stack->path.data,
-          entry.name, error);
-      return error;
+          name, errno);
+      return errno;
    }
    if (S_ISDIR(attributes.st_mode)) {
-      return FileEnterFolder(stack, entry.name);
+      return FileEnterFolder(stack, name);
    }
-   return FileDeleteNonDirectory(folder, entry.name);
+   return FileDeleteNonDirectory(folder, name);
 }
 
 /* Deletes all below the top, each folder after what is in it, and tries every entry. 0 or the error of the last
    failure, which for want of a way back ends the work. */
-int FileDeleteEntries(FolderStack *stack)
+int FileDeleteEntries(FileFolderStack *stack)
 {
    for (;;) {
-      Folder *const folder = stack->deepest;
-      if (folder->taken < folder->list.count) {
-         const int error = FileDeleteEntry(stack, folder->list.entries[folder->taken++]);
+      FileFolder *const folder = stack->deepest;
+      if (folder->names.Next()) {
+         const int error = FileDeleteEntry(stack);
          if (error != 0) {
             folder->error = error;
          }
@@ -266,18 +231,18 @@ int FileDeleteEntries(FolderStack *stack)
 /* 0 or the error. */
 int FileDeleteContent(const char *path)
 {
-   FolderStack stack;
+   FileFolderStack stack;
 
    if (path == nullptr) {
       return EFAULT;
    }
-   OwnedDescriptor top(open(path, OPEN_FOLDER));
-   if (top.get() == -1) {
+   OwnedDirectory top = FileOpenStream(OwnedDescriptor(open(path, OPEN_FOLDER)));
+   if (top == nullptr) {
       return errno;
    }
    FileAppendToPath(&stack.path, path);
-   const int error = FilePushFolder(&stack, std::move(top));
-   return error != 0 ? error : FileDeleteEntries(&stack);
+   FilePushFolder(&stack, std::move(top));
+   return FileDeleteEntries(&stack);
 }
 
 int FileExistenceError(const char *path)

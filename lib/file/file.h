@@ -20,12 +20,12 @@ struct WalkDirContext;
 
    The tree may be changed meanwhile by others who may write in it, path itself and what leads to it may not.
    Below path every directory is entered from the descriptor of the one above and never through a link, and
-   every entry is removed by its name in such a directory; a name with a slash in it, as a file system of
-   somebody else's might have, is refused with EINVAL. What is moved or mounted into the tree is part of it.
+   every entry is removed by its name in such a directory; ".", ".." and a name with a slash in it, as a file
+   system of somebody else's might list, are refused with EINVAL. What is moved or mounted into the tree is
+   part of it.
 
-   Trees may have any depth: the work takes memory for every level, but no stack, and five descriptors at
-   most. Of the directories on the way down the lowest four stay open, or fewer where descriptors are short:
-   two will do. To get back to a higher one, ".." is opened, and its device and inode are compared with those
+   Trees may have any depth: the work takes memory for every level, but no stack, and two descriptors. To get
+   back to a folder two levels up or more, ".." is opened, and its device and inode are compared with those
    seen on the way down. If they differ, the directory below has been moved away, and the work ends there and
    then, with ESTALE; it also ends where ".." cannot be opened. One case passes: a new directory has the inode
    of the one seen, which was deleted meanwhile, and the one below was moved into it. That takes somebody who

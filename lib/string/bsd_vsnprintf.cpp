@@ -160,12 +160,12 @@ int FormatFixed(char *buffer, size_t size, FormatLocale *locale, const char *for
 }
 
 /* What the engine calls may set errno; callers format messages about errno before they look at it. */
-int FormatWithLocale(char **output, FormatLocale locale, size_t size, const char *format, va_list args)
+int FormatWithLocale(char **output, FormatLocale *locale, size_t size, const char *format, va_list args)
 {
    const KeptErrno kept;
 
-   return *output == nullptr ? FormatAllocating(output, &locale, format, args)
-                             : FormatFixed(*output, size, &locale, format, args);
+   return *output == nullptr ? FormatAllocating(output, locale, format, args)
+                             : FormatFixed(*output, size, locale, format, args);
 }
 
 } // namespace
@@ -173,12 +173,16 @@ int FormatWithLocale(char **output, FormatLocale locale, size_t size, const char
 int Fmt_Format(char **output, const char *grouping, char thousandsSep, const char *decimalPoint, size_t size,
                const char *format, va_list args)
 {
-   return FormatWithLocale(output, {grouping, thousandsSep, decimalPoint, false}, size, format, args);
+   FormatLocale locale{grouping, thousandsSep, decimalPoint, false};
+
+   return FormatWithLocale(output, &locale, size, format, args);
 }
 
 int Fmt_Vsnprintf(char **output, size_t size, const char *format, va_list args)
 {
-   return FormatWithLocale(output, {nullptr, '\0', nullptr, true}, size, format, args);
+   FormatLocale locale{nullptr, '\0', nullptr, true};
+
+   return FormatWithLocale(output, &locale, size, format, args);
 }
 
 int Fmt_VsnprintfCLocale(char **output, size_t size, const char *format, va_list args)

@@ -15,5 +15,8 @@ int Descriptors_Accept(int listener, struct sockaddr *address, socklen_t *length
 {
    OwnedDescriptor accepted(accept(listener, address, length));
 
-   return accepted.get() != -1 && fcntl(accepted.get(), F_SETFD, FD_CLOEXEC) == -1 ? -1 : accepted.release();
+   if (accepted.get() == -1 || fcntl(accepted.get(), F_SETFD, FD_CLOEXEC) == -1) {
+      return -1;
+   }
+   return accepted.release();
 }

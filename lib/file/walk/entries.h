@@ -2,12 +2,9 @@
 #define TESSEL_LIB_FILE_WALK_ENTRIES_H
 
 #include "base/owned.h"
+#include "lib/misc/memory/dynbuf.h"
 
-#include <cerrno>
-#include <cstddef>
 #include <dirent.h>
-#include <memory>
-#include <span>
 
 /* The directory that a descriptor is open on, which passes to the stream. Null with errno set, and the descriptor closed;
    a descriptor of -1 is null with errno as it was. */
@@ -17,41 +14,31 @@
    error, with errno set. */
 [[nodiscard]] const struct dirent *FileNextEntry(DIR *stream);
 
-/* One entry of a directory. */
-struct FileEntry {
-   char *name;         /* See File_WalkDirectoryNext. */
-   bool isNoDirectory; /* The directory itself says so. False: it is one, or the file system does not tell. */
-};
+/* The names of a directory, to be gone through once. */
+class FileNames {
+ public:
+   /* Reads a stream to its end; the path only goes into reports. 0, or the error, and then there are no names. Names that
+      are not valid UTF-8 are given as File_WalkDirectoryNext gives them, but each. */
+   [[nodiscard]] int Read(DIR *stream, const char *path);
 
-/* The entries of a directory, which it owns with their names; releasing them keeps errno. */
-struct FileEntries {
-   FileEntry *entries = nullptr; /* Null if there are none. */
-   size_t count = 0;
+   /* Goes on to the next name, the first one at first. False at the end. */
+   [[nodiscard]] bool Next();
 
-   FileEntries() = default;
-   FileEntries(const FileEntries &) = delete;
-   FileEntries &operator=(const FileEntries &) = delete;
-
-   ~FileEntries()
+   [[nodiscard]] const char *Name() const
    {
-      const Owned<FileEntry> array(entries);
-      for (size_t i = 0; i < count; i++) {
-         const Owned<char> name(entries[i].name);
-      }
+      return records_.data + at_ + 1;
    }
 
-   [[nodiscard]] std::span<const FileEntry> All() const
+   /* The directory says so. False: it is one, or the file system does not tell. */
+   [[nodiscard]] bool IsNoDirectory() const
    {
-      return {entries, count};
+      return records_.data[at_] != 0;
    }
+
+ private:
+   OwnedDynBuf records_; /* For each name a byte, 1 for what is no directory, and the name with its NUL. */
+   uint64_t at_ = 0;
+   uint64_t next_ = 0;
 };
-
-/* As File_ListDirectory: the entries of the directory at path go to *list, which is empty before. False with errno
-   set, and *list still empty. */
-[[nodiscard]] bool FileListEntries(const char *path, FileEntries *list);
-
-/* The same of a directory that has just been opened. The descriptor stays the caller's; the path only goes into
-   reports. */
-[[nodiscard]] bool FileListOpened(int directory, const char *path, FileEntries *list);
 
 #endif

@@ -4,118 +4,52 @@
 #include "lib/file/walk/entries.h"
 #include "lib/misc/codeset/codeset.h"
 #include "lib/misc/hashTable.h"
+#include "lib/misc/memory/dynbuf.h"
 #include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
+#include <memory>
+#include <span>
 #include <string_view>
-#include <utility>
 
 struct WalkDirContext {
-   const char *path; /* For reports. A copy, unless the walk ends in the routine that began it. */
-   DIR *stream;
-   HashTable *
-       names; /* Those returned so far. The keys are the walk's own copies; a value that is not null means that
-                 the directory says it is none itself. */
+   Owned<char> path; /* For reports. */
+   OwnedDirectory stream;
+   HashTable *names; /* Those returned so far. The keys are the walk's own copies. */
 };
 
 namespace {
 
 using namespace std::string_view_literals;
 
+constexpr const char *MODULE = "lib/file/fileWalk";
 constexpr uint32_t NAME_BUCKETS = 256;
 
 /* Stands for every name that is not UTF-8: three U+FFFD. */
 constexpr char UNDECODABLE_NAME[] = "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD";
 
-int FileFreeKey(const char *key, void * /*value*/, void * /*clientData*/)
+int FileFreeKey(const void *key, void * /*value*/, void * /*clientData*/)
 {
-   free(const_cast<char *>(key));
+   free(const_cast<void *>(key));
    return 0;
 }
 
-/* Stores the entry at **clientData, and moves that on. */
-int FileTakeEntry(const char *key, void *value, void *clientData)
-{
-   auto **const next = static_cast<FileEntry **>(clientData);
-
-   *(*next)++ = {const_cast<char *>(key), value != nullptr};
-   return 0;
-}
-
-/* Names that stand for others are of no known kind. */
-bool FileIsNoDirectory(const struct dirent *entry, const char *name)
-{
-   return entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN && strcmp(name, UNDECODABLE_NAME) != 0;
-}
-
-/* A new string: the name, or what stands for it. */
-char *FileDecodeName(const WalkDirContext *context, const char *name)
+/* The name, or what stands for it. */
+const char *FileDecodedName(const char *name, const char *folder)
 {
    if (CodeSet_IsValidUtf8(name)) {
-      return Util_SafeStrdup(name);
+      return name;
    }
    /* In the wording the name comes first, but the folder has always been given first: readers of logs rely on it. */
    const Owned<char> escaped(UnicodeEscapeBuffer(name, -1, ENCODING_DEFAULT));
-   Warning("%s: file '%s' in directory '%s' cannot be converted to UTF8\n", "File_WalkDirectoryNext",
-           context->path, escaped.get());
-   return Util_SafeStrdup(UNDECODABLE_NAME);
-}
-
-/* Moves all that the walk has returned to the list, and the walk is over. */
-void FileTakeEntries(WalkDirContext *context, FileEntries *list)
-{
-   list->count = HashTable_GetNumElements(context->names);
-   if (list->count > 0) {
-      list->entries = static_cast<FileEntry *>(Util_SafeCalloc(list->count, sizeof(FileEntry)));
-      FileEntry *next = list->entries;
-      HashTable_ForEach(context->names, FileTakeEntry, &next);
-      HashTable_Clear(context->names);
-   }
-}
-
-WalkDirContext FileBeginWalk(DIR *stream, const char *path)
-{
-   return {.path = path, .stream = stream, .names = HashTable_Alloc(NAME_BUCKETS, HASH_STRING_KEY, nullptr)};
-}
-
-void FileEndWalk(const WalkDirContext *context)
-{
-   closedir(context->stream);
-   HashTable_ForEach(context->names, FileFreeKey, nullptr);
-   HashTable_Free(context->names);
-}
-
-/* Null with errno set. */
-DIR *FileOpenPath(const char *path)
-{
-   if (path == nullptr) {
-      errno = EFAULT;
-      return nullptr;
-   }
-   return opendir(path);
-}
-
-/* As FileListEntries, of a stream that ends with the call; null is one that could not be opened. */
-bool FileListStream(DIR *stream, const char *path, FileEntries *list)
-{
-   if (stream == nullptr) {
-      return false;
-   }
-   WalkDirContext context = FileBeginWalk(stream, path);
-   while (File_WalkDirectoryNext(&context, nullptr)) {
-   }
-   const int readError = errno;
-   if (readError == 0) {
-      FileTakeEntries(&context, list);
-   }
-   FileEndWalk(&context);
-   errno = readError;
-   return readError == 0;
+   Warning("%s: file '%s' in directory '%s' cannot be converted to UTF8\n", "File_WalkDirectoryNext", folder,
+           escaped.get());
+   return UNDECODABLE_NAME;
 }
 
 } // namespace
@@ -142,28 +76,54 @@ const struct dirent *FileNextEntry(DIR *stream)
    return entry;
 }
 
+int FileNames::Read(DIR *stream, const char *path)
+{
+   while (const struct dirent *const entry = FileNextEntry(stream)) {
+      const char *const name = FileDecodedName(entry->d_name, path);
+      /* What a name that stands for another leads to is of no known kind. */
+      const bool known = entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN && name == entry->d_name;
+      const char mark = known ? 1 : 0;
+      DynBuf_SafeAppend(&records_, &mark, sizeof mark, MODULE, __LINE__);
+      DynBuf_SafeAppend(&records_, name, strlen(name) + 1, MODULE, __LINE__);
+   }
+   const int error = errno;
+   if (error != 0) {
+      DynBuf_Destroy(&records_);
+   }
+   return error;
+}
+
+bool FileNames::Next()
+{
+   if (next_ == records_.size) {
+      return false;
+   }
+   at_ = next_;
+   next_ += 1 + strlen(Name()) + 1;
+   return true;
+}
+
 WalkDirContext *File_WalkDirectoryStart(const char *path)
 {
-   DIR *const stream = FileOpenPath(path);
-
+   if (path == nullptr) {
+      errno = EFAULT;
+      return nullptr;
+   }
+   OwnedDirectory stream(opendir(path));
    if (stream == nullptr) {
       return nullptr;
    }
-   auto *const context = static_cast<WalkDirContext *>(Util_SafeMalloc(sizeof(WalkDirContext)));
-   *context = FileBeginWalk(stream, Util_SafeStrdup(path));
-   return context;
+   return new (Util_SafeMalloc(sizeof(WalkDirContext)))
+       WalkDirContext{.path = Owned<char>(Util_SafeStrdup(path)),
+                      .stream = std::move(stream),
+                      .names = HashTable_Alloc(NAME_BUCKETS, HASH_STRING_KEY, nullptr)};
 }
 
 bool File_WalkDirectoryNext(WalkDirContext *context, char **name)
 {
-   for (;;) {
-      const struct dirent *const entry = FileNextEntry(context->stream);
-      if (entry == nullptr) {
-         return false;
-      }
-      Owned<char> found(FileDecodeName(context, entry->d_name));
-      void *const mark = FileIsNoDirectory(entry, found.get()) ? context : nullptr;
-      if (HashTable_Insert(context->names, found.get(), mark)) {
+   while (const struct dirent *const entry = FileNextEntry(context->stream.get())) {
+      Owned<char> found(Util_SafeStrdup(FileDecodedName(entry->d_name, context->path.get())));
+      if (HashTable_Insert(context->names, found.get(), nullptr)) {
          const char *const key = found.release();
          if (name != nullptr) {
             *name = Util_SafeStrdup(key);
@@ -172,6 +132,7 @@ bool File_WalkDirectoryNext(WalkDirContext *context, char **name)
          return true;
       }
    }
+   return false;
 }
 
 void File_WalkDirectoryEnd(WalkDirContext *context)
@@ -179,39 +140,33 @@ void File_WalkDirectoryEnd(WalkDirContext *context)
    if (context == nullptr) {
       return;
    }
-   const int savedErrno = errno;
-   FileEndWalk(context);
-   free(const_cast<char *>(context->path));
-   free(context);
-   errno = savedErrno;
-}
-
-bool FileListEntries(const char *path, FileEntries *list)
-{
-   return FileListStream(FileOpenPath(path), path, list);
-}
-
-bool FileListOpened(int directory, const char *path, FileEntries *list)
-{
-   OwnedDescriptor copy(fcntl(directory, F_DUPFD_CLOEXEC, 0));
-   return FileListStream(FileOpenStream(std::move(copy)).release(), path, list);
+   const KeptErrno kept;
+   const Owned<WalkDirContext> block(context);
+   HashTable_ForEach(context->names, FileFreeKey, nullptr);
+   HashTable_Free(context->names);
+   std::destroy_at(context);
 }
 
 int File_ListDirectory(const char *path, char ***names)
 {
-   FileEntries list;
+   WalkDirContext *const walk = File_WalkDirectoryStart(path);
+   OwnedDynBuf list;
+   char *name;
 
-   if (!FileListEntries(path, &list)) {
+   if (walk == nullptr) {
       return -1;
    }
-   if (names != nullptr) {
-      *names = nullptr;
-      if (list.count > 0) {
-         *names = static_cast<char **>(Util_SafeCalloc(list.count, sizeof(char *)));
-      }
-      for (size_t i = 0; i < list.count; i++) {
-         (*names)[i] = std::exchange(list.entries[i].name, nullptr);
-      }
+   while (File_WalkDirectoryNext(walk, &name)) {
+      DynBuf_SafeAppend(&list, &name, sizeof name, MODULE, __LINE__);
    }
-   return static_cast<int>(list.count);
+   const int error = errno;
+   File_WalkDirectoryEnd(walk);
+   const std::span<char *> found(reinterpret_cast<char **>(list.data), list.size / sizeof name);
+   if (error == 0 && names != nullptr) {
+      *names = static_cast<char **>(DynBuf_Detach(&list));
+   } else {
+      std::for_each(found.begin(), found.end(), free);
+   }
+   errno = error;
+   return error == 0 ? static_cast<int>(found.size()) : -1;
 }

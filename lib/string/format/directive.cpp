@@ -7,22 +7,23 @@ namespace {
 
 struct FormatCharacter {
    FormatKind kind = FormatKind::LITERAL;
+   FormatType type = FormatType::NONE; /* of the argument, without size prefixes */
    uint16_t flags = 0;
 };
 
-/* What each character is and which flags it sets. */
+/* What each character is, what it takes, and which flags it sets. */
 constexpr auto CHARACTERS = [] {
    constexpr struct {
       std::string_view characters;
       FormatCharacter meaning;
-   } rows[] = {{"#", {FormatKind::FLAG, ALT}},
-               {"-", {FormatKind::FLAG, LADJUST}},
-               {"0", {FormatKind::FLAG, ZEROPAD}},
-               {"'", {FormatKind::FLAG, GROUPING}},
-               {"Lq", {FormatKind::FLAG, LLONGINT}},
-               {"Zz", {FormatKind::FLAG, SIZET}},
-               {"j", {FormatKind::FLAG, INTMAXT}},
-               {"t", {FormatKind::FLAG, PTRDIFFT}},
+   } rows[] = {{"#", {FormatKind::FLAG, FormatType::NONE, ALT}},
+               {"-", {FormatKind::FLAG, FormatType::NONE, LADJUST}},
+               {"0", {FormatKind::FLAG, FormatType::NONE, ZEROPAD}},
+               {"'", {FormatKind::FLAG, FormatType::NONE, GROUPING}},
+               {"Lq", {FormatKind::FLAG, FormatType::NONE, LLONGINT}},
+               {"Zz", {FormatKind::FLAG, FormatType::NONE, SIZET}},
+               {"j", {FormatKind::FLAG, FormatType::NONE, INTMAXT}},
+               {"t", {FormatKind::FLAG, FormatType::NONE, PTRDIFFT}},
                {" ", {FormatKind::BLANK}},
                {"+", {FormatKind::PLUS}},
                {"h", {FormatKind::SIZE_H}},
@@ -31,22 +32,22 @@ constexpr auto CHARACTERS = [] {
                {"123456789", {FormatKind::NUMBER}},
                {"*", {FormatKind::STAR}},
                {".", {FormatKind::POINT}},
-               {"di", {FormatKind::DECIMAL, SIGNED}},
-               {"D", {FormatKind::DECIMAL, SIGNED | LONGINT}},
-               {"u", {FormatKind::DECIMAL}},
-               {"U", {FormatKind::DECIMAL, LONGINT}},
-               {"o", {FormatKind::OCTAL}},
-               {"O", {FormatKind::OCTAL, LONGINT}},
-               {"Xx", {FormatKind::HEXADECIMAL}},
-               {"p", {FormatKind::POINTER}},
-               {"c", {FormatKind::CHARACTER}},
-               {"C", {FormatKind::CHARACTER, LONGINT}},
-               {"s", {FormatKind::STRING}},
-               {"S", {FormatKind::STRING, LONGINT}},
-               {"Ee", {FormatKind::EXPONENTIAL, SIGNED}},
-               {"Ff", {FormatKind::FIXED, SIGNED}},
-               {"Gg", {FormatKind::GENERAL, SIGNED}},
-               {"n", {FormatKind::COUNT}}};
+               {"di", {FormatKind::DECIMAL, FormatType::INT, SIGNED}},
+               {"D", {FormatKind::DECIMAL, FormatType::INT, SIGNED | LONGINT}},
+               {"u", {FormatKind::DECIMAL, FormatType::INT}},
+               {"U", {FormatKind::DECIMAL, FormatType::INT, LONGINT}},
+               {"o", {FormatKind::OCTAL, FormatType::INT}},
+               {"O", {FormatKind::OCTAL, FormatType::INT, LONGINT}},
+               {"Xx", {FormatKind::HEXADECIMAL, FormatType::INT}},
+               {"p", {FormatKind::POINTER, FormatType::POINTER}},
+               {"c", {FormatKind::CHARACTER, FormatType::INT}},
+               {"C", {FormatKind::CHARACTER, FormatType::INT, LONGINT}},
+               {"s", {FormatKind::STRING, FormatType::POINTER}},
+               {"S", {FormatKind::STRING, FormatType::POINTER, LONGINT}},
+               {"Ee", {FormatKind::EXPONENTIAL, FormatType::REAL, SIGNED}},
+               {"Ff", {FormatKind::FIXED, FormatType::REAL, SIGNED}},
+               {"Gg", {FormatKind::GENERAL, FormatType::REAL, SIGNED}},
+               {"n", {FormatKind::COUNT, FormatType::POINTER}}};
    std::array<FormatCharacter, 256> table{};
 
    table[0].kind = FormatKind::END;
@@ -107,35 +108,13 @@ void FormatDirectiveSetOrDouble(FormatDirective *directive, unsigned once, unsig
    }
 }
 
-FormatType FormatDirectiveType(FormatKind kind, unsigned flags)
+/* By the size prefixes; those of text stay what they are. */
+FormatType FormatDirectiveWide(FormatType type, FormatKind kind, unsigned flags)
 {
-   switch (kind) {
-   case FormatKind::DECIMAL:
-   case FormatKind::OCTAL:
-   case FormatKind::HEXADECIMAL:
-      return (flags & WIDE_INTEGER_FLAGS) != 0 ? FormatType::WIDE : FormatType::INT;
-   case FormatKind::CHARACTER:
-      return FormatType::INT;
-   case FormatKind::POINTER:
-   case FormatKind::STRING:
-   case FormatKind::COUNT:
-      return FormatType::POINTER;
-   case FormatKind::EXPONENTIAL:
-   case FormatKind::FIXED:
-   case FormatKind::GENERAL:
-      return (flags & LLONGINT) != 0 ? FormatType::LONG_REAL : FormatType::REAL;
-   default:
-      return FormatType::NONE;
+   if (type == FormatType::REAL && (flags & LLONGINT) != 0) {
+      return FormatType::LONG_REAL;
    }
-}
-
-void FormatDirectiveEnd(FormatDirective *directive, char conversion)
-{
-   directive->conversion = conversion;
-   directive->type = FormatDirectiveType(directive->kind, directive->flags);
-   if ((directive->flags & SIGNED) == 0) {
-      directive->sign = '\0';
-   }
+   return type == FormatType::INT && kind != FormatKind::CHARACTER ? FormatType::WIDE : type;
 }
 
 } // namespace
@@ -181,7 +160,14 @@ const char *FormatDirective_Scan(const char *position, FormatDirective *directiv
          position = FormatDirectiveScanNumber(position, &directive->precision);
          break;
       default:
-         FormatDirectiveEnd(directive, character);
+         directive->conversion = character;
+         directive->type = meaning.type;
+         if ((directive->flags & WIDE_INTEGER_FLAGS) != 0) {
+            directive->type = FormatDirectiveWide(meaning.type, meaning.kind, directive->flags);
+         }
+         if ((directive->flags & SIGNED) == 0) {
+            directive->sign = '\0';
+         }
          return meaning.kind == FormatKind::END ? position - 1 : position;
       }
    }
