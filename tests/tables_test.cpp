@@ -72,8 +72,8 @@ std::string Octal(std::string text)
 TEST(Escape, ExamplesOfEveryRoutine)
 {
    EscapeTable table = {};
-   for (const unsigned char byte : "\t\n\\\x7F\xAB\xFF") {
-      table[byte] = -1;
+   for (const char byte : "\t\n\\\x7F\xAB\xFF") {
+      table[static_cast<unsigned char>(byte)] = -1;
    }
    EXPECT_EQ(Output(Escape_Bytes, "A\n\xFF\0~\x7F\\ z"sv, "\\x", table), "A\\x0A\\xFF\\x00~\\x7F\\x5C z");
    EXPECT_EQ(Output(Escape_BytesWithChar, "a\tb\xAB", '%', table), "a%09b%AB");
