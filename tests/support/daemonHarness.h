@@ -96,6 +96,9 @@ class DaemonProcess {
    descriptor. */
 DaemonProcess::Body DaemonImage(std::string program, std::vector<std::string> arguments = {"", "-"});
 
+/* A new terminal for a process that leads a session to take (TIOCSCTTY); "" if there can be none. */
+std::string OpenTerminal(OwnedDescriptor *ours);
+
 /* One message with this text and these descriptors. False if it cannot be sent. */
 bool SendMessage(int socket, const std::string &text, const std::vector<int> &descriptors);
 
