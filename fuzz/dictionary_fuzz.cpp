@@ -1,5 +1,6 @@
 #include "fuzz/support/dictionaryText.h"
 #include "lib/dict/dictll.h"
+#include "lib/misc/memory/dynbuf.h"
 #include "lib/user/dictionary/read.h"
 #include "lib/user/msgList.h"
 

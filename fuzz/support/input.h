@@ -61,7 +61,7 @@ class FuzzedDataProvider {
    }
 
    /* Up to so many bytes; before that a backslash with any byte but another one behind it ends them. */
-   std::string ConsumeRandomLengthString(size_t most)
+   std::string ConsumeRandomLengthString(size_t most = SIZE_MAX)
    {
       std::string text;
       while (text.size() < most && !rest_.empty()) {

@@ -1,7 +1,5 @@
 #include "tests/support/daemonHarness.h"
 
-#include <algorithm>
-#include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -144,25 +142,6 @@ int DaemonProcess::ExitStatus()
    Require(waitpid(pid_, &status, 0) == pid_, "waitpid");
    pid_ = -1;
    return ExitStatusOf(status);
-}
-
-pid_t DaemonProcess::Release()
-{
-   return std::exchange(pid_, -1);
-}
-
-/* A process that is not in a call shows no number. */
-void DaemonProcess::AwaitCall(const std::vector<long> &calls) const
-{
-   const std::string path = "/proc/" + std::to_string(pid_) + "/syscall";
-   for (;;) {
-      const std::string state = ReadFile(path);
-      const long call = isdigit(static_cast<unsigned char>(state[0])) != 0 ? atol(state.c_str()) : -1;
-      if (std::find(calls.begin(), calls.end(), call) != calls.end()) {
-         return;
-      }
-      usleep(1000);
-   }
 }
 
 void DaemonProcess::WhileStopped(const std::function<void()> &work) const

@@ -70,12 +70,6 @@ class DaemonProcess {
    /* Waits for the end of the process and gives its exit status; -signal if a signal ended it. */
    int ExitStatus();
 
-   /* Hands the process over to the caller, who collects it. */
-   pid_t Release();
-
-   /* Waits until the daemon is inside one of these system calls. */
-   void AwaitCall(const std::vector<long> &calls) const;
-
    /* Stops the process, does the work and lets it go on. */
    void WhileStopped(const std::function<void()> &work) const;
 

@@ -105,7 +105,7 @@ std::string WithoutTimestamps(const std::string &log)
    return text;
 }
 
-Program::Program(const std::string &command, const std::string &input)
+Program::Program(const std::string &command)
 {
    int ends[2];
    if (pipe(ends) != 0 || (pid_ = fork()) == -1) {
@@ -116,7 +116,7 @@ Program::Program(const std::string &command, const std::string &input)
          signal(number, SIG_DFL);
       }
       setpgid(0, 0);
-      dup2(open(input.c_str(), O_RDONLY), STDIN_FILENO);
+      dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
       dup2(ends[1], STDOUT_FILENO);
       dup2(ends[1], STDERR_FILENO);
       close(ends[0]);

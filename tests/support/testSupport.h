@@ -64,11 +64,10 @@ class CapturedLog {
 /* A log as written, without its timestamp prefixes. */
 std::string WithoutTimestamps(const std::string &log);
 
-/* A command of the shell in a process of its own, without input unless it is given one; its output and its errors are
-   gathered together. They end only when every process that it left behind has ended too. */
+/* A command of the shell in a process of its own, without input; its output and its errors are gathered together. They end only when every process that it left behind has ended too. */
 class Program {
  public:
-   explicit Program(const std::string &command, const std::string &input = "/dev/null");
+   explicit Program(const std::string &command);
    ~Program(); /* Kills the process if it is still there. */
    Program(const Program &) = delete;
    Program &operator=(const Program &) = delete;
