@@ -40,9 +40,9 @@ const EncodingRow *FindByCodePage(std::string_view name)
       codePage = codePage * 10 + static_cast<uint32_t>(c - '0');
    }
    const auto row =
-       std::find_if(encodingRows.begin(), encodingRows.end(),
+       std::find_if(UNICODE_ENCODINGS.begin(), UNICODE_ENCODINGS.end(),
                     [codePage](const EncodingRow &each) { return each.windowsCodePage == codePage; });
-   return codePage == NO_CODE_PAGE || row == encodingRows.end() ? NO_ROW : &*row;
+   return codePage == NO_CODE_PAGE || row == UNICODE_ENCODINGS.end() ? NO_ROW : &*row;
 }
 
 /* The first row for each name, as it is written or in its loose form. */
@@ -51,7 +51,7 @@ using Index = std::map<std::string, const EncodingRow *>;
 template <typename Form> Index MakeIndex(Form form)
 {
    Index index;
-   for (const EncodingRow &row : encodingRows) {
+   for (const EncodingRow &row : UNICODE_ENCODINGS) {
       for (auto name = row.names.begin(); *name != nullptr; name++) {
          index.emplace(form(*name), &row);
       }
@@ -85,7 +85,7 @@ std::string TakeName(FuzzedDataProvider *input)
    if (kind == 0) {
       return RestAsString(input);
    }
-   const EncodingRow &row = input->PickValueInArray(encodingRows);
+   const EncodingRow &row = input->PickValueInArray(UNICODE_ENCODINGS);
    const auto &names = row.names;
    const auto count = static_cast<size_t>(std::find(names.begin(), names.end(), nullptr) - names.begin());
    std::string name = kind == 1 ? "windows-" + std::to_string(row.windowsCodePage)

@@ -147,7 +147,7 @@ TEST_F(CodeSetIcu, CarriesASampleThroughEveryUsableEncoding)
 {
    const std::set<std::string> asciiOnly = {"ASCII", "ISO_646.irv:1983"};
    size_t usable = 0;
-   for (const EncodingRow &row : encodingRows) {
+   for (const EncodingRow &row : UNICODE_ENCODINGS) {
       if (!row.usable) {
          continue;
       }

@@ -4,9 +4,9 @@
 #include "lib/misc/codeset/conversion/engine.h"
 #include "lib/misc/codeset/conversion/init.h"
 #include "lib/misc/codeset/conversion/utf8.h"
-#include "lib/misc/codeset/conversion/utf8Wide.h"
 #include "lib/misc/memory/dynbuf.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
+#include "platform/processor.h"
 #include "tests/support/testSupport.h"
 
 #include <algorithm>
@@ -334,7 +334,7 @@ TEST(CodeSetWrappers, ConvertTheirPairWithFourZerosBehind)
    at its end. */
 TEST(CodeSetUtf8, WideStepsAgreeWithTheAutomaton)
 {
-   if (!CodeSetHasWideSteps()) {
+   if (!Processor_HasWideRegisters()) {
       GTEST_SKIP() << "this processor has no wide steps";
    }
    constexpr unsigned char borders[] = {0x00, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF,

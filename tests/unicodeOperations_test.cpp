@@ -124,8 +124,8 @@ TEST(UnicodeOperations, EndTheProcessOnInvalidUtf8)
 TEST(CaseFolding, HasThirteenPages)
 {
    std::vector<size_t> pages;
-   for (size_t i = 0; i < caseFoldingPages.size(); i++) {
-      if (caseFoldingPages[i] != nullptr) {
+   for (size_t i = 0; i < UNICODE_CASE_FOLDING_PAGES.size(); i++) {
+      if (UNICODE_CASE_FOLDING_PAGES[i] != nullptr) {
          pages.push_back(i);
       }
    }

@@ -26,7 +26,7 @@ const char *PreferredName(const EncodingRow &row)
 
 const EncodingRow &RowOf(EncodingId encoding)
 {
-   return *std::find_if(encodingRows.begin(), encodingRows.end(),
+   return *std::find_if(UNICODE_ENCODINGS.begin(), UNICODE_ENCODINGS.end(),
                         [encoding](const EncodingRow &row) { return row.encoding == encoding; });
 }
 
@@ -41,10 +41,10 @@ EncodingId FreshLookup(const char *name)
    that has two. */
 TEST(EncodingTable, HasTheRowsProgramsRelyOn)
 {
-   ASSERT_EQ(std::size(expectedRows), encodingRows.size());
+   ASSERT_EQ(std::size(expectedRows), UNICODE_ENCODINGS.size());
    std::map<int32_t, int> mibs;
-   for (size_t i = 0; i < encodingRows.size(); i++) {
-      const EncodingRow &row = encodingRows[i];
+   for (size_t i = 0; i < UNICODE_ENCODINGS.size(); i++) {
+      const EncodingRow &row = UNICODE_ENCODINGS[i];
       const char *name = PreferredName(row);
       EXPECT_STREQ(name, expectedRows[i].preferred) << i;
       EXPECT_EQ(row.encoding, expectedRows[i].encoding) << i;

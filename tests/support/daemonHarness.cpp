@@ -41,11 +41,9 @@ struct sockaddr_un SocketAddress(const std::string &path)
 
 bool EnterLibrary()
 {
-   if (LIBRARY.is_absolute()) {
+   if (LIBRARY == "/Library") {
       return getenv("TESSEL_PRIVATE_LIBRARY") != nullptr;
    }
-   static const ScratchFolder sFolder;
-   Require(chdir(sFolder.Path().c_str()) == 0, "chdir");
    std::filesystem::create_directory(LIBRARY);
    return true;
 }
