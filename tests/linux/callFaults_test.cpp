@@ -97,7 +97,8 @@ struct OwnedFile {
    std::unique_ptr<FileIOHandle, Ended<FileIO_Close>> owner{&handle};
 };
 
-std::string Length(bool done, char *text)
+/* The text is looked at when all that is done is done. */
+std::string Length(bool done, char *const &text)
 {
    return std::to_string(done ? Take(text).size() : 0);
 }
@@ -518,9 +519,9 @@ std::set<std::string> Symbols(const std::string &options)
 bool IsForeign(const std::string &symbol)
 {
    static constexpr std::string_view prefixes[] = {
-       "__asan_",      "__gcov_",    "__ubsan_",        "__tsan_", "__sanitizer_", "__cxa_",
-       "__stack_chk_", "__tls_get_", "_GLOBAL_OFFSET_", "_ZSt",    "_ZNSt",        "_ZNKSt",
-       "_ZTV",         "u_",         "ucnv_",           "UCNV_",   "unorm2_"};
+       "__asan_", "__cpu_",       "__gcov_",    "__ubsan_",        "__tsan_", "__sanitizer_",
+       "__cxa_",  "__stack_chk_", "__tls_get_", "_GLOBAL_OFFSET_", "_ZSt",    "_ZNSt",
+       "_ZNKSt",  "_ZTV",         "u_",         "ucnv_",           "UCNV_",   "unorm2_"};
    return std::any_of(std::begin(prefixes), std::end(prefixes), [&symbol](std::string_view prefix) {
       return symbol.compare(0, prefix.size(), prefix) == 0;
    });
