@@ -3,7 +3,6 @@
 #include "tests/support/daemonHarness.h"
 
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -17,9 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path COPY = SERVICE_COPY;
-const fs::path LOG = SERVICE_LOG;
-const fs::path ACTIONS = "/Library/actions";
+const fs::path ACTIONS = LIBRARY / "actions";
+const fs::path GATE = LIBRARY / "gate";
+const fs::path SEEN = LIBRARY / "seen";
 
 /* Not sh: some shells of that name clear the signal mask that they were started with. */
 constexpr char HELPER[] = "#!/bin/bash -p\nexec \"$@\"\n";
@@ -65,7 +64,7 @@ std::string Stopped(const std::string &inStop, int code)
 /* What was logged after the two lines that every start writes. */
 std::string Logged()
 {
-   const std::string text = WithoutTimestamps(ReadFile(LOG));
+   const std::string text = WithoutTimestamps(ReadFile(SERVICE_LOG));
    const std::string marker = " process.\n";
    const size_t start = text.find(marker);
    return start == std::string::npos ? text : text.substr(start + marker.size());
@@ -106,35 +105,19 @@ class Daemon : public testing::Test {
          GTEST_SKIP() << "needs a private /Library: run it through run-in-private-library";
       }
       signal(SIGPIPE, SIG_IGN);
-      MakeLibrary();
+      MakeLibrary(HELPER, SCRIPT);
    }
 
-   static void MakeLibrary()
+   /* What the script does besides when it is run with this action. */
+   static void Do(const std::string &action, const std::string &text)
    {
-      ::MakeLibrary(HELPER, SCRIPT);
-   }
-
-   /* The daemon's process image. An empty argument stands for the listening socket, "-" for the launcher's
-      descriptor. */
-   static DaemonProcess::Body Image(std::vector<std::string> arguments = {"", "-"})
-   {
-      return [arguments](int listener, int launcher) mutable {
-         std::vector<char *> argv = {const_cast<char *>(TESSEL_DAEMON)};
-         for (std::string &argument : arguments) {
-            argument = argument.empty()  ? std::to_string(listener)
-                       : argument == "-" ? std::to_string(launcher)
-                                         : argument;
-            argv.push_back(argument.data());
-         }
-         argv.push_back(nullptr);
-         execv(argv[0], argv.data());
-      };
+      WriteFile(LIBRARY / ("do" + action), Replaced(text, "/Library", LIBRARY));
    }
 
    /* A whole life with one client; its exit status. */
    static int ServeOneClient()
    {
-      DaemonProcess daemon(Image());
+      DaemonProcess daemon(DaemonImage(TESSEL_DAEMON));
       EXPECT_EQ(Client(daemon).Reply(), '1');
       return daemon.ExitStatus();
    }
@@ -142,7 +125,7 @@ class Daemon : public testing::Test {
 
 TEST_F(Daemon, RunsTheActionsInOrderAndDeletesTheCopy)
 {
-   DaemonProcess daemon(Image());
+   DaemonProcess daemon(DaemonImage(TESSEL_DAEMON));
    const std::string pid = std::to_string(daemon.Pid());
    Client first(daemon);
    Client second(daemon);
@@ -155,11 +138,11 @@ TEST_F(Daemon, RunsTheActionsInOrderAndDeletesTheCopy)
    third.LetGo();
    EXPECT_EQ(daemon.ExitStatus(), 0);
    EXPECT_EQ(ReadFile(ACTIONS), "--start\n--stopdaemons\n--stopkexts\n");
-   EXPECT_FALSE(fs::exists(COPY));
-   EXPECT_TRUE(fs::exists(COPY.parent_path()));
-   EXPECT_EQ(WithoutTimestamps(ReadFile(LOG)), "ServiceImpl_Daemon: PID " + pid +
-                                                   "\nServiceImpl_Daemon: Running as Native process.\n" +
-                                                   STARTED + Stopped(NO_KEXTS, 0));
+   EXPECT_FALSE(fs::exists(SERVICE_COPY));
+   EXPECT_TRUE(fs::exists(SERVICE_COPY.parent_path()));
+   EXPECT_EQ(WithoutTimestamps(ReadFile(SERVICE_LOG)),
+             "ServiceImpl_Daemon: PID " + pid + "\nServiceImpl_Daemon: Running as Native process.\n" +
+                 STARTED + Stopped(NO_KEXTS, 0));
 }
 
 TEST_F(Daemon, RefusesWrongArguments)
@@ -175,7 +158,7 @@ TEST_F(Daemon, RefusesWrongArguments)
        {{"9999", "-"}, unset},
    };
    for (const auto &[arguments, logged] : cases) {
-      DaemonProcess daemon(Image(arguments));
+      DaemonProcess daemon(DaemonImage(TESSEL_DAEMON, arguments));
       EXPECT_EQ(daemon.ExitStatus(), 1);
       EXPECT_EQ(Logged(), logged) << testing::PrintToString(arguments);
    }
@@ -184,13 +167,13 @@ TEST_F(Daemon, RefusesWrongArguments)
 TEST_F(Daemon, LeavesSigpipeAsItIs)
 {
    {
-      DaemonProcess daemon(Image());
+      DaemonProcess daemon(DaemonImage(TESSEL_DAEMON));
       daemon.WhileStopped([&] { Connection(daemon).Close(); });
       Connection(daemon).Read();
       EXPECT_EQ(Logged(), "") << "ignored: the client's end is silent";
    }
    signal(SIGPIPE, SIG_DFL);
-   DaemonProcess daemon(Image());
+   DaemonProcess daemon(DaemonImage(TESSEL_DAEMON));
    daemon.WhileStopped([&] { Connection(daemon).Close(); });
    EXPECT_EQ(daemon.ExitStatus(), -SIGPIPE);
 }
@@ -205,7 +188,7 @@ TEST_F(Daemon, HoldsTwoThousandClients)
    if (limit.rlim_cur < clients + 100) {
       GTEST_SKIP() << "needs " << clients + 100 << " descriptors, the limit is " << limit.rlim_cur;
    }
-   DaemonProcess daemon(Image());
+   DaemonProcess daemon(DaemonImage(TESSEL_DAEMON));
    std::vector<std::unique_ptr<Client>> held;
    for (rlim_t i = 0; i < clients; i++) {
       held.push_back(std::make_unique<Client>(daemon));
@@ -220,7 +203,7 @@ TEST_F(Daemon, HoldsTwoThousandClients)
    that. */
 TEST_F(Daemon, ServesOnWithAFullTable)
 {
-   DaemonProcess daemon([image = Image()](int listener, int launcher) {
+   DaemonProcess daemon([image = DaemonImage(TESSEL_DAEMON)](int listener, int launcher) {
       const struct rlimit limit = {.rlim_cur = 64, .rlim_max = 64};
       setrlimit(RLIMIT_NOFILE, &limit);
       image(listener, launcher);
@@ -240,16 +223,7 @@ TEST_F(Daemon, ServesOnWithAFullTable)
    held.clear();
    EXPECT_EQ(daemon.ExitStatus(), 0);
    EXPECT_EQ(ReadFile(ACTIONS), "--start\n--stopdaemons\n--stopkexts\n");
-   EXPECT_FALSE(fs::exists(COPY));
-}
-
-/* A new terminal; "" if there can be none. */
-std::string OpenTerminal(OwnedDescriptor *ours)
-{
-   ours->reset(posix_openpt(O_RDWR | O_NOCTTY));
-   const bool usable = ours->get() != -1 && grantpt(ours->get()) == 0 && unlockpt(ours->get()) == 0;
-   fcntl(ours->get(), F_SETFD, FD_CLOEXEC);
-   return usable ? ptsname(ours->get()) : "";
+   EXPECT_FALSE(fs::exists(SERVICE_COPY));
 }
 
 /* Of what a user arranges so that what root's helper leaves behind is the user's: a core of his text in a folder of
@@ -262,20 +236,21 @@ TEST_F(Daemon, LeavesWhatItsStarterArrangedForRootsHelper)
       const char *interrupted; /* Exit status of what sends itself SIGINT: whether it is blocked. */
    } cases[] = {{true, true, "0"}, {true, false, "130"}, {false, false, "130"}};
    for (const auto &c : cases) {
-      MakeLibrary();
-      ASSERT_EQ(mkfifo("/Library/gate", 0600), 0);
-      WriteFile("/Library/do--start", "{ pwd; umask; ulimit -c; ulimit -Hc\n"
-                                      "bash -c 'kill -INT $$; exit 0'; echo $?; } > /Library/seen 2>&1\n"
-                                      "read line < /Library/gate\n");
+      MakeLibrary(HELPER, SCRIPT);
+      ASSERT_EQ(mkfifo(GATE.c_str(), 0600), 0);
+      Do("--start", "{ pwd; umask; ulimit -c; ulimit -Hc\n"
+                    "bash -c 'kill -INT $$; exit 0'; echo $?; } > /Library/seen 2>&1\n"
+                    "read line < /Library/gate\n");
       OwnedDescriptor ours;
       const std::string terminal = OpenTerminal(&ours);
-      DaemonProcess daemon([&c, &terminal, image = Image()](int listener, int launcher) {
+      DaemonProcess daemon([&c, &terminal, image = DaemonImage(TESSEL_DAEMON)](int listener, int launcher) {
          struct rlimit core;
          getrlimit(RLIMIT_CORE, &core);
          core.rlim_cur = core.rlim_max;
          setrlimit(RLIMIT_CORE, &core);
          umask(0);
-         const bool arranged = chdir("/Library/Logs") == 0 && (!c.leadsSession || setsid() != -1) &&
+         const bool arranged = chdir(SERVICE_LOG.parent_path().c_str()) == 0 &&
+                               (!c.leadsSession || setsid() != -1) &&
                                (!c.hasTerminal || ioctl(open(terminal.c_str(), O_RDWR), TIOCSCTTY, 0) == 0);
          if (arranged) {
             image(listener, launcher);
@@ -284,7 +259,7 @@ TEST_F(Daemon, LeavesWhatItsStarterArrangedForRootsHelper)
       Connection starting(daemon);
       const Pipe pipe;
       ASSERT_TRUE(starting.Read() && starting.Send("x", {pipe.reader.get()}));
-      std::ofstream gate("/Library/gate"); /* Opens when the script has come that far. */
+      std::ofstream gate(GATE); /* Opens when the script has come that far. */
       EXPECT_EQ(getsid(daemon.Pid()), daemon.Pid());
       if (c.hasTerminal) {
          std::string echo;
@@ -296,7 +271,7 @@ TEST_F(Daemon, LeavesWhatItsStarterArrangedForRootsHelper)
       gate << "go\n" << std::flush;
       EXPECT_EQ(starting.Read(), '1');
       EXPECT_EQ(Logged(), STARTED);
-      EXPECT_EQ(ReadFile("/Library/seen"), std::string("/\n0022\n0\n0\n") + c.interrupted + "\n");
+      EXPECT_EQ(ReadFile(SEEN), std::string("/\n0022\n0\n0\n") + c.interrupted + "\n");
    }
 }
 
@@ -305,30 +280,30 @@ TEST_F(Daemon, RunsASampleHelperThatBecomesRootAndKeepsNothing)
    if (geteuid() != 0) {
       GTEST_SKIP() << "needs root, for a real user other than the effective one";
    }
-   fs::copy_file(TESSEL_ROOT_HELPER, COPY / "Contents/Library/kestra-id",
+   fs::copy_file(TESSEL_ROOT_HELPER, SERVICE_COPY / "Contents/Library/kestra-id",
                  fs::copy_options::overwrite_existing);
-   WriteFile("/Library/trap", "echo trapped >> /Library/seen\n");
-   WriteFile("/Library/do--start", "exec > /Library/seen\nid -ru; id -u; id -rg; id -G; umask; pwd\n"
-                                   "echo \"$PATH|${BASH_ENV-}|${TZ-}\"; [ -p /dev/stdin ]; echo $?\n");
-   DaemonProcess daemon([image = Image()](int listener, int launcher) {
+   WriteFile(LIBRARY / "trap", "echo trapped >> /Library/seen\n");
+   Do("--start", "exec > /Library/seen\nid -ru; id -u; id -rg; id -G; umask; pwd\n"
+                 "echo \"$PATH|${BASH_ENV-}|${TZ-}\"; [ -p /dev/stdin ]; echo $?\n");
+   DaemonProcess daemon([image = DaemonImage(TESSEL_DAEMON)](int listener, int launcher) {
       const Pipe input;
       dup2(input.reader.get(), STDIN_FILENO);
       for (const char *name : {"BASH_ENV", "ENV", "PATH", "TZ"}) {
-         setenv(name, "/Library/trap", 1);
+         setenv(name, (LIBRARY / "trap").c_str(), 1);
       }
       if (setreuid(65534, 0) == 0) {
          image(listener, launcher);
       }
    });
    EXPECT_EQ(Client(daemon).Reply(), '1');
-   EXPECT_EQ(ReadFile("/Library/seen"), "0\n0\n0\n0\n0022\n/\n/usr/bin:/bin:/usr/sbin:/sbin||\n1\n");
+   EXPECT_EQ(ReadFile(SEEN), "0\n0\n0\n0\n0022\n/\n/usr/bin:/bin:/usr/sbin:/sbin||\n1\n");
 }
 
 TEST_F(Daemon, OnlyLogsThatTheServicesFail)
 {
-   WriteFile("/Library/do--start", "exit 3\n");
-   WriteFile("/Library/do--stopdaemons", "kill -TERM $$\n");
-   WriteFile("/Library/do--stopkexts", "exit 1\n");
+   Do("--start", "exit 3\n");
+   Do("--stopdaemons", "kill -TERM $$\n");
+   Do("--stopkexts", "exit 1\n");
    const std::string begun = "ServiceImplRef: Before start().\n";
    const std::string started = "ServiceImplRef: After start().\n";
    EXPECT_EQ(ServeOneClient(), 0);
@@ -342,24 +317,24 @@ TEST_F(Daemon, OnlyLogsThatTheServicesFail)
 
 TEST_F(Daemon, FailedDeletionIsTheExitStatus)
 {
-   const fs::path undecodable = COPY / "\xFF";
+   const fs::path undecodable = SERVICE_COPY / "\xFF";
    WriteFile(undecodable, "");
    EXPECT_EQ(ServeOneClient(), 1);
    EXPECT_TRUE(fs::exists(undecodable));
-   EXPECT_FALSE(fs::exists(COPY / "Contents"));
-   const std::string warning = "Warning: File_WalkDirectoryNext: file '" + COPY.string() +
+   EXPECT_FALSE(fs::exists(SERVICE_COPY / "Contents"));
+   const std::string warning = "Warning: File_WalkDirectoryNext: file '" + SERVICE_COPY.string() +
                                "' in directory '\\xFF' cannot be converted to UTF8\n";
    EXPECT_EQ(Logged(), STARTED + Stopped(NO_KEXTS + warning, 1));
 }
 
 TEST_F(Daemon, WaitsForEachKernelExtensionInTurn)
 {
-   if (!fs::is_directory("/run/tessel-kext")) {
+   if (!HasKernelControls()) {
       GTEST_SKIP() << "nothing stands in for kernel extensions here";
    }
    const StandInControl core("hvcore");
    const StandInControl link("hvlink");
-   DaemonProcess daemon(Image());
+   DaemonProcess daemon(DaemonImage(TESSEL_DAEMON));
    Client(daemon).LetGo();
 
    const OwnedDescriptor answering = core.Accept();
@@ -368,7 +343,7 @@ TEST_F(Daemon, WaitsForEachKernelExtensionInTurn)
    ASSERT_EQ(write(answering.get(), "x", 1), 1);
 
    OwnedDescriptor closing = link.Accept();
-   EXPECT_TRUE(fs::exists(COPY));
+   EXPECT_TRUE(fs::exists(SERVICE_COPY));
    closing.reset();
    EXPECT_EQ(daemon.ExitStatus(), 0);
    EXPECT_EQ(Logged(), STARTED + Stopped(Ready("hvcore") + Ready("hvlink"), 0));
@@ -376,13 +351,13 @@ TEST_F(Daemon, WaitsForEachKernelExtensionInTurn)
 
 TEST_F(Daemon, ClientsQueueWhileTheServicesStart)
 {
-   ASSERT_EQ(mkfifo("/Library/gate", 0600), 0);
-   WriteFile("/Library/do--start", "read line < /Library/gate\n");
-   DaemonProcess daemon(Image());
+   ASSERT_EQ(mkfifo(GATE.c_str(), 0600), 0);
+   Do("--start", "read line < /Library/gate\n");
+   DaemonProcess daemon(DaemonImage(TESSEL_DAEMON));
    Pipe pipe;
    Connection starting(daemon);
    ASSERT_TRUE(starting.Read() && starting.Send("x", {pipe.reader.get()}));
-   std::ofstream gate("/Library/gate"); /* Opens when the script has come that far. */
+   std::ofstream gate(GATE); /* Opens when the script has come that far. */
    Connection waiting(daemon);
    gate << "go\n" << std::flush;
    EXPECT_EQ(starting.Read(), '1');

@@ -1,6 +1,7 @@
 #ifndef TESSEL_TOOLS_TOOLOPTIONS_H
 #define TESSEL_TOOLS_TOOLOPTIONS_H
 
+#include <cstdint>
 #include <optional>
 
 struct ToolUsage {
@@ -8,12 +9,13 @@ struct ToolUsage {
    const char *help;    /* The whole text that --help prints. */
    const char *version; /* The line that --version prints. */
    bool takesDaemon;    /* Whether --daemon is one of the options. */
-   bool takesSocket;    /* Whether --socket and --quiet are. */
+   bool takesSocket;    /* Whether --socket, --wait and --quiet are. */
 };
 
 struct ToolOptions {
    const char *daemon = nullptr; /* Null where not given; both point into argv. */
    const char *socket = nullptr;
+   int waitMs = 0;           /* 0: without limit. */
    char **command = nullptr; /* Argument vector of the command, null if there is none. */
 };
 
@@ -27,5 +29,8 @@ struct ToolOptions {
    getopt_long(3) gave found. The exit status. */
 [[nodiscard]] int ToolOptions_Print(const char *text);
 [[nodiscard]] int ToolOptions_Refuse(int found, const char *word);
+
+/* Seconds with up to three decimals, as milliseconds that FileLock_Lock takes for a limit. False: text is none. */
+[[nodiscard]] bool ToolOptions_ParseSeconds(const char *text, uint32_t *ms);
 
 #endif

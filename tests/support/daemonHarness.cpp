@@ -41,11 +41,9 @@ struct sockaddr_un SocketAddress(const std::string &path)
 
 bool EnterLibrary()
 {
-   if (LIBRARY.is_absolute()) {
+   if (LIBRARY == "/Library") {
       return getenv("TESSEL_PRIVATE_LIBRARY") != nullptr;
    }
-   static const ScratchFolder sFolder;
-   Require(chdir(sFolder.Path().c_str()) == 0, "chdir");
    std::filesystem::create_directory(LIBRARY);
    return true;
 }
@@ -211,6 +209,14 @@ DaemonProcess::Body DaemonImage(std::string program, std::vector<std::string> ar
       argv.push_back(nullptr);
       execv(argv[0], argv.data());
    };
+}
+
+std::string OpenTerminal(OwnedDescriptor *ours)
+{
+   ours->reset(posix_openpt(O_RDWR | O_NOCTTY));
+   const bool usable = ours->get() != -1 && grantpt(ours->get()) == 0 && unlockpt(ours->get()) == 0;
+   fcntl(ours->get(), F_SETFD, FD_CLOEXEC);
+   return usable ? ptsname(ours->get()) : "";
 }
 
 bool SendMessage(int socket, const std::string &text, const std::vector<int> &descriptors)
