@@ -646,7 +646,7 @@ std::string ToUtf8(const std::u32string &string)
 std::u32string Fold(std::u32string string)
 {
    for (char32_t &c : string) {
-      c = c < 0x10000 ? CaseFolding_Unit(static_cast<char16_t>(c)) : c;
+      c = c < 0x10000 ? static_cast<char32_t>(CaseFolding_Unit(static_cast<char16_t>(c))) : c;
    }
    return string;
 }
