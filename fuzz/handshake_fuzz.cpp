@@ -99,10 +99,8 @@ struct Daemon {
 
    void Send(FuzzedDataProvider *input, Client *client)
    {
-      struct {
-         struct cmsghdr header;
-         int descriptors[MAX_PASSED];
-      } record = {};
+      alignas(struct cmsghdr) char control[CMSG_SPACE(MAX_PASSED * sizeof(int))] = {};
+      auto *record = reinterpret_cast<struct cmsghdr *>(control);
       char bytes[3] = {};
       struct iovec data = {.iov_base = bytes, .iov_len = input->ConsumeIntegralInRange<size_t>(1, 3)};
       struct msghdr message = {};
@@ -112,12 +110,13 @@ struct Daemon {
       const auto count = input->ConsumeIntegralInRange<size_t>(0, MAX_PASSED);
       for (size_t i = 0; i < count; i++) {
          passed.push_back(Make(input->ConsumeIntegralInRange(0, 3), client->connection.get()));
-         record.descriptors[i] = passed.back().get();
+         reinterpret_cast<int *>(CMSG_DATA(record))[i] = passed.back().get();
       }
-      record.header = {
-          .cmsg_len = CMSG_LEN(count * sizeof(int)), .cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS};
-      message.msg_control = &record;
-      message.msg_controllen = count == 0 ? 0 : record.header.cmsg_len;
+      record->cmsg_len = CMSG_LEN(count * sizeof(int));
+      record->cmsg_level = SOL_SOCKET;
+      record->cmsg_type = SCM_RIGHTS;
+      message.msg_control = control;
+      message.msg_controllen = count == 0 ? 0 : record->cmsg_len;
       client->sent |= sendmsg(client->connection.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) != -1;
    }
 
