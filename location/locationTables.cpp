@@ -4,6 +4,7 @@ namespace {
 
 constexpr LocationProcessTag PROCESS_TAGS[] = {
     {"tessel-daemon", 4},
+    {"tessel-dict", 3},
     {nullptr, 0},
 };
 

@@ -1,90 +1,18 @@
 #include "base/owned.h"
-#include "lib/file/file.h"
 #include "lib/file/fileIO.h"
-#include "tests/support/testSupport.h"
+#include "tests/support/filesFixture.h"
 
 #include <cerrno>
 #include <fcntl.h>
-#include <filesystem>
-#include <set>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
-using Names = std::multiset<std::string>;
-
-Names List(const std::string &path)
-{
-   char **names = nullptr;
-   const int count = File_ListDirectory(path.c_str(), &names);
-   Names list;
-   for (int i = 0; i < count; i++) {
-      list.insert(Take(names[i]));
-   }
-   free(names);
-   return list;
-}
-
-class Files : public testing::Test {
- protected:
-   ~Files() override
-   {
-      EXPECT_TRUE(ordinary_ && seteuid(getuid()) == 0);
-   }
-
-   [[nodiscard]] std::string At(const std::string &name) const
-   {
-      return scratch_.Path(name);
-   }
-
-   void Folder(const std::string &name) const
-   {
-      fs::create_directories(At(name));
-   }
-
-   void File(const std::string &name, const std::string &content = "content") const
-   {
-      WriteFile(At(name), content);
-   }
-
-   void Link(const std::string &to, const std::string &name) const
-   {
-      fs::create_symlink(to, At(name));
-   }
-
-   /* What was logged, with "#" for the error. */
-   [[nodiscard]] std::string Log(int error = 0) const
-   {
-      std::string text = scratch_.Shorten(log_.TakeText());
-      const std::string number = std::to_string(error);
-      for (size_t at = 0; (at = text.find(number, at)) != std::string::npos;) {
-         text.replace(at, number.size(), "#");
-      }
-      return text;
-   }
-
-   /* Someone who can be refused things, unlike root. */
-   const bool ordinary_ = geteuid() != 0 || seteuid(65534) == 0;
-   const ScratchFolder scratch_;
-   const CapturedLog log_;
-};
-
 TEST_F(Files, TreesGoWithEverythingAndNoLinkIsFollowed)
 {
-   Folder("outside");
-   File("outside/kept");
    for (const bool contentOnly : {true, false}) {
-      Folder("top/a/b/empty");
-      File("top/file");
-      File("top/a/b/\xC3\xA9");
-      Link(At("outside"), "top/a/toFolder");
-      Link(At("outside/kept"), "top/a/b/toFile");
-      Link("nowhere", "top/dangling");
-      ASSERT_EQ(mkfifo(At("top/a/pipe").c_str(), 0600), 0);
+      Make({"outside/kept", "top/a/b/empty/", "top/file", "top/a/b/\xC3\xA9", "top/a/toFolder>../../outside",
+            "top/a/b/toFile>../../../outside/kept", "top/dangling>nowhere", "top/a/pipe|"});
       errno = EDOM;
       EXPECT_TRUE((contentOnly ? File_DeleteDirectoryContent : File_DeleteDirectoryTree)(At("top").c_str()));
       EXPECT_EQ(errno, 0);
@@ -97,39 +25,30 @@ TEST_F(Files, TreesGoWithEverythingAndNoLinkIsFollowed)
 
 TEST_F(Files, WhatIsMissingIsToldFromWhatIsNoTree)
 {
-   const struct {
-      const char *name;
-      bool deleted;
-      int error; /* EDOM: that from before. */
-   } cases[] = {
-       {"absent", true, EDOM},   {"file/below", true, EDOM},   {"dangling", true, EDOM},
-       {"file", false, ENOTDIR}, {"toFolder", false, ENOTDIR}, /* Its contents go. */
-   };
-   Folder("real/a");
-   File("file");
-   Link("nowhere", "dangling");
-   Link("real", "toFolder");
-   for (const auto &c : cases) {
+   Make({"real/a/", "file", "dangling>nowhere", "toFolder>real"});
+   const auto remove = [this](const char *name) {
       errno = EDOM;
-      EXPECT_EQ(File_DeleteDirectoryTree(At(c.name).c_str()), c.deleted) << c.name;
-      EXPECT_EQ(errno, c.error) << c.name;
+      const bool deleted = File_DeleteDirectoryTree(At(name).c_str());
+      return std::tuple(deleted, errno);
+   };
+   for (const char *name : {"absent", "file/below", "dangling"}) {
+      EXPECT_EQ(remove(name), std::tuple(true, EDOM)) << name;
+   }
+   for (const char *name : {"file", "toFolder"}) { /* Behind the link the contents go. */
+      EXPECT_EQ(remove(name), std::tuple(false, ENOTDIR)) << name;
    }
    EXPECT_EQ(List(At("")), (Names{"dangling", "file", "real", "toFolder"}));
    EXPECT_EQ(List(At("real")), Names());
-   EXPECT_EQ(Log(), "");
    EXPECT_FALSE(File_DeleteDirectoryTree(nullptr));
-   EXPECT_EQ(errno, EFAULT);
+   EXPECT_EQ(std::tuple(errno, Log()), std::tuple(EFAULT, ""));
 }
 
 TEST_F(Files, FailuresKeepNothingElse)
 {
-   for (const char *folder : {"top/closed/below", "top/unreadable/below", "top/a", "top/z"}) {
-      Folder(folder);
-      File(std::string(folder) + "/file");
-   }
-   chmod(At("top/closed/below").c_str(), 0555);
-   chmod(At("top/unreadable/below").c_str(), 0444);
-   chmod(At("").c_str(), 0555); /* Removing the top would fail for another reason. */
+   Make({"top/closed/below/file", "top/unreadable/below/file", "top/a/file", "top/z/file"});
+   Mode(0555, "top/closed/below");
+   Mode(0444, "top/unreadable/below");
+   Mode(0555, ""); /* Removing the top would fail for another reason. */
    EXPECT_FALSE(File_DeleteDirectoryTree(At("top").c_str()));
    EXPECT_EQ(errno, EACCES);
    EXPECT_EQ(List(At("top")), (Names{"closed", "unreadable"}));
@@ -137,7 +56,7 @@ TEST_F(Files, FailuresKeepNothingElse)
    EXPECT_EQ(Log(EACCES),
              "FILE: FileDeleteDirectoryTree: Lstat of '@/top/unreadable/below/file' failed, errno = #\n");
    for (const char *folder : {"", "top/closed/below", "top/unreadable/below"}) {
-      chmod(At(folder).c_str(), 0755);
+      Mode(0755, folder);
    }
 }
 
@@ -145,8 +64,7 @@ TEST_F(Files, FailuresKeepNothingElse)
 TEST_F(Files, TreesOfAnyDepthTakeTwoDescriptors)
 {
    char memory[] = "/dev/shm/tessel-XXXXXX";
-   const std::string top = mkdtemp(memory) != nullptr ? memory : At("top");
-   fs::create_directories(top);
+   const std::string top = mkdtemp(memory) != nullptr ? memory : At("");
    OwnedDescriptor folder(open(top.c_str(), O_RDONLY | O_CLOEXEC));
    for (int level = 0; level < 20000; level++) {
       ASSERT_EQ(mkdirat(folder.get(), "deep", 0700), 0);
@@ -155,38 +73,34 @@ TEST_F(Files, TreesOfAnyDepthTakeTwoDescriptors)
    }
    struct rlimit before;
    getrlimit(RLIMIT_NOFILE, &before);
-   struct rlimit few = before;
-   few.rlim_cur = static_cast<rlim_t>(folder.get()) + 2;
+   const struct rlimit few = {static_cast<rlim_t>(folder.get()) + 2, before.rlim_max};
    folder.reset();
    setrlimit(RLIMIT_NOFILE, &few);
-   const bool deleted = File_DeleteDirectoryTree(top.c_str());
+   EXPECT_TRUE(File_DeleteDirectoryContent(top.c_str()));
    setrlimit(RLIMIT_NOFILE, &before);
-   EXPECT_TRUE(deleted);
-   EXPECT_FALSE(fs::exists(top));
+   EXPECT_TRUE(fs::is_empty(top));
+   rmdir(top.c_str());
 }
 
 TEST_F(Files, EveryNameIsListedOnceAndNothingForNone)
 {
    char **names = reinterpret_cast<char **>(&names);
-   Folder("top");
-   EXPECT_EQ(File_ListDirectory(At("top").c_str(), &names), 0);
+   EXPECT_EQ(File_ListDirectory(At("").c_str(), &names), 0);
    EXPECT_EQ(names, nullptr);
    Names expected = {"..."};
-   File("top/...");
    for (int i = 0; i < 300; i++) {
-      File("top/" + *expected.insert(std::to_string(i)));
+      expected.insert(std::to_string(i));
    }
-   EXPECT_EQ(List(At("top")), expected);
-   EXPECT_EQ(File_ListDirectory(At("top").c_str(), nullptr), 301);
-   EXPECT_EQ(File_ListDirectory(At("absent").c_str(), &names), -1);
-   EXPECT_EQ(errno, ENOENT);
-   EXPECT_EQ(File_ListDirectory(nullptr, &names), -1);
-   EXPECT_EQ(errno, EFAULT);
+   Make(expected);
+   EXPECT_EQ(List(At("")), expected);
+   EXPECT_EQ(File_ListDirectory(At("").c_str(), nullptr), 301);
+   EXPECT_EQ(std::tuple(File_ListDirectory(At("absent").c_str(), &names), errno), std::tuple(-1, ENOENT));
+   EXPECT_EQ(std::tuple(File_ListDirectory(nullptr, &names), errno), std::tuple(-1, EFAULT));
 }
 
 TEST_F(Files, LinksAndTheirTargetsGoAsAsked)
 {
-   Folder("folder");
+   Make({"folder/"});
    const int refusal = unlink(At("folder").c_str()) == -1 ? errno : 0; /* Differs between systems. */
    const struct {
       const char *name, *target;
@@ -203,49 +117,64 @@ TEST_F(Files, LinksAndTheirTargetsGoAsAsked)
    };
    for (const auto &c : cases) {
       SCOPED_TRACE(std::string(c.name) + " to " + c.target);
-      File("target");
+      Make({"target"});
       if (c.target[0] != '\0') {
-         Link(At(c.target), c.name);
+         Make({std::string(c.name) + ">" + At(c.target)});
       }
       EXPECT_EQ(FileDeletion(At(c.name).c_str(), c.handleLink), c.error);
       EXPECT_EQ(List(At("")), c.left);
       fs::remove(At("link"));
    }
    EXPECT_EQ(File_Unlink(At("target").c_str()), 0);
-   EXPECT_EQ(File_Unlink(nullptr), -1);
-   EXPECT_EQ(errno, EFAULT);
-   EXPECT_EQ(FileRemoveDirectory(nullptr), EFAULT);
-   EXPECT_EQ(FileAttributes(nullptr, nullptr), EFAULT);
+   EXPECT_EQ(std::tuple(File_Unlink(nullptr), errno), std::tuple(-1, EFAULT));
+   EXPECT_EQ(std::tuple(FileRemoveDirectory(nullptr), FileAttributes(nullptr, nullptr)),
+             std::tuple(EFAULT, EFAULT));
+}
+
+TEST_F(Files, AreOpenedWithoutWaitingAndMadeBehindNoLink)
+{
+   const struct {
+      const char *name;
+      int flags;
+      uint64_t maxBytes;
+      int error;
+   } cases[] = {
+       {"file", O_RDONLY, 7, 0},
+       {"file", O_RDWR | O_CREAT, 6, EFBIG},
+       {"link", O_RDWR | O_CREAT, 7, 0},
+       {"folder", O_RDONLY, 9999999, EISDIR},
+       {"pipe", O_RDONLY, 0, EINVAL},
+       {"absent", O_RDWR, 0, ENOENT},
+       {"dangling", O_RDWR | O_CREAT, 0, ELOOP},
+       {"new", O_RDWR | O_CREAT, 0, 0},
+   };
+   Make({"file", "link>file", "dangling>absent", "folder/", "pipe|"});
+   for (const auto &c : cases) {
+      FileIOHandle handle;
+      const bool opened = FileIO_OpenRegular(&handle, At(c.name).c_str(), c.flags, 0600, c.maxBytes);
+      EXPECT_EQ(opened ? 0 : errno, c.error) << c.name;
+      EXPECT_EQ(handle.fd != -1 && handle.path == At(c.name), opened) << c.name;
+      EXPECT_TRUE(FileIO_Close(&handle));
+   }
+   EXPECT_FALSE(fs::exists(At("absent")));
+   EXPECT_EQ(fs::status(At("new")).permissions(), fs::perms(0600));
 }
 
 /* A file "d/f", and a folder "v" of somebody else's, where nothing must happen. */
 class FileReplacement : public Files {
  protected:
-   FileReplacement()
-   {
-      Restore();
-   }
-
    ~FileReplacement() override
    {
       FileIO_Close(&target_);
       FileIO_Close(&temporary_);
    }
 
-   void Restore() const
+   void Open()
    {
       for (const char *folder : {"d", "v", "moved"}) {
          fs::remove_all(At(folder));
       }
-      Folder("d");
-      Folder("v");
-      File("d/f", "old");
-      File("v/f", "precious");
-      log_.Clear();
-   }
-
-   void Open()
-   {
+      Make({"d/f", "v/f"});
       ASSERT_TRUE(FileIO_Close(&target_));
       ASSERT_TRUE(FileIO_Open(&target_, At("d/f").c_str(), O_RDWR, 0));
    }
@@ -265,35 +194,33 @@ class FileReplacement : public Files {
 
    void ExpectVictimUntouched() const
    {
-      EXPECT_EQ(ReadFile(At("v/f")), "precious");
-      EXPECT_FALSE(fs::exists(At("v/f~")));
+      EXPECT_EQ(List(At("v")), Names{"f"});
+      EXPECT_EQ(ReadFile(At("v/f")), "content");
    }
 
    FileIOHandle target_;
    FileIOHandle temporary_;
+   const std::string failed_ = "FileIO_AtomicTempFile: Failed to ";
 };
 
 TEST_F(FileReplacement, TakesOverModeAndOwnerAndLeavesPlantedEntriesAlone)
 {
    const mode_t mask = umask(077);
-   for (const mode_t mode : {0666U, 0640U, 0751U}) {
-      Restore();
+   for (const char *planted : {"d/f~>../v/f", "d/f~", "d/f~|"}) {
+      Open();
       const bool root = getuid() == 0 && seteuid(0) == 0;
       ASSERT_TRUE(!root || chown(At("d/f").c_str(), 1234, 4321) == 0);
-      chmod(At("d/f").c_str(), mode);
-      Open();
-      mode == 0666 ? Link("../v/f", "d/f~") : File("d/f~", "an old one");
+      Mode(0666, "d/f");
+      Make({planted});
       ASSERT_TRUE(MakeTemporary());
       ASSERT_TRUE(FileIO_AtomicUpdateEx(&temporary_, &target_));
       struct stat opened;
       struct stat found;
       ASSERT_TRUE(fstat(target_.fd, &opened) == 0 && lstat(At("d/f").c_str(), &found) == 0);
-      EXPECT_EQ(opened.st_ino, found.st_ino);
-      EXPECT_EQ(found.st_mode, S_IFREG | mode);
+      EXPECT_EQ(std::tuple(opened.st_ino, opened.st_mode), std::tuple(found.st_ino, S_IFREG | 0666));
       EXPECT_TRUE(!root || (found.st_uid == 1234 && found.st_gid == 4321));
       EXPECT_EQ(ReadFile(At("d/f")), "new");
-      EXPECT_EQ(std::tuple(temporary_.fd, temporary_.path),
-                std::tuple(-1, fs::canonical(At("d")).string() + "/f~"));
+      EXPECT_EQ(temporary_.path, fs::canonical(At("d")).string() + "/f~");
       EXPECT_TRUE(FileIO_Close(&temporary_));
       ExpectVictimUntouched();
    }
@@ -302,52 +229,46 @@ TEST_F(FileReplacement, TakesOverModeAndOwnerAndLeavesPlantedEntriesAlone)
 
 TEST_F(FileReplacement, SaysWhyThereIsNone)
 {
-   const std::string routine = "FileIO_AtomicTempFile: Failed to ";
+   const std::string denied = failed_ + "create temporary file, Permission denied (#). errno: #\n";
    Open();
-   Folder("d/f~");
+   Make({"d/f~/"});
    const int isFolder = unlink(At("d/f~").c_str()) == -1 ? errno : 0;
-   EXPECT_EQ(Refusal(isFolder), routine + "unlink temporary file, errno: #\n");
+   EXPECT_EQ(Refusal(isFolder), failed_ + "unlink temporary file, errno: #\n");
    fs::remove(At("d/f~"));
-   chmod(At("d").c_str(), 0555);
-   EXPECT_EQ(Refusal(EACCES), routine + "create temporary file, Permission denied (#). errno: #\n");
-   chmod(At("d").c_str(), 0333);
-   EXPECT_EQ(Refusal(EACCES), routine + "create temporary file, Permission denied (#). errno: #\n");
-   chmod(At("d").c_str(), 0755);
-
+   for (const mode_t mode : {0555U, 0333U}) {
+      Mode(mode, "d");
+      EXPECT_EQ(Refusal(EACCES), denied);
+   }
+   Mode(0755, "d");
    ASSERT_TRUE(MakeTemporary());
-   fs::rename(At("d/f"), At("moved"));
-   Folder("d/f/full");
+   fs::remove(At("d/f"));
+   Make({"d/f/full"});
    EXPECT_FALSE(FileIO_AtomicUpdateEx(&temporary_, &target_));
-   const int error = errno;
-   EXPECT_EQ(Log(error), "FileIO_AtomicUpdateEx: rename of '@/d/f~' to '@/d/f' failed #.\n");
+   EXPECT_EQ(Log(errno), "FileIO_AtomicUpdateEx: rename of '@/d/f~' to '@/d/f' failed #.\n");
    fs::remove(At("d/f~"));
    errno = EDOM;
    FileIO_AtomicDiscard(&temporary_);
    EXPECT_EQ(errno, EDOM);
-   EXPECT_EQ(Log(ENOENT), routine + "clean up temporary file, errno: #\n");
+   EXPECT_EQ(Log(ENOENT), failed_ + "clean up temporary file, errno: #\n");
    fs::remove_all(At("d/f"));
    EXPECT_EQ(Refusal(ENOENT), "FileIO_AtomicTempPath: File_FullPath of '@/d/f' failed.\n");
-   ASSERT_EQ(mkfifo(At("d/f").c_str(), 0600), 0);
-   Open();
+   Make({"d/f"});
+   close(std::exchange(target_.fd, open("/dev/null", O_RDWR)));
    EXPECT_EQ(Refusal(EINVAL), "");
    close(std::exchange(target_.fd, -1));
-   EXPECT_EQ(Refusal(EBADF), routine + "fstat '@/d/f', errno: #.\n");
+   EXPECT_EQ(Refusal(EBADF), failed_ + "fstat '@/d/f', errno: #.\n");
 }
 
 TEST_F(FileReplacement, IsRefusedForAFileThatWasNotOpened)
 {
    const struct {
-      const char *moved,
-          *link; /* What is moved away, and what a link in its place leads to; null: another file. */
-   } cases[] = {{"d/f", "../v/f"}, {"d", "v"}, {"d/f", nullptr}};
+      const char *moved, *put;
+   } cases[] = {{"d/f", "d/f>../v/f"}, {"d", "d>v"}, {"d/f", "d/f"}};
    for (const auto &c : cases) {
-      Restore();
       Open();
       fs::rename(At(c.moved), At("moved"));
-      c.link != nullptr ? fs::create_symlink(c.link, At(c.moved)) : WriteFile(At(c.moved), "another");
-      EXPECT_FALSE(FileIO_AtomicTempFile(&target_, &temporary_));
-      EXPECT_EQ(errno, ESTALE);
-      EXPECT_TRUE(Log().starts_with("FileIO_AtomicTempFile: Failed to create temporary file, "));
+      Make({c.put});
+      EXPECT_TRUE(Refusal(ESTALE).starts_with(failed_ + "create temporary file, "));
       ExpectVictimUntouched();
       EXPECT_FALSE(fs::exists(At("d/f~")));
    }
@@ -356,57 +277,21 @@ TEST_F(FileReplacement, IsRefusedForAFileThatWasNotOpened)
 TEST_F(FileReplacement, StaysInItsFolderWhereverThePathLeads)
 {
    for (const bool used : {true, false}) {
-      Restore();
       Open();
       ASSERT_TRUE(MakeTemporary());
       fs::rename(At("d"), At("moved"));
-      fs::create_symlink("v", At("d"));
+      Make({"d>v"});
       if (used) {
          EXPECT_TRUE(FileIO_AtomicUpdateEx(&temporary_, &target_));
          FileIO_Close(&temporary_);
       } else {
          FileIO_AtomicDiscard(&temporary_);
       }
-      EXPECT_EQ(ReadFile(At("moved/f")), used ? "new" : "old");
-      EXPECT_FALSE(fs::exists(At("moved/f~")));
+      EXPECT_EQ(List(At("moved")), Names{"f"});
+      EXPECT_EQ(ReadFile(At("moved/f")), used ? "new" : "content");
       ExpectVictimUntouched();
       EXPECT_EQ(Log(), "");
    }
-}
-
-TEST_F(Files, AreOpenedWithoutWaitingAndMadeBehindNoLink)
-{
-   const struct {
-      const char *name;
-      int flags;
-      uint64_t maxBytes;
-      int error;
-   } cases[] = {
-       {"file", O_RDONLY, 7, 0},
-       {"file", O_RDWR | O_CREAT, 6, EFBIG},
-       {"link", O_RDWR | O_CREAT, 7, 0},
-       {"folder", O_RDONLY, 9999999, EISDIR},
-       {"pipe", O_RDONLY, 0, EINVAL},
-       {"pipe", O_WRONLY | O_CREAT, 0, ENXIO},
-       {"absent", O_RDWR, 0, ENOENT},
-       {"dangling", O_RDWR, 0, ENOENT},
-       {"dangling", O_RDWR | O_CREAT, 0, ELOOP},
-       {"new", O_RDWR | O_CREAT, 0, 0},
-   };
-   File("file");
-   Link("file", "link");
-   Link("absent", "dangling");
-   Folder("folder");
-   ASSERT_EQ(mkfifo(At("pipe").c_str(), 0600), 0);
-   for (const auto &c : cases) {
-      FileIOHandle handle;
-      const bool opened = FileIO_OpenRegular(&handle, At(c.name).c_str(), c.flags, 0600, c.maxBytes);
-      EXPECT_EQ(opened ? 0 : errno, c.error) << c.name;
-      EXPECT_EQ(handle.fd != -1 && handle.path == At(c.name), opened) << c.name;
-      EXPECT_TRUE(FileIO_Close(&handle));
-   }
-   EXPECT_FALSE(fs::exists(At("absent")));
-   EXPECT_EQ(fs::status(At("new")).permissions(), fs::perms(0600));
 }
 
 } // namespace

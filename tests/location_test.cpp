@@ -15,19 +15,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char VARIABLE[] = "TESSEL_TEST_ROOT";
-constexpr LocationKey KEYS[] = {{"rootDir", ""}, {"file", "/a/b"}, {"nothing", nullptr}, {nullptr, nullptr}};
-
-std::string Executable()
-{
-   return fs::canonical(Take(Hostinfo_GetModulePath(1))).string();
-}
+constexpr LocationKey KEYS[] = {{"file", "/a/b"}, {"nothing", nullptr}, {nullptr, nullptr}};
 
 /* The module with a configuration of the test's own, and without a process tag at first. */
 class Location : public testing::Test {
  protected:
    Location()
    {
-      unsetenv(VARIABLE);
       Forget();
    }
 
@@ -36,18 +30,39 @@ class Location : public testing::Test {
       LocationSetConfig(product_);
    }
 
-   void Forget()
+   void Forget() const
    {
+      unsetenv(VARIABLE);
+      fs::remove(lastUsed_);
       Location_Init("unknown");
       log_.Clear();
+   }
+
+   /* Where the key leads for this tag, variable and last-used file, if there are any, and what is logged. */
+   std::string Get(const char *tag, const char *variable, const std::optional<std::string> &lastUsed)
+   {
+      Forget();
+      if (variable != nullptr) {
+         setenv(VARIABLE, variable, 1);
+      }
+      if (lastUsed.has_value()) {
+         WriteFile(lastUsed_, *lastUsed);
+      }
+      if (tag != nullptr) {
+         Location_Init(tag);
+      }
+      const std::string path = Take(Location_Get("file"));
+      return path + "|" + log_.Text();
    }
 
    const CapturedLog log_;
    const ScratchFolder folder_;
    const std::string lastUsed_ = folder_.Path("lastUsed");
-   const std::string path_ = Executable();
-   LocationProcessTag tags_[6] = {{"one", 1}, {"zero", 0}, {"far", 1000},
-                                  {"one", 7}, {"all", 0},  {nullptr, 0}};
+   const fs::path path_ = fs::canonical(Take(Hostinfo_GetModulePath(1)));
+   const std::string text_ = path_.string();
+   const uint32_t depth_ = static_cast<uint32_t>(std::count(text_.begin(), text_.end(), '/'));
+   const LocationProcessTag tags_[6] = {{"one", 1}, {"zero", 0},     {"far", depth_ + 1},
+                                        {"one", 7}, {"all", depth_}, {nullptr, 0}};
    LocationConfig config_ = {
        .processTags = tags_, .rootVariable = VARIABLE, .lastUsedFile = lastUsed_.c_str(), .keys = KEYS};
    const LocationConfig *product_ = LocationSetConfig(&config_);
@@ -55,7 +70,7 @@ class Location : public testing::Test {
 
 TEST_F(Location, ProductTablesNameWhatTheDaemonUses)
 {
-   LocationSetConfig(&LOCATION_PRODUCT_CONFIG);
+   LocationSetConfig(product_);
    for (const auto &[key, path] : {std::pair{"rootDir", ""},
                                    {"idFile", "/Contents/Library/kestra-id"},
                                    {"serviceScriptFile", "/Contents/Library/services/services.sh"},
@@ -67,14 +82,11 @@ TEST_F(Location, ProductTablesNameWhatTheDaemonUses)
    }
    EXPECT_EQ(Location_GetRelative("IDFILE"), nullptr);
    EXPECT_STREQ(Location_GetLastUsedFile(), "/Library/Preferences/Kestra Tessel/lastLocationUsed");
-   EXPECT_EQ(Location_GetLookup(), Location_Get);
    Location_Init("tessel-daemon");
    EXPECT_EQ(log_.Text(), "");
-   ASSERT_GT(std::count(path_.begin(), path_.end(), '/'), 4)
-       << "a program this near to the root has no bundle";
-   const fs::path folder = fs::path(path_).parent_path();
-   EXPECT_EQ(Take(Location_Get("idFile")),
-             folder.parent_path().parent_path().parent_path().string() + "/Contents/Library/kestra-id");
+   ASSERT_GT(depth_, 4U) << "a program this near to the root has no bundle";
+   const fs::path bundle = path_.parent_path().parent_path().parent_path().parent_path();
+   EXPECT_EQ(Take(Location_GetLookup()("idFile")), bundle.string() + "/Contents/Library/kestra-id");
    Location_Init("tessel-daemon");
    EXPECT_EQ(log_.Text(),
              "Warning: Location_Init: Invalid initialization: sUpCount 4, processTag tessel-daemon.\n");
@@ -82,56 +94,30 @@ TEST_F(Location, ProductTablesNameWhatTheDaemonUses)
 
 TEST_F(Location, IsThatOfTheExecutableOrTheVariableOrTheLastUsedFile)
 {
-   const std::string report =
-       "LocationLastUsed: Failed opening lastLocationUsed.\n"
+   const std::string none =
+       "<null>|LocationLastUsed: Failed opening lastLocationUsed.\n"
        "Warning: LocationGetRoot: Unable to determine the product location. It is likely "
        "that the product has never been run on this machine.\n";
-   const struct {
-      const char *tag; /* Null: none that is known. */
-      const char *variable;
-      std::optional<std::string> lastUsed;
-      std::string file; /* "<null>": none. */
-      std::string log;
-   } cases[] = {
-       {"one", "/x", "/y", fs::path(path_).parent_path().string() + "/a/b", ""},
-       {"all", "/x", "/y", "/a/b", ""},
-       {"far", "/x", "/y", "<null>",
-        "Warning: LocationGetRoot: sUpCount (1000) is too large for " + path_ + "\n"},
-       {"zero", "/x", "/y", "/x/a/b",
-        "Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n"},
-       {nullptr, "", "/y", "/a/b", ""}, /* Set but empty counts as set. */
-       {nullptr, nullptr, "/root\n", "/root\n/a/b", ""},
-       {nullptr, nullptr, "", "/a/b", ""},
-       {nullptr, nullptr, std::string("/cut\0here", 9), "/cut/a/b", ""},
-       {nullptr, nullptr, std::string(1023, 'r'), std::string(1023, 'r') + "/a/b", ""},
-       {nullptr, nullptr, std::string(1024, 'r'), "<null>", report},
-       {nullptr, nullptr, std::nullopt, "<null>", report},
-   };
-   tags_[4].upCount = static_cast<uint32_t>(std::count(path_.begin(), path_.end(), '/'));
-   for (const auto &c : cases) {
-      Forget();
-      c.variable != nullptr ? setenv(VARIABLE, c.variable, 1) : unsetenv(VARIABLE);
-      fs::remove(lastUsed_);
-      if (c.lastUsed.has_value()) {
-         WriteFile(lastUsed_, *c.lastUsed);
-      }
-      if (c.tag != nullptr) {
-         Location_Init(c.tag);
-      }
-      EXPECT_EQ(Take(Location_Get("file")), c.file);
-      EXPECT_EQ(log_.Text(), c.log);
-   }
+   EXPECT_EQ(Get("one", "/x", "/y"), path_.parent_path().string() + "/a/b|");
+   EXPECT_EQ(Get("all", "/x", "/y"), "/a/b|");
+   EXPECT_EQ(Get("far", "/x", "/y"), "<null>|Warning: LocationGetRoot: sUpCount (" +
+                                         std::to_string(depth_ + 1) + ") is too large for " + text_ + "\n");
+   EXPECT_EQ(Get("zero", "/x", "/y"),
+             "/x/a/b|Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n");
+   EXPECT_EQ(Get(nullptr, "", "/y"), "/a/b|") << "set but empty counts as set";
+   EXPECT_EQ(Get(nullptr, nullptr, "/root\n"), "/root\n/a/b|");
+   EXPECT_EQ(Get(nullptr, nullptr, std::string("/cut\0here", 9)), "/cut/a/b|");
+   EXPECT_EQ(Get(nullptr, nullptr, std::string(1023, 'r')), std::string(1023, 'r') + "/a/b|");
+   EXPECT_EQ(Get(nullptr, nullptr, std::string(1024, 'r')), none);
+   EXPECT_EQ(Get(nullptr, nullptr, std::nullopt), none);
    EXPECT_EQ(Location_Get("absent"), nullptr);
    EXPECT_EQ(Location_Get("nothing"), nullptr);
-   log_.Clear();
    config_.lastUsedFile = "/";
-   EXPECT_EQ(Location_Get("file"), nullptr);
-   EXPECT_EQ(log_.Text(), report);
+   EXPECT_EQ(Get(nullptr, nullptr, std::nullopt), none);
    config_.lastUsedFile = nullptr;
-   EXPECT_EQ(Take(Location_Get("file")), path_ + "/a/b");
+   EXPECT_EQ(Get(nullptr, nullptr, "/y"), text_ + "/a/b|");
    config_.rootVariable = nullptr;
-   setenv(VARIABLE, "/x", 1);
-   EXPECT_EQ(Take(Location_Get("file")), path_ + "/a/b");
+   EXPECT_EQ(Get(nullptr, "/x", "/y"), text_ + "/a/b|");
 }
 
 TEST_F(Location, RefusesEnvironmentAndFileWhenUsersDiffer)

@@ -3,16 +3,28 @@
 #include "base/owned.h"
 #include "lib/config/preference.h"
 #include "lib/dict/dictll.h"
-#include "lib/public/program.h"
+#include "lib/misc/host/hostinfo.h"
+#include "lib/misc/host/posixInt.h"
 #include "lib/string/str.h"
+#include "location/location.h"
 
 #include <cstdio>
+#include <string_view>
 
 namespace {
 
-/* The preferences ask for the product's files. Named here, the resolver is linked from the location library, which
-   the linker meets before it meets the preferences. */
-[[gnu::used]] const auto sResolver = Location_GetLookup;
+/* Only from its place in a bundle does the program know the product's root; elsewhere the environment or the last use
+   of the product tells it. */
+void DictExplainLocate()
+{
+   static constexpr std::string_view place = "/Contents/Library/tessel-dict";
+   const Owned<char> path(Hostinfo_GetModulePath(1));
+   const Owned<char> real(path != nullptr ? Posix_RealPath(path.get()) : nullptr);
+
+   if (real != nullptr && std::string_view(real.get()).ends_with(place)) {
+      Location_Init("tessel-dict");
+   }
+}
 
 struct Explanation {
    const char *name;
@@ -62,6 +74,7 @@ bool DictExplain_Print(const char *name)
 {
    Explanation explanation = {.name = name, .decided = false};
 
+   DictExplainLocate();
    Preference_Init();
    Preference_Explain(name, DictExplainVerdict, &explanation);
    if (!explanation.decided) {

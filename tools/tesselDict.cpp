@@ -1,9 +1,10 @@
 #include "lib/dict/dictll.h"
+#include "lib/file/fileIO.h"
 #include "lib/misc/memory/secret.h"
 #include "lib/public/program.h"
 #include "lib/user/dictionary.h"
-#include "lib/user/dictionary/edit.h"
 #include "lib/user/msgList.h"
+#include "tools/dictEdit.h"
 #include "tools/dictExplain.h"
 #include "tools/toolExit.h"
 #include "tools/toolOptions.h"
@@ -12,19 +13,23 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <getopt.h>
+#include <optional>
 #include <string_view>
 
 namespace {
 
 constexpr char HELP[] =
-    "usage: tessel-dict get FILE NAME\n"
-    "       tessel-dict set FILE NAME VALUE\n"
-    "       tessel-dict unset FILE NAME\n"
-    "       tessel-dict list FILE\n"
-    "       tessel-dict check FILE\n"
-    "       tessel-dict dump FILE\n"
+    "usage: tessel-dict [OPTION...] get FILE NAME\n"
+    "       tessel-dict [OPTION...] set FILE NAME VALUE\n"
+    "       tessel-dict [OPTION...] unset FILE NAME\n"
+    "       tessel-dict [OPTION...] list FILE\n"
+    "       tessel-dict [OPTION...] check FILE\n"
+    "       tessel-dict [OPTION...] dump FILE\n"
     "       tessel-dict explain NAME\n"
     "\n"
     "Reads and edits dictionary files: lines of the form NAME = \"VALUE\" and comments. FILE may be \"-\",\n"
@@ -39,18 +44,29 @@ constexpr char HELP[] =
     "  explain  says which layer of the preferences, and which file and line, decides a setting, and what\n"
     "           the other layers say\n"
     "\n"
-    "  -h, --help  print this\n"
-    "  --version   print the version\n"
+    "  -m, --max-size BYTES  refuse larger files (default: 1073741824)\n"
+    "  -w, --wait SECONDS    how long set and unset wait for the lock of the file; 0: not at all (default: "
+    "60)\n"
+    "  -h, --help            print this\n"
+    "  --version             print the version\n"
     "\n"
     "Exit status: 0; 1: no such setting; 64: wrong use; 65: the file has errors; 66: it cannot be read; 74: "
     "it, or\n"
-    "standard output, cannot be written.\n";
+    "standard output, cannot be written, or its lock not be taken; 75: others hold the lock, and the wait "
+    "is\n"
+    "over.\n";
+
+struct DictOptions {
+   uint64_t maxBytes = uint64_t{1} << 30;
+   uint32_t maxWaitMs = 60000;
+};
 
 /* What a command works on. */
 struct DictTask {
    const char *file; /* The first argument, whatever it is. */
    const char *name;
    const char *value;
+   DictOptions options;
    Dictionary *dictionary;
    MsgList *messages;
 };
@@ -76,8 +92,8 @@ int DictStatusFor(const MsgList *messages, int otherwise)
                                              "msg.dictionary.loadFile"};
    static constexpr std::array refused = {"msg.dictionary.writefile.export"};
    static constexpr std::array unwritable = {"msg.dictionary.writefile.", "msg.dictionary.permissions",
-                                             "msg.dictionary.open", "msg.dictionary.nameTooLong",
-                                             "msg.dictionary.close"};
+                                             "msg.dictionary.open",       "msg.dictionary.nameTooLong",
+                                             "msg.dictionary.close",      "msg.dictionary.lock."};
    const auto any = [messages](const auto &prefixes) {
       for (size_t i = 0; i < MsgList_Count(messages); i++) {
          const std::string_view id(MsgList_Get(messages, i)->identifier);
@@ -94,10 +110,25 @@ int DictStatusFor(const MsgList *messages, int otherwise)
    return any(unwritable) && !any(refused) ? int{TOOL_EXIT_OUTPUT} : otherwise;
 }
 
+bool DictLoadFile(const DictTask &task)
+{
+   FileIOHandle file;
+
+   if (strcmp(task.file, "-") == 0) {
+      return Dictionary_Load(task.dictionary, task.file);
+   }
+   if (!DictEdit_OpenFile(&file, task.file, O_RDONLY, task.options.maxBytes, task.messages)) {
+      return false;
+   }
+   const bool loaded = Dictionary_LoadFromFileHandle(task.dictionary, &file, task.messages);
+   FileIO_Close(&file);
+   return loaded;
+}
+
 /* 0, or an exit status with everything reported. */
 int DictLoad(const DictTask &task)
 {
-   if (Dictionary_Load(task.dictionary, task.file)) {
+   if (DictLoadFile(task)) {
       return TOOL_EXIT_OK;
    }
    DictReportMessages(task.messages);
@@ -118,21 +149,28 @@ int DictGet(const DictTask &task)
    return TOOL_EXIT_OK;
 }
 
-int DictEdit(const DictTask &task)
+int DictChange(const DictTask &task)
 {
    if (strcmp(task.file, "-") == 0) {
       Warning("standard input cannot be edited\n");
       return TOOL_EXIT_USAGE;
    }
-   switch (Dictionary_EditFile(task.file, task.name, task.value, task.messages)) {
-   case DictionaryEditResult::DONE:
-      /* A file may have been rewritten in place of being replaced. */
-      DictReportMessages(task.messages);
+   const DictEdit edit = {.path = task.file,
+                          .name = task.name,
+                          .value = task.value,
+                          .maxBytes = task.options.maxBytes,
+                          .maxWaitMs = task.options.maxWaitMs};
+   const DictEditResult result = DictEdit_Run(edit, task.messages);
+   /* Also of what was done: a file may have been rewritten in place of being replaced. */
+   DictReportMessages(task.messages);
+   switch (result) {
+   case DictEditResult::DONE:
       return TOOL_EXIT_OK;
-   case DictionaryEditResult::ABSENT:
+   case DictEditResult::ABSENT:
       return TOOL_EXIT_ABSENT;
+   case DictEditResult::BUSY:
+      return TOOL_EXIT_BUSY;
    default:
-      DictReportMessages(task.messages);
       return DictStatusFor(task.messages, TOOL_EXIT_DATA);
    }
 }
@@ -143,7 +181,7 @@ int DictSet(const DictTask &task)
       Warning("%s: no setting can have this name\n", task.name);
       return TOOL_EXIT_USAGE;
    }
-   return DictEdit(task);
+   return DictChange(task);
 }
 
 bool DictListOne(const char *name, void *context)
@@ -179,7 +217,7 @@ int DictExplain(const DictTask &task)
 
 constexpr std::array COMMANDS = {
     DictCommand{"get", 2, DictGet},         DictCommand{"set", 3, DictSet},
-    DictCommand{"unset", 2, DictEdit},      DictCommand{"list", 1, DictList},
+    DictCommand{"unset", 2, DictChange},    DictCommand{"list", 1, DictList},
     DictCommand{"check", 1, DictLoad},      DictCommand{"dump", 1, DictDump},
     DictCommand{"explain", 1, DictExplain},
 };
@@ -187,7 +225,7 @@ constexpr std::array COMMANDS = {
 /* The command that the words name, if they are as many as it takes; null, reported. */
 const DictCommand *DictFindCommand(char *const *words)
 {
-   if (words == nullptr) {
+   if (words[0] == nullptr) {
       Warning("no command given; --help lists them\n");
       return nullptr;
    }
@@ -209,12 +247,13 @@ const DictCommand *DictFindCommand(char *const *words)
    return found;
 }
 
-int DictRun(const DictCommand &command, char *const *arguments)
+int DictRun(const DictCommand &command, char *const *arguments, const DictOptions &options)
 {
    MsgList *const messages = MsgList_Create();
    const DictTask task = {.file = arguments[0],
                           .name = command.arguments > 1 ? arguments[1] : nullptr,
                           .value = command.arguments > 2 ? arguments[2] : nullptr,
+                          .options = options,
                           .dictionary = Dictionary_Create(),
                           .messages = messages};
    Dictionary_SetMessageList(task.dictionary, messages);
@@ -224,28 +263,75 @@ int DictRun(const DictCommand &command, char *const *arguments)
    return status;
 }
 
+bool DictParseSize(std::string_view text, uint64_t *bytes)
+{
+   const std::from_chars_result result = std::from_chars(text.data(), text.data() + text.size(), *bytes);
+   return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
+int DictRefuseNumber(const char *what)
+{
+   Warning("%s: not a number of %s\n", optarg, what);
+   return TOOL_EXIT_USAGE;
+}
+
+std::optional<int> DictTakeOption(int letter, const char *word, DictOptions *options)
+{
+   switch (letter) {
+   case 'm':
+      return DictParseSize(optarg, &options->maxBytes) ? std::nullopt
+                                                       : std::optional(DictRefuseNumber("bytes"));
+   case 'w':
+      return ToolOptions_ParseSeconds(optarg, &options->maxWaitMs)
+                 ? std::nullopt
+                 : std::optional(DictRefuseNumber("seconds"));
+   case 'h':
+      return ToolOptions_Print(HELP);
+   case 'V':
+      return ToolOptions_Print("tessel-dict " TESSEL_VERSION "\n");
+   default:
+      return ToolOptions_Refuse(letter, word);
+   }
+}
+
+std::optional<int> DictParse(int argc, char **argv, DictOptions *options)
+{
+   static const struct option known[] = {
+       {"max-size", required_argument, nullptr, 'm'},
+       {"wait", required_argument, nullptr, 'w'},
+       {"help", no_argument, nullptr, 'h'},
+       {"version", no_argument, nullptr, 'V'},
+       {nullptr, 0, nullptr, 0},
+   };
+   int letter;
+
+   while ((letter = getopt_long(argc, argv, "+:m:w:h", known, nullptr)) != -1) {
+      const std::optional<int> status = DictTakeOption(letter, argv[optind - 1], options);
+      if (status.has_value()) {
+         return status;
+      }
+   }
+   return std::nullopt;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-   static constexpr ToolUsage usage = {.program = "tessel-dict",
-                                       .help = HELP,
-                                       .version = "tessel-dict " TESSEL_VERSION "\n",
-                                       .takesDaemon = false,
-                                       .takesSocket = false};
-   ToolOptions options;
+   DictOptions options;
 
-   const std::optional<int> done = ToolOptions_Parse(argc, argv, usage, &options);
+   ToolReport_SetProgram("tessel-dict");
+   const std::optional<int> done = DictParse(argc, argv, &options);
    if (done.has_value()) {
       return *done;
    }
-   const DictCommand *const command = DictFindCommand(options.command);
+   const DictCommand *const command = DictFindCommand(argv + optind);
    if (command == nullptr) {
       return TOOL_EXIT_USAGE;
    }
    /* What the library logs it also says in messages, which are for the user. */
    ToolReport_SetQuiet();
-   const int status = DictRun(*command, options.command + 1);
+   const int status = DictRun(*command, argv + optind + 1, options);
    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
       Warning("cannot write to standard output: %s\n", strerror(errno));
       return TOOL_EXIT_OUTPUT;

@@ -10,7 +10,6 @@
 #include "tools/toolSession.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
@@ -47,32 +46,6 @@ struct LockOptions {
    uint32_t waitMs = FILE_LOCK_WAIT_FOREVER;
 };
 
-/* Seconds with up to three decimals. */
-bool LockParseWait(std::string_view text, uint32_t *ms)
-{
-   static constexpr uint32_t longest = FILE_LOCK_WAIT_FOREVER / 1000 - 1;
-   const size_t dot = text.find('.');
-   const std::string_view decimals = dot != std::string_view::npos ? text.substr(dot + 1) : ""sv;
-   uint32_t seconds = 0;
-   uint32_t rest = 0;
-
-   text = text.substr(0, dot);
-   const std::from_chars_result whole = std::from_chars(text.data(), text.data() + text.size(), seconds);
-   if (whole.ec != std::errc() || whole.ptr != text.data() + text.size() || seconds > longest ||
-       decimals.size() > 3) {
-      return false;
-   }
-   for (size_t i = 0; i < 3; i++) {
-      const char digit = i < decimals.size() ? decimals[i] : '0';
-      if (digit < '0' || digit > '9') {
-         return false;
-      }
-      rest = rest * 10 + static_cast<uint32_t>(digit - '0');
-   }
-   *ms = seconds * 1000 + rest;
-   return true;
-}
-
 std::optional<int> LockTakeOption(int letter, const char *word, LockOptions *options)
 {
    switch (letter) {
@@ -86,7 +59,7 @@ std::optional<int> LockTakeOption(int letter, const char *word, LockOptions *opt
       options->verbose = true;
       return std::nullopt;
    case 'w':
-      if (LockParseWait(optarg, &options->waitMs)) {
+      if (ToolOptions_ParseSeconds(optarg, &options->waitMs)) {
          return std::nullopt;
       }
       Warning("%s: not a number of seconds\n", optarg);
@@ -156,7 +129,8 @@ Owned<char> LockTime(uint64_t microseconds)
    const auto seconds = static_cast<time_t>(microseconds / 1000000);
    struct tm parts;
 
-   if (microseconds == 0 || gmtime_r(&seconds, &parts) == nullptr) {
+   /* Who writes a later year than 9999 has not read his clock. */
+   if (microseconds == 0 || gmtime_r(&seconds, &parts) == nullptr || parts.tm_year > 9999 - 1900) {
       return Owned<char>(Str_SafeAsprintf(nullptr, "-"));
    }
    return Owned<char>(Str_SafeAsprintf(nullptr, "%04d-%02d-%02dT%02d:%02d:%02dZ", parts.tm_year + 1900,

@@ -1,14 +1,17 @@
 #include "tools/toolOptions.h"
 
+#include "lib/file/fileLock.h"
 #include "lib/public/program.h"
 #include "tools/toolExit.h"
 #include "tools/toolReport.h"
 
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
+#include <string_view>
 
 namespace {
 
@@ -95,4 +98,29 @@ int ToolOptions_Refuse(int found, const char *word)
    Warning("%s: %s; --help lists the options\n", word,
            found == ':' ? "a value is missing" : "there is no such option");
    return TOOL_EXIT_USAGE;
+}
+
+bool ToolOptions_ParseSeconds(const char *text, uint32_t *ms)
+{
+   static constexpr uint32_t longest = FILE_LOCK_WAIT_FOREVER / 1000 - 1;
+   const std::string_view whole(text);
+   const size_t dot = whole.find('.');
+   const std::string_view decimals = dot != std::string_view::npos ? whole.substr(dot + 1) : "";
+   const char *const end = text + whole.substr(0, dot).size();
+   uint32_t seconds = 0;
+   uint32_t rest = 0;
+
+   const std::from_chars_result result = std::from_chars(text, end, seconds);
+   if (result.ec != std::errc() || result.ptr != end || seconds > longest || decimals.size() > 3) {
+      return false;
+   }
+   for (size_t i = 0; i < 3; i++) {
+      const char digit = i < decimals.size() ? decimals[i] : '0';
+      if (digit < '0' || digit > '9') {
+         return false;
+      }
+      rest = rest * 10 + static_cast<uint32_t>(digit - '0');
+   }
+   *ms = seconds * 1000 + rest;
+   return true;
 }

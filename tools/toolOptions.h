@@ -1,6 +1,7 @@
 #ifndef TESSEL_TOOLS_TOOLOPTIONS_H
 #define TESSEL_TOOLS_TOOLOPTIONS_H
 
+#include <cstdint>
 #include <optional>
 
 struct ToolUsage {
@@ -28,5 +29,8 @@ struct ToolOptions {
    getopt_long(3) gave found. The exit status. */
 [[nodiscard]] int ToolOptions_Print(const char *text);
 [[nodiscard]] int ToolOptions_Refuse(int found, const char *word);
+
+/* Seconds with up to three decimals, as milliseconds that FileLock_Lock takes for a limit. False: text is none. */
+[[nodiscard]] bool ToolOptions_ParseSeconds(const char *text, uint32_t *ms);
 
 #endif

@@ -8,6 +8,7 @@
 #include "lib/public/program.h"
 #include "lib/string/str.h"
 #include "lib/user/dictionary.h"
+#include "lib/user/msgList.h"
 
 #include <array>
 #include <atomic>
@@ -24,6 +25,8 @@ constexpr const char *HOST_DEFAULTS_PATH = "/Library/Preferences/Kestra Tessel/c
 /* Deliberately of no use. */
 constexpr const char *NO_DIRECTORY = "/dev/null/Non-existing DEFAULT_LIBDIRECTORY";
 
+constexpr const char *DISABLE_USER = "disableUserPreferences";
+
 /* In the order of lookups. */
 enum LayerIndex : uint8_t { GLOBAL, NON_PERSISTENT, USER, USER_DEFAULTS, HOST, SITE, LAYERS };
 
@@ -39,6 +42,7 @@ struct Layer {
 
 struct PreferenceState {
    RankedLock *lock;
+   MsgList *messages; /* What the dictionaries say of values that are not of the type asked for. */
    std::array<Layer, LAYERS> layers;
 };
 
@@ -54,6 +58,16 @@ void PreferenceRead(Layer *layer)
    if (!layer->read) {
       Log("PREF Optional preferences file not found at %s. Using default values.\n", layer->path);
    }
+}
+
+/* A value that does not convert would otherwise leave no trace of why the setting has no effect. */
+void PreferenceWarn(PreferenceState *state, const Layer &layer, const char *name)
+{
+   for (size_t i = 0; i < MsgList_Count(state->messages); i++) {
+      Warning("PREF %s line %d: %s", layer.path != nullptr ? layer.path : "(no file)",
+              Dictionary_GetLineNumber(layer.dictionary, name), MsgList_Get(state->messages, i)->text);
+   }
+   MsgList_Rollback(state->messages, 0);
 }
 
 /* The product's preference directory as a new string, or null if it is not known. */
@@ -91,13 +105,17 @@ PreferenceState *PreferenceBuild(bool wantsUser)
 {
    auto *state = static_cast<PreferenceState *>(Util_SafeCalloc(1, sizeof(PreferenceState)));
    state->lock = RankedLock_Create("preferenceLock", LOCK_RANK);
+   state->messages = MsgList_Create();
    for (Layer &layer : state->layers) {
       layer.dictionary = Dictionary_Create();
+      Dictionary_SetMessageList(layer.dictionary, state->messages);
    }
-   Dictionary *const hostDefaults = state->layers[HOST].dictionary;
-   state->layers[HOST].path = Util_SafeStrdup(HOST_DEFAULTS_PATH);
-   PreferenceRead(&state->layers[HOST]);
-   if (Dictionary_GetBool(hostDefaults, false, "disableUserPreferences")) {
+   Layer *const host = &state->layers[HOST];
+   host->path = Util_SafeStrdup(HOST_DEFAULTS_PATH);
+   PreferenceRead(host);
+   const bool disabled = Dictionary_GetBool(host->dictionary, false, DISABLE_USER);
+   PreferenceWarn(state, *host, DISABLE_USER);
+   if (disabled) {
       Log("PREF Disabling user preferences because disableUserPreferences is set.\n");
       wantsUser = false;
    }
@@ -118,6 +136,7 @@ void PreferenceFree(PreferenceState *state)
       const Owned<char> path(layer.path);
       Dictionary_Free(layer.dictionary);
    }
+   MsgList_Free(state->messages);
    RankedLock_Free(state->lock);
 }
 
@@ -151,7 +170,10 @@ Result PreferenceGet(PreferenceState *state, Fallback fallback, const char *name
 {
    const RankedLockHold hold(state->lock);
    const size_t found = PreferenceFind(state, name);
-   return get(state->layers[found != LAYERS ? found : size_t{USER}].dictionary, fallback, "%s", name);
+   const Layer &layer = state->layers[found != LAYERS ? found : size_t{USER}];
+   const Result value = get(layer.dictionary, fallback, "%s", name);
+   PreferenceWarn(state, layer, name);
+   return value;
 }
 
 /* The state for a getter; null, logged: it is too early. */

@@ -16,7 +16,8 @@ struct MsgList;
 
    A file that cannot be read is logged and no failure; of one that breaks off at an error the part before
    counts, so that a slip in it does not undo the restrictions above. Layers 3 and 4 stay empty where the host
-   defaults set "disableUserPreferences", and in a process whose effective user is not the real one.
+   defaults set "disableUserPreferences", and in a process whose effective user is not the real one. A value
+   that is not of the type asked for is warned of once, with file and line, and fallback holds.
 
    Every routine may be called from any thread, but Preference_Exit only while no other runs. All but the
    initialisation wait for one another. */

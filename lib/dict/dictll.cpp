@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 namespace {
@@ -15,7 +16,7 @@ namespace {
 constexpr const char *MODULE = "lib/dict/dictll";
 
 constexpr char ESCAPE = '|';
-constexpr size_t CHUNK = 512;
+constexpr size_t USUAL_LINE = 256;
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
@@ -65,7 +66,7 @@ bool DictLLTakeValue(std::string_view *text, DictLLParts *parts)
       return true;
    }
    const size_t close = text->find('"', 1);
-   if (close == std::string_view::npos) {
+   if (close == std::string_view::npos || text->substr(0, close).find('\0') != std::string_view::npos) {
       return false;
    }
    parts->token = text->substr(0, close + 1);
@@ -85,58 +86,30 @@ void DictLLHandOut(std::string_view text, char **line, char **name, char **value
    }
 }
 
-/* The stream's next byte, or EOF: the stream is then at its end or in error. */
-int DictLLReadByte(FILE *stream)
-{
-   while (true) {
-      const int byte = getc_unlocked(stream);
-      if (byte != EOF || ferror(stream) == 0 || errno != EINTR) {
-         return byte;
-      }
-      clearerr(stream);
-   }
-}
-
-/* Holds the bytes of one line: a short one takes no memory but the chunk. */
-struct LineText {
-   std::array<char, CHUNK> chunk;
-   size_t used = 0;
-   SecretBuffer rest;
-
-   LineText() = default;
-   LineText(const LineText &) = delete;
-   LineText &operator=(const LineText &) = delete;
-
-   ~LineText()
-   {
-      Secret_Zero(chunk.data(), chunk.size());
-   }
-
-   void Spill()
-   {
-      if (!Secret_Append(rest.get(), chunk.data(), used)) {
-         Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
-      }
-      used = 0;
-   }
-
-   void Append(char byte)
-   {
-      if (used == chunk.size()) {
-         Spill();
-      }
-      chunk[used++] = byte;
-   }
-
-   std::string_view Finish()
-   {
-      if (rest.get()->size == 0) {
-         return {chunk.data(), used};
-      }
-      Spill();
-      return {rest.get()->data, rest.get()->size};
-   }
+/* What one call of fgets gave. */
+struct DictLLChunk {
+   size_t size;
+   bool ended; /* By a line feed, which is not counted. */
+   bool full;  /* There is more. */
 };
+
+/* One chunk into room that is filled with line feeds before, since otherwise its size could not be told where the file
+   has NUL bytes: the line feed of a line has a NUL behind it, as no other one has. */
+DictLLChunk DictLLReadChunk(FILE *stream, char *room, size_t size)
+{
+   memset(room, '\n', size);
+   const bool given = fgets(room, static_cast<int>(size), stream) != nullptr;
+   const auto *feed = static_cast<const char *>(memchr(room, '\n', size));
+   if (feed == nullptr) {
+      return {.size = size - 1, .ended = false, .full = true};
+   }
+   const auto length = static_cast<size_t>(feed - room);
+   if (given && length + 1 < size && feed[1] == '\0') {
+      return {.size = length, .ended = true, .full = false};
+   }
+   /* Without a line feed the NUL comes before the first; after an error there may be none. */
+   return {.size = given ? length - 1 : length, .ended = false, .full = false};
+}
 
 bool DictLLAppend(DynBuf *output, std::string_view bytes)
 {
@@ -213,28 +186,37 @@ const char *DictLL_UnmarshalLine(const char *buffer, size_t size, char **line, c
    return feed != nullptr ? feed + 1 : end;
 }
 
+int DictLL_ReadText(FILE *stream, DynBuf *text)
+{
+   text->size = 0;
+   while (true) {
+      Secret_SafeReserve(text, USUAL_LINE, MODULE, __LINE__);
+      const size_t room = std::min<size_t>(text->allocated - text->size, INT_MAX);
+      const DictLLChunk chunk = DictLLReadChunk(stream, text->data + text->size, room);
+      text->size += chunk.size;
+      if (chunk.ended) {
+         return 2;
+      }
+      if (ferror(stream) != 0 && errno != EINTR) {
+         return 0;
+      }
+      if (!chunk.full && ferror(stream) == 0) {
+         return text->size != 0 ? 2 : 1;
+      }
+      clearerr(stream);
+   }
+}
+
 int DictLL_ReadLine(FILE *stream, char **line, char **name, char **value)
 {
-   LineText text;
-   int byte;
-   bool any = false;
+   SecretBuffer text;
 
    *line = *name = *value = nullptr;
-   flockfile(stream);
-   while ((byte = DictLLReadByte(stream)) != EOF && byte != '\n') {
-      text.Append(static_cast<char>(byte));
-      any = true;
+   const int result = DictLL_ReadText(stream, text.get());
+   if (result == 2) {
+      DictLLHandOut({text.get()->data, text.get()->size}, line, name, value);
    }
-   const bool failed = byte == EOF && ferror(stream) != 0;
-   funlockfile(stream);
-   if (failed) {
-      return 0;
-   }
-   if (byte == EOF && !any) {
-      return 1;
-   }
-   DictLLHandOut(text.Finish(), line, name, value);
-   return 2;
+   return result;
 }
 
 bool DictLL_MarshalLine(DynBuf *output, const char *name, const char *value)

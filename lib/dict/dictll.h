@@ -12,10 +12,11 @@ struct DynBuf;
       line       = blanks [ definition ] [ "#" anything ]
       definition = name blanks "=" blanks value blanks
       name       = bytes other than NUL, TAB, SPACE, "#", "="
-      value      = '"' bytes other than '"' '"'  |  bytes other than NUL, TAB, SPACE, "#"; the first not '"'
+      value      = '"' bytes other than NUL, '"' '"'  |  bytes other than NUL, TAB, SPACE, "#"; the first not
+   '"'
 
-   Blanks are TAB and SPACE. In a value "|" and two hexadecimal digits stand for a byte. Whatever does not fit
-   is still a line, though not a definition.
+   Blanks are TAB and SPACE. In a value "|" and two hexadecimal digits stand for a byte; "|00" ends it.
+   Whatever does not fit is still a line, though not a definition.
 
    A line, name or value that is handed out is a new NUL-terminated string, which the caller frees, with
    Secret_FreeString where it may hold a secret; a NUL byte inside ends it early. Exhausted memory ends the
@@ -44,6 +45,9 @@ const char *DictLL_UnmarshalLine(const char *buffer, size_t size, char **line, c
    0: a read error, with errno set and the part of a line before it lost. The outputs are null for 1 and 0.
    Blocks as the stream does; interruptions by signals are passed over. */
 [[nodiscard]] int DictLL_ReadLine(FILE *stream, char **line, char **name, char **value);
+
+/* The same without a copy: the line alone, whatever bytes it has, takes the place of what the buffer held. */
+[[nodiscard]] int DictLL_ReadText(FILE *stream, DynBuf *text);
 
 /* Appends one line: the definition «name = "value"» with the value escaped, or, for a null name, value itself. A
    block that the buffer outgrows is zeroed. False, with the size unchanged, if the buffer cannot grow. */

@@ -1,6 +1,7 @@
 #include "lib/misc/escape.h"
 
 #include "base/owned.h"
+#include "base/unicode.h"
 #include "lib/misc/memory/dynbuf.h"
 #include "lib/public/program.h"
 
@@ -20,19 +21,6 @@ constexpr std::string_view HEX_DIGITS = "0123456789ABCDEF";
    gathered is freed unless Finish hands it out. */
 class EscapeOutput {
  public:
-   EscapeOutput()
-   {
-      DynBuf_Init(&buffer_);
-   }
-
-   ~EscapeOutput()
-   {
-      DynBuf_Destroy(&buffer_);
-   }
-
-   EscapeOutput(const EscapeOutput &) = delete;
-   EscapeOutput &operator=(const EscapeOutput &) = delete;
-
    void Append(std::string_view bytes)
    {
       complete_ = complete_ && DynBuf_Append(&buffer_, bytes.data(), bytes.size());
@@ -57,7 +45,7 @@ class EscapeOutput {
    }
 
  private:
-   DynBuf buffer_;
+   OwnedDynBuf buffer_;
    bool complete_ = true;
 };
 
@@ -110,21 +98,6 @@ char *EscapeBytes(std::string_view escapeText, const EscapeTable &table, std::st
    return output.Finish(outLength);
 }
 
-/* The value of a hexadecimal digit, or -1. Not isxdigit, which would follow the locale. */
-int EscapeHexValue(char digit)
-{
-   if (digit >= '0' && digit <= '9') {
-      return digit - '0';
-   }
-   if (digit >= 'A' && digit <= 'F') {
-      return digit - 'A' + 10;
-   }
-   if (digit >= 'a' && digit <= 'f') {
-      return digit - 'a' + 10;
-   }
-   return -1;
-}
-
 bool EscapeIsOctal(char digit)
 {
    return digit >= '0' && digit <= '7';
@@ -144,8 +117,8 @@ size_t EscapeReadOctalForm(const char *text, char *byte)
    return 0;
 }
 
-enum class UnescapeState : uint8_t { NORMAL, AFTER_ESCAPE, AFTER_DIGIT };
-enum class CarriageReturnState : uint8_t { NORMAL, AFTER_CR };
+enum class EscapeUnescapeState : uint8_t { NORMAL, AFTER_ESCAPE, AFTER_DIGIT };
+enum class EscapeReturnState : uint8_t { NORMAL, AFTER_CR };
 
 } // namespace
 
@@ -165,27 +138,27 @@ char *Escape_Unescape(char escapeChar, const void *input, size_t length, size_t 
 {
    const std::string_view text = EscapeInput(input, length);
    EscapeOutput output;
-   UnescapeState state = UnescapeState::NORMAL;
+   EscapeUnescapeState state = EscapeUnescapeState::NORMAL;
    size_t start = 0;
 
    for (size_t i = 0; i < length; i++) {
-      const int digit = EscapeHexValue(text[i]);
+      const int digit = Ascii_HexValue(text[i]);
       switch (state) {
-      case UnescapeState::NORMAL:
+      case EscapeUnescapeState::NORMAL:
          if (text[i] == escapeChar) {
-            state = UnescapeState::AFTER_ESCAPE;
+            state = EscapeUnescapeState::AFTER_ESCAPE;
          }
          break;
-      case UnescapeState::AFTER_ESCAPE:
-         state = digit != -1 ? UnescapeState::AFTER_DIGIT : UnescapeState::NORMAL;
+      case EscapeUnescapeState::AFTER_ESCAPE:
+         state = digit != -1 ? EscapeUnescapeState::AFTER_DIGIT : EscapeUnescapeState::NORMAL;
          break;
-      case UnescapeState::AFTER_DIGIT:
+      case EscapeUnescapeState::AFTER_DIGIT:
          if (digit != -1) {
             output.Append(EscapeRun(text, start, i - 2));
-            output.AppendByte(static_cast<char>(EscapeHexValue(text[i - 1]) * 16 + digit));
+            output.AppendByte(static_cast<char>(Ascii_HexValue(text[i - 1]) * 16 + digit));
             start = i + 1;
          }
-         state = UnescapeState::NORMAL;
+         state = EscapeUnescapeState::NORMAL;
          break;
       default:
          EscapeImpossibleState(UNESCAPE_LINE);
@@ -211,14 +184,14 @@ char *Escape_StripCarriageReturns(const void *input, size_t length, size_t *outL
 {
    const std::string_view text = EscapeInput(input, length);
    EscapeOutput output;
-   CarriageReturnState state = CarriageReturnState::NORMAL;
+   EscapeReturnState state = EscapeReturnState::NORMAL;
    size_t start = 0;
 
    for (size_t i = 0; i < length; i++) {
       switch (state) {
-      case CarriageReturnState::NORMAL:
+      case EscapeReturnState::NORMAL:
          break;
-      case CarriageReturnState::AFTER_CR:
+      case EscapeReturnState::AFTER_CR:
          if (text[i] == '\n') {
             output.Append(EscapeRun(text, start, i - 1));
             start = i;
@@ -227,7 +200,7 @@ char *Escape_StripCarriageReturns(const void *input, size_t length, size_t *outL
       default:
          EscapeImpossibleState(STRIP_CARRIAGE_RETURNS_LINE);
       }
-      state = text[i] == '\r' ? CarriageReturnState::AFTER_CR : CarriageReturnState::NORMAL;
+      state = text[i] == '\r' ? EscapeReturnState::AFTER_CR : EscapeReturnState::NORMAL;
    }
    output.Append(text.substr(start));
    return output.Finish(outLength);

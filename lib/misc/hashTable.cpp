@@ -18,7 +18,7 @@ constexpr uint64_t INT_KEY_MULTIPLIER = 48271;
 
 /* A key with what is computed from it once. The length of an integer key is 0, that of a string of 4 GiB or more
    LONG_STRING. */
-struct HashKey {
+struct HashTableKey {
    const void *key;
    uint32_t length;
    uint32_t hash;
@@ -28,16 +28,12 @@ constexpr uint32_t LONG_STRING = UINT32_MAX;
 
 /* Length and hash are kept so that a walk along a chain hardly ever reads the string of another entry: worth the 8
    bytes, since such a string is seldom in the cache. */
-struct HashEntry {
-   HashEntry *next;
-   HashKey key;
+struct HashTableEntry {
+   HashTableEntry *next;
+   HashTableKey key;
    void *value;
 
    /* A copied string follows in the same block. */
-};
-
-struct HashBucket {
-   HashEntry *head;
 };
 
 } // namespace
@@ -52,18 +48,18 @@ struct HashTable {
    bool atomic;
    bool copyKeys;
    HashTableFreeValue freeValue;
-   HashBucket *buckets;
+   HashTableEntry **buckets;
    uint64_t count;
 };
 
 namespace {
 
-HashEntry *HashTableHead(const HashTable *table, uint32_t bucket)
+HashTableEntry *HashTableHead(const HashTable *table, uint32_t bucket)
 {
-   return std::atomic_ref(table->buckets[bucket].head).load(std::memory_order_acquire);
+   return std::atomic_ref(table->buckets[bucket]).load(std::memory_order_acquire);
 }
 
-void *HashTableValue(HashEntry *entry)
+void *HashTableValue(HashTableEntry *entry)
 {
    return std::atomic_ref(entry->value).load(std::memory_order_acquire);
 }
@@ -108,7 +104,7 @@ uint32_t HashTableHashWord(uint64_t word)
    return std::rotl(static_cast<uint32_t>(word), 25) ^ std::rotl(static_cast<uint32_t>(word >> 32), 5);
 }
 
-struct ExactText {
+struct HashTableExactText {
    static uint64_t Fold(uint64_t word)
    {
       return word;
@@ -120,7 +116,7 @@ struct ExactText {
    }
 };
 
-struct NoCaseText {
+struct HashTableNoCaseText {
    /* Each byte from 'A' to 'Z' in lower case. */
    static uint64_t Fold(uint64_t word)
    {
@@ -165,8 +161,8 @@ template <typename Text> [[gnu::always_inline]] inline uint32_t HashTableHash(co
 }
 
 /* The kinds of key: how one is measured and hashed, and whether two with the same hash and length are equal. */
-template <typename Text> struct StringKey {
-   static HashKey Make(const void *key)
+template <typename Text> struct HashTableStringKey {
+   static HashTableKey Make(const void *key)
    {
       const char *string = static_cast<const char *>(key);
       const size_t length = strlen(string);
@@ -175,7 +171,7 @@ template <typename Text> struct StringKey {
               .hash = HashTableHash<Text>(string, length)};
    }
 
-   static bool Equal(const HashKey &a, const HashKey &b)
+   static bool Equal(const HashTableKey &a, const HashTableKey &b)
    {
       const char *stringA = static_cast<const char *>(a.key);
       const char *stringB = static_cast<const char *>(b.key);
@@ -190,15 +186,15 @@ template <typename Text> struct StringKey {
    }
 };
 
-struct IntKey {
-   static HashKey Make(const void *key)
+struct HashTableIntKey {
+   static HashTableKey Make(const void *key)
    {
       const auto number = std::bit_cast<uint64_t>(key);
       const uint64_t product = ((number >> HASH_BITS) ^ number) * INT_KEY_MULTIPLIER;
       return {.key = key, .length = 0, .hash = static_cast<uint32_t>(product)};
    }
 
-   static bool Equal(const HashKey &a, const HashKey &b)
+   static bool Equal(const HashTableKey &a, const HashTableKey &b)
    {
       return a.key == b.key;
    }
@@ -209,11 +205,11 @@ template <typename Work> auto HashTableWithKeyType(const HashTable *table, Work 
 {
    switch (table->keyType) {
    case HASH_STRING_KEY:
-      return work(StringKey<ExactText>{});
+      return work(HashTableStringKey<HashTableExactText>{});
    case HASH_ISTRING_KEY:
-      return work(StringKey<NoCaseText>{});
+      return work(HashTableStringKey<HashTableNoCaseText>{});
    case HASH_INT_KEY:
-      return work(IntKey{});
+      return work(HashTableIntKey{});
    default:
       Panic("NOT_REACHED %s:%d\n", MODULE, __LINE__);
    }
@@ -223,7 +219,7 @@ template <typename Work> auto HashTableWithKeyType(const HashTable *table, Work 
    until nothing is left of it comes to. Each round doubles the number of pieces gathered in the lowest, so
    that the number of rounds does not depend on the key. A single bucket has 0 bits: no round, not one without
    end. */
-uint32_t HashTableBucket(const HashTable *table, const HashKey &key)
+uint32_t HashTableBucket(const HashTable *table, const HashTableKey &key)
 {
    uint32_t folded = key.hash;
    for (uint32_t shift = table->bucketBits; shift - 1 < HASH_BITS - 1; shift *= 2) {
@@ -232,9 +228,9 @@ uint32_t HashTableBucket(const HashTable *table, const HashKey &key)
    return folded & (table->bucketCount - 1);
 }
 
-template <typename Type> HashEntry *HashTableFindFrom(HashEntry *head, const HashKey &key)
+template <typename Type> HashTableEntry *HashTableFindFrom(HashTableEntry *head, const HashTableKey &key)
 {
-   for (HashEntry *entry = head; entry != nullptr; entry = entry->next) {
+   for (HashTableEntry *entry = head; entry != nullptr; entry = entry->next) {
       if (entry->key.hash == key.hash && entry->key.length == key.length && Type::Equal(entry->key, key)) {
          return entry;
       }
@@ -242,21 +238,22 @@ template <typename Type> HashEntry *HashTableFindFrom(HashEntry *head, const Has
    return nullptr;
 }
 
-template <typename Type> [[gnu::noinline]] HashEntry *HashTableFindAs(const HashTable *table, const void *key)
+template <typename Type>
+[[gnu::noinline]] HashTableEntry *HashTableFindAs(const HashTable *table, const void *key)
 {
-   const HashKey wanted = Type::Make(key);
+   const HashTableKey wanted = Type::Make(key);
    return HashTableFindFrom<Type>(HashTableHead(table, HashTableBucket(table, wanted)), wanted);
 }
 
-HashEntry *HashTableFind(const HashTable *table, const void *key)
+HashTableEntry *HashTableFind(const HashTable *table, const void *key)
 {
    return HashTableWithKeyType(table, [=]<typename Type>(Type) { return HashTableFindAs<Type>(table, key); });
 }
 
-HashEntry *HashTableNewEntry(const HashTable *table, const HashKey &key, void *value)
+HashTableEntry *HashTableNewEntry(const HashTable *table, const HashTableKey &key, void *value)
 {
    const size_t keySize = table->copyKeys ? strlen(static_cast<const char *>(key.key)) + 1 : 0;
-   auto *entry = static_cast<HashEntry *>(Util_SafeMalloc(sizeof(HashEntry) + keySize));
+   auto *entry = static_cast<HashTableEntry *>(Util_SafeMalloc(sizeof(HashTableEntry) + keySize));
    *entry = {.next = nullptr, .key = key, .value = value};
    if (table->copyKeys) {
       entry->key.key = memcpy(entry + 1, key.key, keySize);
@@ -272,9 +269,9 @@ void HashTableCountUp(HashTable *table)
    count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
-bool HashTableLink(HashTable *table, uint32_t bucket, HashEntry *head, HashEntry *entry)
+bool HashTableLink(HashTable *table, uint32_t bucket, HashTableEntry *head, HashTableEntry *entry)
 {
-   const std::atomic_ref slot(table->buckets[bucket].head);
+   const std::atomic_ref slot(table->buckets[bucket]);
    entry->next = head;
    if (!table->atomic) {
       slot.store(entry, std::memory_order_relaxed);
@@ -284,15 +281,15 @@ bool HashTableLink(HashTable *table, uint32_t bucket, HashEntry *head, HashEntry
 }
 
 template <typename Type>
-[[gnu::noinline]] HashEntry *HashTableFindOrLinkAs(HashTable *table, const void *key, void *value)
+[[gnu::noinline]] HashTableEntry *HashTableFindOrLinkAs(HashTable *table, const void *key, void *value)
 {
-   const HashKey wanted = Type::Make(key);
+   const HashTableKey wanted = Type::Make(key);
    const uint32_t bucket = HashTableBucket(table, wanted);
-   HashEntry *prepared = nullptr;
+   HashTableEntry *prepared = nullptr;
 
    while (true) {
-      HashEntry *head = HashTableHead(table, bucket);
-      if (HashEntry *found = HashTableFindFrom<Type>(head, wanted); found != nullptr) {
+      HashTableEntry *head = HashTableHead(table, bucket);
+      if (HashTableEntry *found = HashTableFindFrom<Type>(head, wanted); found != nullptr) {
          free(prepared);
          return found;
       }
@@ -307,7 +304,7 @@ template <typename Type>
 }
 
 /* The entry that holds the key already, or null if a new entry was linked. */
-HashEntry *HashTableFindOrLink(HashTable *table, const void *key, void *value)
+HashTableEntry *HashTableFindOrLink(HashTable *table, const void *key, void *value)
 {
    return HashTableWithKeyType(
        table, [=]<typename Type>(Type) { return HashTableFindOrLinkAs<Type>(table, key, value); });
@@ -324,7 +321,7 @@ void HashTableDiscardValue(const HashTable *table, void *value)
 template <typename Visit> int HashTableVisit(const HashTable *table, Visit visit)
 {
    for (uint32_t bucket = 0; bucket < table->bucketCount; bucket++) {
-      for (HashEntry *entry = HashTableHead(table, bucket); entry != nullptr; entry = entry->next) {
+      for (HashTableEntry *entry = HashTableHead(table, bucket); entry != nullptr; entry = entry->next) {
          if (const int result = visit(entry); result != 0) {
             return result;
          }
@@ -346,7 +343,7 @@ void HashTableArray(const HashTable *table, Element **array, size_t *size, Get g
 
    /* The chains of an atomic table can hold more entries than were counted. */
    size_t filled = 0;
-   HashTableVisit(table, [&](HashEntry *entry) {
+   HashTableVisit(table, [&](HashTableEntry *entry) {
       (*array)[filled++] = get(entry);
       return filled == count ? 1 : 0;
    });
@@ -368,7 +365,7 @@ HashTable *HashTable_Alloc(uint32_t bucketCount, uint32_t flags, HashTableFreeVa
        .atomic = (flags & HASH_FLAG_ATOMIC) != 0,
        .copyKeys = (flags & HASH_FLAG_COPYKEY) != 0 && keyType < HASH_INT_KEY,
        .freeValue = freeValue,
-       .buckets = static_cast<HashBucket *>(Util_SafeCalloc(bucketCount, sizeof(HashBucket))),
+       .buckets = static_cast<HashTableEntry **>(Util_SafeCalloc(bucketCount, sizeof(HashTableEntry *))),
        .count = 0,
    };
    return table;
@@ -407,8 +404,8 @@ void HashTable_FreeUnsafe(HashTable *table)
 void HashTable_Clear(HashTable *table)
 {
    for (uint32_t bucket = 0; bucket < table->bucketCount; bucket++) {
-      while (HashEntry *entry = table->buckets[bucket].head) {
-         table->buckets[bucket].head = entry->next;
+      while (HashTableEntry *entry = table->buckets[bucket]) {
+         table->buckets[bucket] = entry->next;
          HashTableDiscardValue(table, entry->value);
          free(entry);
       }
@@ -423,13 +420,13 @@ bool HashTable_Insert(HashTable *table, const void *key, void *value)
 
 void *HashTable_LookupOrInsert(HashTable *table, const void *key, void *value)
 {
-   HashEntry *found = HashTableFindOrLink(table, key, value);
+   HashTableEntry *found = HashTableFindOrLink(table, key, value);
    return found != nullptr ? HashTableValue(found) : value;
 }
 
 bool HashTable_ReplaceOrInsert(HashTable *table, const void *key, void *value)
 {
-   HashEntry *found = HashTableFindOrLink(table, key, value);
+   HashTableEntry *found = HashTableFindOrLink(table, key, value);
    if (found == nullptr) {
       return false;
    }
@@ -445,30 +442,27 @@ bool HashTable_ReplaceOrInsert(HashTable *table, const void *key, void *value)
 
 bool HashTable_ReplaceIfEqual(HashTable *table, const void *key, void *expected, void *value)
 {
-   HashEntry *found = HashTableFind(table, key);
+   HashTableEntry *found = HashTableFind(table, key);
    if (found == nullptr) {
       return false;
    }
-   if (table->atomic) {
-      void *old = expected;
-      if (!std::atomic_ref(found->value)
-               .compare_exchange_strong(old, value, std::memory_order_acq_rel, std::memory_order_relaxed)) {
-         return false;
-      }
-      HashTableDiscardValue(table, old);
-      return true;
-   }
-   if (found->value != expected) {
+   void *old = expected;
+   if (table->atomic
+           ? !std::atomic_ref(found->value)
+                  .compare_exchange_strong(old, value, std::memory_order_acq_rel, std::memory_order_relaxed)
+           : found->value != expected) {
       return false;
    }
-   HashTableDiscardValue(table, found->value);
-   found->value = value;
+   HashTableDiscardValue(table, expected);
+   if (!table->atomic) {
+      found->value = value;
+   }
    return true;
 }
 
 bool HashTable_Lookup(const HashTable *table, const void *key, void **value)
 {
-   HashEntry *found = HashTableFind(table, key);
+   HashTableEntry *found = HashTableFind(table, key);
    if (found != nullptr && value != nullptr) {
       *value = HashTableValue(found);
    }
@@ -477,11 +471,11 @@ bool HashTable_Lookup(const HashTable *table, const void *key, void **value)
 
 bool HashTable_LookupAndDelete(HashTable *table, const void *key, void **value)
 {
-   HashEntry *found = HashTableFind(table, key);
+   HashTableEntry *found = HashTableFind(table, key);
    if (found == nullptr) {
       return false;
    }
-   HashEntry **link = &table->buckets[HashTableBucket(table, found->key)].head;
+   HashTableEntry **link = &table->buckets[HashTableBucket(table, found->key)];
    while (*link != found) {
       link = &(*link)->next;
    }
@@ -512,17 +506,16 @@ size_t HashTable_GetNumElements(const HashTable *table)
 
 void HashTable_KeyArray(const HashTable *table, const void ***keys, size_t *size)
 {
-   HashTableArray(table, keys, size, [](const HashEntry *entry) { return entry->key.key; });
+   HashTableArray(table, keys, size, [](const HashTableEntry *entry) { return entry->key.key; });
 }
 
 void HashTable_ValueArray(const HashTable *table, void ***values, size_t *size)
 {
-   HashTableArray(table, values, size, [](const HashEntry *entry) { return entry->value; });
+   HashTableArray(table, values, size, [](const HashTableEntry *entry) { return entry->value; });
 }
 
 int HashTable_ForEach(const HashTable *table, HashTableForEachCallback callback, void *clientData)
 {
-   return HashTableVisit(table, [&](HashEntry *entry) {
-      return callback(static_cast<const char *>(entry->key.key), entry->value, clientData);
-   });
+   return HashTableVisit(
+       table, [&](HashTableEntry *entry) { return callback(entry->key.key, entry->value, clientData); });
 }

@@ -20,7 +20,7 @@ struct HashTable;
 using HashTableFreeValue = void (*)(void *value);
 
 /* Gets one entry; a result that is not 0 ends the walk. It must not change the table's keys. */
-using HashTableForEachCallback = int (*)(const char *key, void *value, void *clientData);
+using HashTableForEachCallback = int (*)(const void *key, void *value, void *clientData);
 
 /* Creation flags: one key type and any of the two options. The keys are NUL-terminated strings, compared byte by
    byte or without regard to case, or else the pointer itself is the key, a 64-bit integer. Case is what

@@ -1,7 +1,7 @@
 #include "lib/string/str.h"
 
+#include "base/unicode.h"
 #include "lib/string/bsd_vsnprintf.h"
-#include "lib/string/format/text.h"
 
 #include <algorithm>
 #include <cstring>
@@ -41,7 +41,7 @@ int StrFormat(Engine engine, char *buffer, size_t maxSize, const char *format, v
    const int result = engine(&output, maxSize, format, args);
 
    if (maxSize != 0 && !StrFits(result, maxSize)) {
-      buffer[FormatText_WholeUtf8Length(buffer, maxSize - 1)] = '\0';
+      buffer[Utf8_WholeLength(buffer, maxSize - 1)] = '\0';
    }
    return result;
 }

@@ -1,17 +1,15 @@
-#include "base/unicode.h"
 #include "lib/unicode/unicodeSimpleBase.h"
 
 #include "base/owned.h"
-#include "lib/misc/codeset/conversion/utf8.h"
+#include "base/unicode.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 namespace {
 
 /* Copies what fits before a terminator of the given width, which must itself fit. */
-size_t CopyTruncated(char *destination, const char *bytes, size_t length, size_t room)
+size_t UnicodeCopyTruncated(char *destination, const char *bytes, size_t length, size_t room)
 {
    const size_t copied = std::min(length, room);
    if (copied != 0) {
@@ -20,42 +18,33 @@ size_t CopyTruncated(char *destination, const char *bytes, size_t length, size_t
    return copied;
 }
 
-/* The length without a UTF-8 sequence that a cut left incomplete at the end. */
-size_t WithoutPartialSequence(const char *bytes, size_t length)
+/* The length without what a cut broke at the end. ASCII goes, too, where bytes that continue nothing stand behind it. */
+size_t UnicodeWholeLength(const char *bytes, size_t length)
 {
-   const auto byteAt = [bytes](size_t i) { return static_cast<unsigned char>(bytes[i]); };
    size_t lead = length;
-   while (lead > 0 && Utf8_IsContinuation(byteAt(lead - 1))) {
+   while (lead > 0 && Utf8_IsContinuation(static_cast<unsigned char>(bytes[lead - 1]))) {
       lead--;
    }
-   if (lead == 0) {
-      return 0;
-   }
-   lead--;
-   const size_t continuations = length - lead - 1;
-   if (continuations == 0 && byteAt(lead) < 0x80) {
-      return length;
-   }
-   const int announced = std::countl_one(byteAt(lead)) - 1;
-   return announced > 0 && static_cast<size_t>(announced) == continuations ? length : lead;
+   const bool stray = lead > 0 && lead < length && Ascii_PrefixLength(&bytes[lead - 1], 1) == 1;
+   return stray ? lead - 1 : Utf8_WholeLength(bytes, length);
 }
 
 /* The ways of Unicode_CopyBytes. The destination has room for one byte at least; the string's length in bytes, as the
    destination has it, goes to *written. */
 
-bool CopyAsIs(char *destination, const char *string, size_t size, size_t *written, bool isUtf8)
+bool UnicodeCopyAsIs(char *destination, const char *string, size_t size, size_t *written, bool isUtf8)
 {
    const size_t length = strlen(string);
-   size_t copied = CopyTruncated(destination, string, length, size - 1);
+   size_t copied = UnicodeCopyTruncated(destination, string, length, size - 1);
    if (isUtf8 && copied < length) {
-      copied = WithoutPartialSequence(destination, copied);
+      copied = UnicodeWholeLength(destination, copied);
    }
    destination[copied] = '\0';
    *written = copied;
    return copied == length;
 }
 
-bool CopyUtf16le(char *destination, const char *string, size_t size, size_t *written)
+bool UnicodeCopyUtf16le(char *destination, const char *string, size_t size, size_t *written)
 {
    constexpr char16_t terminator = 0;
    size_t length = 0;
@@ -64,7 +53,8 @@ bool CopyUtf16le(char *destination, const char *string, size_t size, size_t *wri
    if (size < sizeof terminator) {
       return false;
    }
-   size_t copied = CopyTruncated(destination, bytes.get(), length, (size - sizeof terminator) & ~size_t{1});
+   size_t copied =
+       UnicodeCopyTruncated(destination, bytes.get(), length, (size - sizeof terminator) & ~size_t{1});
    if (copied != 0) {
       char16_t last;
       memcpy(&last, destination + copied - sizeof last, sizeof last);
@@ -75,7 +65,8 @@ bool CopyUtf16le(char *destination, const char *string, size_t size, size_t *wri
    return copied == length;
 }
 
-bool CopyConverted(char *destination, const char *string, size_t size, size_t *written, EncodingId encoding)
+bool UnicodeCopyConverted(char *destination, const char *string, size_t size, size_t *written,
+                          EncodingId encoding)
 {
    size_t length = 0;
    const Owned<char> bytes(
@@ -84,26 +75,27 @@ bool CopyConverted(char *destination, const char *string, size_t size, size_t *w
       destination[0] = '\0';
       return false;
    }
-   *written = CopyTruncated(destination, bytes.get(), length, size - 1);
+   *written = UnicodeCopyTruncated(destination, bytes.get(), length, size - 1);
    destination[*written] = '\0';
    return *written == length;
 }
 
-bool CopyBytes(char *destination, const char *string, size_t size, size_t *written, EncodingId encoding)
+bool UnicodeCopyResolved(char *destination, const char *string, size_t size, size_t *written,
+                         EncodingId encoding)
 {
    switch (encoding) {
    case ENCODING_UTF16_LE:
-      return CopyUtf16le(destination, string, size, written);
+      return UnicodeCopyUtf16le(destination, string, size, written);
    case ENCODING_US_ASCII:
       if (!Unicode_IsBufferValid(string, -1, ENCODING_US_ASCII)) {
          destination[0] = '\0';
          return false;
       }
-      return CopyAsIs(destination, string, size, written, false);
+      return UnicodeCopyAsIs(destination, string, size, written, false);
    case ENCODING_UTF8:
-      return CopyAsIs(destination, string, size, written, true);
+      return UnicodeCopyAsIs(destination, string, size, written, true);
    default:
-      return CopyConverted(destination, string, size, written, encoding);
+      return UnicodeCopyConverted(destination, string, size, written, encoding);
    }
 }
 
@@ -113,9 +105,9 @@ bool Unicode_CopyBytes(void *destination, const char *string, size_t destination
                        EncodingId encoding)
 {
    size_t written = 0;
-   const bool complete =
-       destinationBytes != 0 && CopyBytes(static_cast<char *>(destination), string, destinationBytes,
-                                          &written, Unicode_ResolveEncoding(encoding));
+   const bool complete = destinationBytes != 0 &&
+                         UnicodeCopyResolved(static_cast<char *>(destination), string, destinationBytes,
+                                             &written, Unicode_ResolveEncoding(encoding));
    if (bytesWritten != nullptr) {
       *bytesWritten = written;
    }

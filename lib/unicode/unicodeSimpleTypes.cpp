@@ -19,23 +19,23 @@ constexpr const char *MODULE = "lib/unicode/unicodeSimpleTypes";
 constexpr uint32_t CACHE_BUCKETS = 128;
 constexpr size_t WINDOWS_PREFIX_LENGTH = 8;
 
-using RowIndex = size_t;
+using UnicodeRowIndex = size_t;
 
 /* From names as callers spelled them to row indices. */
-std::atomic<HashTable *> nameCache{nullptr};
+std::atomic<HashTable *> sNameCache{nullptr};
 
-std::atomic<EncodingId> currentEncoding{ENCODING_UNKNOWN};
+std::atomic<EncodingId> sCurrentEncoding{ENCODING_UNKNOWN};
 
-HashTable *NameCache()
+HashTable *UnicodeNameCache()
 {
-   return HashTable_AllocOnce(&nameCache, CACHE_BUCKETS,
+   return HashTable_AllocOnce(&sNameCache, CACHE_BUCKETS,
                               HASH_ISTRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
 }
 
-template <typename Matches> std::optional<RowIndex> FindRowByName(Matches matches)
+template <typename Matches> std::optional<UnicodeRowIndex> UnicodeFindRowByName(Matches matches)
 {
-   for (RowIndex i = 0; i < encodingRows.size(); i++) {
-      for (const char *const *name = encodingRows[i].names.data(); *name != nullptr; name++) {
+   for (UnicodeRowIndex i = 0; i < UNICODE_ENCODINGS.size(); i++) {
+      for (const char *const *name = UNICODE_ENCODINGS[i].names.data(); *name != nullptr; name++) {
          if (matches(*name)) {
             return i;
          }
@@ -45,7 +45,7 @@ template <typename Matches> std::optional<RowIndex> FindRowByName(Matches matche
 }
 
 /* The row of a name that is "windows-" or "Windows-" and a code page. */
-std::optional<RowIndex> FindWindowsCodePage(const char *name)
+std::optional<UnicodeRowIndex> UnicodeFindWindowsCodePage(const char *name)
 {
    const std::string_view prefix = std::string_view(name).substr(0, WINDOWS_PREFIX_LENGTH);
    if (prefix != "windows-" && prefix != "Windows-") {
@@ -58,32 +58,32 @@ std::optional<RowIndex> FindWindowsCodePage(const char *name)
       }
       codePage = codePage * 10 + static_cast<uint32_t>(*digit - '0');
    }
-   for (RowIndex i = 0; codePage != NO_CODE_PAGE && i < encodingRows.size(); i++) {
-      if (encodingRows[i].windowsCodePage == codePage) {
+   for (UnicodeRowIndex i = 0; codePage != NO_CODE_PAGE && i < UNICODE_ENCODINGS.size(); i++) {
+      if (UNICODE_ENCODINGS[i].windowsCodePage == codePage) {
          return i;
       }
    }
    return std::nullopt;
 }
 
-int IsKeptInLooseForm(char character)
+int UnicodeIsKeptInLooseForm(char character)
 {
    return isalnum(static_cast<unsigned char>(character));
 }
 
-char ToLower(char character)
+char UnicodeToLower(char character)
 {
    return static_cast<char>(tolower(static_cast<unsigned char>(character)));
 }
 
 /* The letters and digits of a name, in lower case. */
-Owned<char> LooseForm(const char *name)
+Owned<char> UnicodeLooseForm(const char *name)
 {
    Owned<char> loose(static_cast<char *>(Util_SafeMalloc(strlen(name) + 1)));
    char *out = loose.get();
    for (; *name != '\0'; name++) {
-      if (IsKeptInLooseForm(*name) != 0) {
-         *out++ = ToLower(*name);
+      if (UnicodeIsKeptInLooseForm(*name) != 0) {
+         *out++ = UnicodeToLower(*name);
       }
    }
    *out = '\0';
@@ -91,60 +91,62 @@ Owned<char> LooseForm(const char *name)
 }
 
 /* Whether the loose form of name is this one; made on the fly, as a miss looks at more than a thousand names. */
-bool HasLooseForm(const char *name, const char *loose)
+bool UnicodeHasLooseForm(const char *name, const char *loose)
 {
    for (; *name != '\0'; name++) {
-      if (IsKeptInLooseForm(*name) != 0 && ToLower(*name) != *loose++) {
+      if (UnicodeIsKeptInLooseForm(*name) != 0 && UnicodeToLower(*name) != *loose++) {
          return false;
       }
    }
    return *loose == '\0';
 }
 
-std::optional<RowIndex> FindRow(const char *name)
+std::optional<UnicodeRowIndex> UnicodeFindRow(const char *name)
 {
-   if (const auto row = FindWindowsCodePage(name)) {
+   if (const auto row = UnicodeFindWindowsCodePage(name)) {
       return row;
    }
-   if (const auto row = FindRowByName([name](const char *other) { return strcmp(name, other) == 0; })) {
+   if (const auto row =
+           UnicodeFindRowByName([name](const char *other) { return strcmp(name, other) == 0; })) {
       return row;
    }
-   const Owned<char> loose = LooseForm(name);
-   return FindRowByName([&loose](const char *other) { return HasLooseForm(other, loose.get()); });
+   const Owned<char> loose = UnicodeLooseForm(name);
+   return UnicodeFindRowByName(
+       [&loose](const char *other) { return UnicodeHasLooseForm(other, loose.get()); });
 }
 
-EncodingId EncodingOfRow(RowIndex row)
+EncodingId UnicodeEncodingOfRow(UnicodeRowIndex row)
 {
-   return encodingRows[row].usable ? encodingRows[row].encoding : ENCODING_UNKNOWN;
+   return UNICODE_ENCODINGS[row].usable ? UNICODE_ENCODINGS[row].encoding : ENCODING_UNKNOWN;
 }
 
 } // namespace
 
 EncodingId UnicodeIANALookup(const char *name)
 {
-   HashTable *cache = NameCache();
+   HashTable *cache = UnicodeNameCache();
    void *cached = nullptr;
    if (HashTable_Lookup(cache, name, &cached)) {
-      return EncodingOfRow(reinterpret_cast<RowIndex>(cached));
+      return UnicodeEncodingOfRow(reinterpret_cast<UnicodeRowIndex>(cached));
    }
-   const std::optional<RowIndex> row = FindRow(name);
+   const std::optional<UnicodeRowIndex> row = UnicodeFindRow(name);
    if (!row) {
       Log("%s: Did not find an IANA match for encoding \"%s\"\n", "UnicodeIANALookup", name);
       return ENCODING_UNKNOWN;
    }
    HashTable_Insert(cache, name, reinterpret_cast<void *>(*row));
-   return EncodingOfRow(*row);
+   return UnicodeEncodingOfRow(*row);
 }
 
 void UnicodeIANACacheFree()
 {
-   HashTable_Free(nameCache.exchange(nullptr));
+   HashTable_Free(sNameCache.exchange(nullptr));
 }
 
 const char *Unicode_EncodingEnumToName(EncodingId encoding)
 {
    encoding = Unicode_ResolveEncoding(encoding);
-   for (const EncodingRow &row : encodingRows) {
+   for (const EncodingRow &row : UNICODE_ENCODINGS) {
       if (row.encoding == encoding) {
          return row.names[static_cast<size_t>(row.preferredIndex)];
       }
@@ -158,10 +160,10 @@ EncodingId Unicode_ResolveEncoding(EncodingId encoding)
    if (encoding != ENCODING_DEFAULT) {
       return encoding;
    }
-   EncodingId current = currentEncoding.load(std::memory_order_relaxed);
+   EncodingId current = sCurrentEncoding.load(std::memory_order_relaxed);
    if (current == ENCODING_UNKNOWN) {
       current = Unicode_GetCurrentEncodingUncached();
-      currentEncoding.store(current, std::memory_order_relaxed);
+      sCurrentEncoding.store(current, std::memory_order_relaxed);
    }
    return current;
 }

@@ -26,38 +26,28 @@ constexpr const char *LOAD = "DictionaryLoad";
 constexpr const char *SAVE_COPY = "DictionarySaveFileCopy";
 constexpr const char *MAKE_EXECUTABLE = "Dictionary_MakeExecutable";
 
+constexpr size_t BLOCK_SIZE = size_t{64} * 1024;
+
 std::atomic<int> sCopies;
 
-/* A stream to read secrets from. It is read in large blocks and needs no buffer, which would keep a part of them. */
+/* A stream to read secrets from, through a buffer that is zeroed. Null: none, and errno says why. */
 class InputStream {
  public:
-   /* Null: none; errno is kept for the caller to look at. */
    explicit InputStream(FILE *stream) : stream_(stream)
    {
-      if (stream_ != nullptr) {
-         static_cast<void>(setvbuf(stream_, nullptr, _IONBF, 0));
+      if (stream != nullptr && Secret_Reserve(buffer_.get(), BLOCK_SIZE)) {
+         static_cast<void>(setvbuf(stream, buffer_.get()->data, _IOFBF, BLOCK_SIZE));
       }
    }
-
-   ~InputStream()
-   {
-      if (stream_ != nullptr) {
-         const int savedErrno = errno;
-         static_cast<void>(fclose(stream_));
-         errno = savedErrno;
-      }
-   }
-
-   InputStream(const InputStream &) = delete;
-   InputStream &operator=(const InputStream &) = delete;
 
    [[nodiscard]] FILE *get() const
    {
-      return stream_;
+      return stream_.get();
    }
 
  private:
-   FILE *stream_;
+   SecretBuffer buffer_;
+   OwnedStream stream_; /* Closed before its buffer goes. */
 };
 
 FILE *DictionaryOpenStream(const char *path)
@@ -71,21 +61,19 @@ FILE *DictionaryOpenStream(const char *path)
 
 bool DictionaryReportLoadOpen(const char *path, MsgList *messages)
 {
-   const int error = errno;
-   Log("%s: Cannot open file \"%s\": %s.\n", LOAD, path, strerror(error));
+   Log("%s: Cannot open file \"%s\": %s.\n", LOAD, path, strerror(errno));
    MsgList_Append(messages, MSGLIST_ID("dictionary.load.openFailed") "Cannot open file \"%s\": %s.\n", path,
-                  strerror(error));
+                  strerror(errno));
    return false;
 }
 
 bool DictionaryReportLoadStat(const char *path, MsgList *messages)
 {
-   const int error = errno;
-   Log("%s: Unable to get information about file \"%s\": %s.\n", LOAD, path, strerror(error));
+   Log("%s: Unable to get information about file \"%s\": %s.\n", LOAD, path, strerror(errno));
    MsgList_Append(messages,
                   MSGLIST_ID("dictionary.load.statFailed") "Unable to get information about file \"%s\": "
                                                            "%s.\n",
-                  path, strerror(error));
+                  path, strerror(errno));
    return false;
 }
 
@@ -111,7 +99,7 @@ bool DictionaryLoadFile(Dictionary *dictionary, const char *path, EncodingId def
    if (S_ISDIR(attributes.st_mode)) {
       return DictionaryReportLoadDirectory(path, messages);
    }
-   return DictionaryReadLines(dictionary, stream.get(), path, defaultEncoding, messages);
+   return DictionaryReadStream(dictionary, stream.get(), path, defaultEncoding, messages);
 }
 
 bool DictionarySeekStart(const FileIOHandle *handle, MsgList *messages)
@@ -137,7 +125,7 @@ bool DictionaryReadHandle(Dictionary *dictionary, const FileIOHandle *handle, Ms
       return false;
    }
    [[maybe_unused]] const int now = copy.release();
-   return DictionaryReadLines(dictionary, stream.get(), handle->path, ENCODING_DEFAULT, messages);
+   return DictionaryReadStream(dictionary, stream.get(), handle->path, ENCODING_DEFAULT, messages);
 }
 
 bool DictionaryExport(Dictionary *dictionary, MsgList *messages, DynBuf *text)
@@ -166,14 +154,17 @@ bool DictionaryWriteOpenFile(Dictionary *dictionary, FileIOHandle *file)
    return true;
 }
 
-/* One block of the file, with an interruption passed over. */
-template <typename Call> ssize_t DictionaryTransfer(Call call)
+bool DictionaryCopyBlock(int to, const char *block, size_t size)
 {
-   ssize_t count;
-   do {
-      count = call();
-   } while (count == -1 && errno == EINTR);
-   return count;
+   while (size != 0) {
+      const ssize_t written = Uninterrupted([&] { return write(to, block, size); });
+      if (written == -1) {
+         return false;
+      }
+      block += written;
+      size -= static_cast<size_t>(written);
+   }
+   return true;
 }
 
 bool DictionaryCopyContent(int from, int to)
@@ -182,15 +173,8 @@ bool DictionaryCopyContent(int from, int to)
    ssize_t count;
    bool complete = true;
 
-   while (complete &&
-          (count = DictionaryTransfer([&] { return read(from, block.data(), block.size()); })) != 0) {
-      complete = count != -1;
-      for (ssize_t done = 0; complete && done < count;) {
-         const ssize_t written = DictionaryTransfer(
-             [&] { return write(to, block.data() + done, static_cast<size_t>(count - done)); });
-         complete = written != -1;
-         done += written;
-      }
+   while (complete && (count = Uninterrupted([&] { return read(from, block.data(), block.size()); })) != 0) {
+      complete = count != -1 && DictionaryCopyBlock(to, block.data(), static_cast<size_t>(count));
    }
    Secret_Zero(block.data(), block.size());
    return complete;
@@ -231,7 +215,7 @@ bool DictionaryLoad(Dictionary *dictionary, const char *path, bool clear, Encodi
       return true;
    }
    if (strcmp(path, "-") == 0) {
-      return DictionaryReadLines(dictionary, stdin, "<stdin>", defaultEncoding, messages);
+      return DictionaryReadStream(dictionary, stdin, "<stdin>", defaultEncoding, messages);
    }
    return DictionaryLoadFile(dictionary, path, defaultEncoding, messages);
 }
@@ -295,14 +279,12 @@ bool Dictionary_MakeExecutable(const char *path)
    struct stat attributes;
 
    if (stat(path, &attributes) == -1) {
-      const int error = errno;
-      Log("%s: cannot stat configuration file %s: %s\n", MAKE_EXECUTABLE, path, strerror(error));
+      Log("%s: cannot stat configuration file %s: %s\n", MAKE_EXECUTABLE, path, strerror(errno));
       return false;
    }
    const mode_t mode = attributes.st_mode & 07777;
    if (chmod(path, mode | ((mode >> 2) & 0111)) == -1) {
-      const int error = errno;
-      Log("%s: cannot change mode of file %s: %s\n", MAKE_EXECUTABLE, path, strerror(error));
+      Log("%s: cannot change mode of file %s: %s\n", MAKE_EXECUTABLE, path, strerror(errno));
       return false;
    }
    return true;

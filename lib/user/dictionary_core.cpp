@@ -1,7 +1,6 @@
 #include "lib/user/dictionary_core.h"
 
 #include "base/owned.h"
-#include "lib/misc/hashTable.h"
 #include "lib/misc/memory/secret.h"
 #include "lib/misc/memory/util.h"
 #include "lib/string/str.h"
@@ -22,7 +21,6 @@ namespace {
 constexpr const char *MODULE = "lib/user/dictionary_core";
 
 constexpr uint32_t TYPE_MASK = 0xFFF;
-constexpr uint32_t DEFAULT_BUCKETS = 512;
 constexpr size_t NAME_SIZE = 1024;
 
 /* What a getter falls back on and a setter is given: the text, which is borrowed, or the bits. */
@@ -36,106 +34,10 @@ constexpr uint64_t DictionaryWiden(int64_t value)
    return static_cast<uint64_t>(value);
 }
 
-void DictionaryInitRing(DictionaryLink *head)
-{
-   head->previous = head->next = head;
-}
-
-void DictionaryLinkBefore(DictionaryLink *place, DictionaryLink *link)
-{
-   link->next = place;
-   link->previous = place->previous;
-   place->previous->next = link;
-   place->previous = link;
-}
-
-void DictionaryUnlink(DictionaryLink *link)
-{
-   if (link->previous->next != link || link->next->previous != link) {
-      Panic("NOT_REACHED %s:%d\n", MODULE, __LINE__);
-   }
-   link->previous->next = link->next;
-   link->next->previous = link->previous;
-}
-
-/* Zeroes a text, before the arena's end if it lies there, and frees it if it is a block of its own. */
-void DictionaryReleaseText(char *text, bool isOwn)
-{
-   if (isOwn) {
-      Secret_FreeString(text);
-   } else if (text != nullptr) {
-      Secret_Zero(text, strlen(text));
-   }
-}
-
-/* Release what has a block of its own; the arena does the rest at its end. */
-void DictionaryReleaseLine(DictionaryLine *line)
-{
-   const Owned<DictionaryLine> owned(line->inArena ? nullptr : line);
-   if (line->ownsText) {
-      Secret_FreeString(line->text);
-   }
-}
-
-void DictionaryReleaseEntry(DictionaryEntry *entry)
-{
-   if (entry->ownsText) {
-      Secret_FreeString(entry->value.text);
-   }
-   if (entry->lineText != nullptr) {
-      Secret_FreeString(entry->lineText);
-   }
-   if (!entry->inArena) {
-      const Owned<DictionaryEntry> owned(entry);
-      Secret_FreeString(entry->name);
-      Secret_Zero(&entry->value, sizeof entry->value);
-   }
-}
-
-void DictionaryRemoveLine(DictionaryLine *line)
-{
-   DictionaryUnlink(line);
-   DictionaryReplaceText(line, nullptr);
-   DictionaryReleaseLine(line);
-}
-
-/* Out of the ring and into nothing; the table is the caller's to mind. */
-void DictionaryRemoveEntry(Dictionary *dictionary, DictionaryEntry *entry)
-{
-   DictionaryUnlink(entry);
-   dictionary->entryCount--;
-   if (entry->line != nullptr) {
-      DictionaryRemoveLine(entry->line);
-   }
-   DictionaryReplaceText(entry, nullptr);
-   DictionaryReleaseEntry(entry);
-}
-
 void DictionaryUnsetEntry(Dictionary *dictionary, DictionaryEntry *entry)
 {
    dictionary->changed = dictionary->changed || !entry->notPersistent;
-   DictionaryDropEntry(dictionary, entry);
-}
-
-void DictionaryLinkEntry(Dictionary *dictionary, DictionaryEntry *entry)
-{
-   DictionaryLinkBefore(&dictionary->entries, entry);
-   dictionary->entryCount++;
-}
-
-/* An entry that no file has; the value is taken over, and the name must be new. */
-DictionaryEntry *DictionaryNewEntry(Dictionary *dictionary, const char *name, uint32_t type,
-                                    DictionaryValue value, bool isProtected)
-{
-   auto *entry = static_cast<DictionaryEntry *>(Util_SafeCalloc(1, sizeof(DictionaryEntry)));
-   entry->name = Util_SafeStrdup(name);
-   entry->type = type;
-   entry->value = value;
-   entry->ownsText = true;
-   entry->isProtected = isProtected;
-   DictionaryLinkEntry(dictionary, entry);
-   HashTable_Insert(dictionary->table, entry->name, entry);
-   return entry;
+   DictionaryRemoveEntry(dictionary, entry);
 }
 
 bool DictionaryWantsProtected(const Dictionary *dictionary, uint32_t request)
@@ -148,26 +50,32 @@ bool DictionaryWantsProtected(const Dictionary *dictionary, uint32_t request)
 
 /* Gives an untyped entry a type, once and for all. False: its text was none of that type, and it now has the bits of
    the fallback. */
-bool DictionaryConvertEntry(const Dictionary *dictionary, DictionaryEntry *entry, uint32_t type,
-                            uint64_t fallback)
+bool DictionaryConvertEntry(Dictionary *dictionary, DictionaryEntry *entry, uint32_t type, uint64_t fallback)
 {
    if (DictionaryIsText(type)) {
       entry->type = type;
       return true;
    }
-   const bool valid = DictionaryConvertText(entry->value.text, type, fallback, entry->name,
-                                            dictionary->messages, &entry->value.bits);
-   DictionaryReplaceText(entry, nullptr);
+   const bool valid =
+       DictionaryConvertText(entry->text, type, fallback, entry->Name(), dictionary->messages, &entry->bits);
+   DictionaryDropText(dictionary, entry);
    entry->type = type;
    return valid;
 }
 
-DictionaryValue DictionaryCopyValue(uint32_t type, GivenValue value)
+/* A new entry that no file has. */
+DictionaryEntry *DictionaryMakeEntry(Dictionary *dictionary, GivenValue value, uint32_t type,
+                                     bool isProtected, const char *name)
 {
-   if (!DictionaryIsText(type)) {
-      return {.text = nullptr, .bits = value.bits};
+   DictionaryEntry *const entry = DictionaryAddEntry(dictionary, name);
+   entry->type = type;
+   entry->isProtected = isProtected;
+   if (DictionaryIsText(type)) {
+      DictionarySetText(dictionary, entry, value.text != nullptr ? value.text : "");
+   } else {
+      entry->bits = value.bits;
    }
-   return {.text = Util_SafeStrdup(value.text != nullptr ? value.text : ""), .bits = 0};
+   return entry;
 }
 
 /* Whether a fallback counts as no value, so that nothing is stored for it. */
@@ -199,14 +107,12 @@ GivenValue DictionaryGet(Dictionary *dictionary, GivenValue fallback, uint32_t r
 {
    const uint32_t type = request & TYPE_MASK;
    const bool wantsProtected = DictionaryWantsProtected(dictionary, request);
-   DictionaryEntry *entry = DictionaryFind(dictionary, name);
+   DictionaryEntry *const entry = DictionaryFind(dictionary, name);
 
    DictionaryCheckType(type);
    if (entry == nullptr) {
       if (!DictionaryIsEmptyFallback(type, fallback)) {
-         entry =
-             DictionaryNewEntry(dictionary, name, type, DictionaryCopyValue(type, fallback), wantsProtected);
-         entry->notPersistent = true;
+         DictionaryMakeEntry(dictionary, fallback, type, wantsProtected, name)->notPersistent = true;
       }
       return fallback;
    }
@@ -220,7 +126,7 @@ GivenValue DictionaryGet(Dictionary *dictionary, GivenValue fallback, uint32_t r
    if (DictionaryIsText(type) != DictionaryIsText(entry->type)) {
       return fallback;
    }
-   return {.text = entry->value.text, .bits = entry->value.bits};
+   return {.text = entry->text, .bits = entry->bits};
 }
 
 using NameBuffer = std::array<char, NAME_SIZE>;
@@ -244,11 +150,11 @@ uint64_t DictionaryGetBits(Dictionary *dictionary, uint64_t fallback, uint32_t t
    return DictionaryGet(dictionary, {.text = nullptr, .bits = fallback}, type, name.data()).bits;
 }
 
-char *DictionaryGetText(Dictionary *dictionary, const char *fallback, uint32_t request, const char *format,
-                        va_list args) FORMAT_ARGUMENTS(4, 0);
+char *DictionaryCopyString(Dictionary *dictionary, const char *fallback, uint32_t request, const char *format,
+                           va_list args) FORMAT_ARGUMENTS(4, 0);
 
-char *DictionaryGetText(Dictionary *dictionary, const char *fallback, uint32_t request, const char *format,
-                        va_list args)
+char *DictionaryCopyString(Dictionary *dictionary, const char *fallback, uint32_t request, const char *format,
+                           va_list args)
 {
    NameBuffer name;
 
@@ -258,26 +164,25 @@ char *DictionaryGetText(Dictionary *dictionary, const char *fallback, uint32_t r
 }
 
 /* Whether the entry now has another text. */
-bool DictionaryChangeText(DictionaryEntry *entry, const char *text)
+bool DictionaryChangeText(Dictionary *dictionary, DictionaryEntry *entry, const char *text)
 {
    const char *wanted = text != nullptr ? text : "";
-   if (strcmp(entry->value.text, wanted) == 0) {
+   if (strcmp(entry->text, wanted) == 0) {
       return false;
    }
-   DictionaryReplaceText(entry, Util_SafeStrdup(wanted));
+   DictionarySetText(dictionary, entry, wanted);
    return true;
 }
 
 bool DictionaryReplaceBits(DictionaryEntry *entry, uint64_t bits)
 {
-   const bool differs = entry->value.bits != bits;
-   entry->value.bits = bits;
+   const bool differs = entry->bits != bits;
+   entry->bits = bits;
    return differs;
 }
 
 /* Puts a value into an entry that exists; whether that made a difference. */
-bool DictionaryReplaceValue(const Dictionary *dictionary, DictionaryEntry *entry, uint32_t type,
-                            GivenValue value)
+bool DictionaryReplaceValue(Dictionary *dictionary, DictionaryEntry *entry, uint32_t type, GivenValue value)
 {
    bool differs = false;
    uint64_t bits;
@@ -288,14 +193,14 @@ bool DictionaryReplaceValue(const Dictionary *dictionary, DictionaryEntry *entry
    }
    if (DictionaryIsText(type)) {
       if (DictionaryIsText(entry->type)) {
-         return DictionaryChangeText(entry, value.text);
+         return DictionaryChangeText(dictionary, entry, value.text);
       }
-      DictionaryConvertText(value.text != nullptr ? value.text : "", entry->type, entry->value.bits,
-                            entry->name, dictionary->messages, &bits);
+      DictionaryConvertText(value.text != nullptr ? value.text : "", entry->type, entry->bits, entry->Name(),
+                            dictionary->messages, &bits);
       return DictionaryReplaceBits(entry, bits);
    }
    if (entry->type != type) {
-      DictionaryReplaceText(entry, nullptr);
+      DictionaryDropText(dictionary, entry);
       entry->type = type;
       differs = true;
    }
@@ -310,12 +215,11 @@ void DictionarySet(Dictionary *dictionary, GivenValue value, uint32_t request, c
    DictionaryEntry *entry = DictionaryFind(dictionary, name);
 
    if (entry == nullptr) {
-      entry = DictionaryNewEntry(dictionary, name, type, DictionaryCopyValue(type, value), wantsProtected);
+      entry = DictionaryMakeEntry(dictionary, value, type, wantsProtected, name);
       entry->modified = true;
    } else {
       const bool differs = DictionaryReplaceValue(dictionary, entry, type, value);
-      const bool appears = entry->notPersistent && !notPersistent;
-      entry->modified = entry->modified || differs || appears || entry->isProtected != wantsProtected;
+      entry->modified = entry->modified || differs || entry->isProtected != wantsProtected;
       entry->isProtected = wantsProtected;
    }
    entry->notPersistent = notPersistent;
@@ -330,161 +234,56 @@ void DictionarySetBits(Dictionary *dictionary, uint64_t bits, uint32_t flags, ui
 /* Names whose values are never logged. */
 bool DictionaryIsSensitive(const char *name)
 {
-   static constexpr std::string_view guestInfo = "guestinfo.";
    const std::string_view view(name);
 
    return view == "dataFileKey" || view == "ancestorDataFileKeys" || view == "annotation" ||
-          strncasecmp(name, guestInfo.data(), guestInfo.size()) == 0 ||
+          strncasecmp(name, "guestinfo.", strlen("guestinfo.")) == 0 ||
+          strncasecmp(name, "encryption.", strlen("encryption.")) == 0 ||
           (view.size() > 4 && view.ends_with(".key"));
 }
 
 void DictionaryDumpEntry(const Dictionary *dictionary, const DictionaryEntry *entry)
 {
-   if (DictionaryIsSensitive(entry->name) || (dictionary->protectionKey != nullptr && entry->isProtected)) {
-      Log("DICT %25s = <not printed>\n", entry->name);
+   if (DictionaryIsSensitive(entry->Name()) || (dictionary->protectionKey != nullptr && entry->isProtected)) {
+      Log("DICT %25s = <not printed>\n", entry->Name());
       return;
    }
    if (DictionaryIsText(entry->type)) {
-      Log("DICT %25s = \"%s\"\n", entry->name, entry->value.text);
+      Log("DICT %25s = \"%s\"\n", entry->Name(), entry->text);
       return;
    }
    switch (entry->type) {
    case DICTIONARY_BOOL:
    case DICTIONARY_TRISTATE: {
-      const Owned<char> word(DictionaryFormatBits(entry->type, entry->value.bits));
-      Log("DICT %25s = \"%s\"\n", entry->name, word.get());
+      const Owned<char> word(DictionaryFormatBits(entry->type, entry->bits));
+      Log("DICT %25s = \"%s\"\n", entry->Name(), word.get());
       break;
    }
    case DICTIONARY_INT32:
-      Log("DICT %25s = \"%i\"\n", entry->name, static_cast<int32_t>(entry->value.bits));
+      Log("DICT %25s = \"%i\"\n", entry->Name(), static_cast<int32_t>(entry->bits));
       break;
    case DICTIONARY_DOUBLE:
-      Log("DICT %25s = \"%g\"\n", entry->name, std::bit_cast<double>(entry->value.bits));
+      Log("DICT %25s = \"%g\"\n", entry->Name(), std::bit_cast<double>(entry->bits));
       break;
    case DICTIONARY_INT64:
-      Log("DICT %25s = \"%lld\"\n", entry->name, static_cast<long long>(entry->value.bits));
+      Log("DICT %25s = \"%lld\"\n", entry->Name(), static_cast<long long>(entry->bits));
       break;
    default:
-      Log("DICT %25s = <unknown parameter type>\n", entry->name);
+      Log("DICT %25s = <unknown parameter type>\n", entry->Name());
       break;
    }
 }
 
 } // namespace
 
-DictionaryEntry *DictionaryFind(const Dictionary *dictionary, const char *name)
-{
-   void *entry = nullptr;
-   HashTable_Lookup(dictionary->table, name, &entry);
-   return static_cast<DictionaryEntry *>(entry);
-}
-
-DictionaryEntry *DictionaryAddEntry(Dictionary *dictionary, std::string_view name)
-{
-   auto *entry =
-       static_cast<DictionaryEntry *>(SecretArena_Take(&dictionary->arena, sizeof(DictionaryEntry)));
-   entry->inArena = true;
-   entry->name = SecretArena_CopyString(&dictionary->arena, name.data(), name.size());
-   if (!HashTable_Insert(dictionary->table, entry->name, entry)) {
-      return nullptr;
-   }
-   entry->isProtected = dictionary->defaultProtected;
-   DictionaryLinkEntry(dictionary, entry);
-   return entry;
-}
-
-void DictionaryDropEntry(Dictionary *dictionary, DictionaryEntry *entry)
-{
-   HashTable_Delete(dictionary->table, entry->name);
-   DictionaryRemoveEntry(dictionary, entry);
-}
-
-DictionaryLine *DictionaryAddReadLine(Dictionary *dictionary, char *text)
-{
-   auto *line = static_cast<DictionaryLine *>(SecretArena_Take(&dictionary->arena, sizeof(DictionaryLine)));
-   line->inArena = true;
-   line->text = text;
-   line->number = dictionary->lineNumber;
-   DictionaryLinkBefore(&dictionary->lines, line);
-   return line;
-}
-
-void DictionaryInsertLine(DictionaryLink *before, char *text)
-{
-   auto *line = static_cast<DictionaryLine *>(Util_SafeCalloc(1, sizeof(DictionaryLine)));
-   line->text = text;
-   line->ownsText = true;
-   DictionaryLinkBefore(before, line);
-}
-
-void DictionaryReplaceText(DictionaryEntry *entry, char *text)
-{
-   DictionaryReleaseText(entry->value.text, entry->ownsText);
-   entry->value.text = text;
-   entry->ownsText = true;
-}
-
-void DictionaryReplaceText(DictionaryLine *line, char *text)
-{
-   DictionaryReleaseText(line->text, line->ownsText);
-   line->text = text;
-   line->ownsText = true;
-}
-
 char *DictionaryFormatValue(const DictionaryEntry *entry)
 {
-   char *const text = DictionaryIsText(entry->type) ? Util_SafeStrdup(entry->value.text)
-                                                    : DictionaryFormatBits(entry->type, entry->value.bits);
+   char *const text = DictionaryIsText(entry->type) ? Util_SafeStrdup(entry->text)
+                                                    : DictionaryFormatBits(entry->type, entry->bits);
    if (text == nullptr) {
       Panic("Dictionary internal error - unknown parameter type\n");
    }
    return text;
-}
-
-Dictionary *Dictionary_Create()
-{
-   return Dictionary_CreateWithSize(0, false);
-}
-
-Dictionary *Dictionary_CreateWithSize(uint32_t bucketCount, bool caseSensitive)
-{
-   auto *dictionary = static_cast<Dictionary *>(Util_SafeCalloc(1, sizeof(Dictionary)));
-   DictionaryInitRing(&dictionary->entries);
-   DictionaryInitRing(&dictionary->lines);
-   /* The keys are the entries' own names. */
-   dictionary->table = HashTable_Alloc(bucketCount != 0 ? bucketCount : DEFAULT_BUCKETS,
-                                       caseSensitive ? HASH_STRING_KEY : HASH_ISTRING_KEY, nullptr);
-   dictionary->encoding = ENCODING_UNKNOWN;
-   return dictionary;
-}
-
-void Dictionary_Free(Dictionary *dictionary)
-{
-   if (dictionary == nullptr) {
-      return;
-   }
-   const Owned<Dictionary> owned(dictionary);
-   Dictionary_Clear(dictionary);
-   HashTable_Free(dictionary->table);
-   Secret_Zero(dictionary, sizeof *dictionary);
-}
-
-void Dictionary_Clear(Dictionary *dictionary)
-{
-   for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
-      DictionaryReleaseEntry(entry);
-   }
-   for (DictionaryLine *line : DictionaryRing<DictionaryLine>(dictionary->lines)) {
-      DictionaryReleaseLine(line);
-   }
-   DictionaryInitRing(&dictionary->entries);
-   DictionaryInitRing(&dictionary->lines);
-   dictionary->entryCount = 0;
-   dictionary->fileSize = 0;
-   SecretArena_Clear(&dictionary->arena);
-   HashTable_Clear(dictionary->table);
-   dictionary->encoding = ENCODING_UNKNOWN;
-   dictionary->changed = false;
 }
 
 void Dictionary_SetMessageList(Dictionary *dictionary, MsgList *messages)
@@ -571,7 +370,7 @@ char *Dictionary_GetString(Dictionary *dictionary, const char *fallback, const c
    va_list args;
 
    va_start(args, format);
-   char *const text = DictionaryGetText(dictionary, fallback, DICTIONARY_STRING, format, args);
+   char *const text = DictionaryCopyString(dictionary, fallback, DICTIONARY_STRING, format, args);
    va_end(args);
    return text;
 }
@@ -582,7 +381,7 @@ char *Dictionary_GetStringPlain(Dictionary *dictionary, const char *fallback, co
 
    va_start(args, format);
    char *const text =
-       DictionaryGetText(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PLAIN, format, args);
+       DictionaryCopyString(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PLAIN, format, args);
    va_end(args);
    return text;
 }
@@ -593,7 +392,7 @@ char *Dictionary_GetStringProtected(Dictionary *dictionary, const char *fallback
 
    va_start(args, format);
    char *const text =
-       DictionaryGetText(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PROTECTED, format, args);
+       DictionaryCopyString(dictionary, fallback, DICTIONARY_STRING | DICTIONARY_PROTECTED, format, args);
    va_end(args);
    return text;
 }
@@ -670,7 +469,7 @@ void Dictionary_UnsetPrefix(Dictionary *dictionary, const char *prefix)
 {
    const size_t length = strlen(prefix);
    for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
-      if (strncasecmp(entry->name, prefix, length) == 0) {
+      if (strncasecmp(entry->Name(), prefix, length) == 0) {
          DictionaryUnsetEntry(dictionary, entry);
       }
    }
@@ -702,7 +501,7 @@ void Dictionary_ForEach(const Dictionary *dictionary, bool (*visit)(const char *
                         void *context)
 {
    for (const DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
-      if (!entry->notPersistent && !visit(entry->name, context)) {
+      if (!entry->notPersistent && !visit(entry->Name(), context)) {
          return;
       }
    }

@@ -48,9 +48,8 @@ struct DictionaryHooks {
    void *context;
 };
 
-/* A new, empty and unchanged dictionary of unknown encoding. The table of names has a fixed number of buckets, a power
-   of two, 0 for the usual 512: lookups take longer in proportion once there are many more names than
-   buckets, so that whoever expects 100,000 names does well to ask for as many buckets. */
+/* A new, empty and unchanged dictionary of unknown encoding. The table of names begins with so many buckets, a power of
+   two, 0 for the usual 512, and grows with what it holds. */
 [[nodiscard]] Dictionary *Dictionary_Create();
 [[nodiscard]] Dictionary *Dictionary_CreateWithSize(uint32_t bucketCount, bool caseSensitive);
 
@@ -103,8 +102,7 @@ void Dictionary_SetDefaultProtection(Dictionary *dictionary, bool defaultProtect
 /* Give a setting a value, a new setting if need be. A value from a file is first converted to the type; text for a
    setting that has another type is read as that type, or else the setting stays as it is, with a message.
    Only a real difference marks the setting as modified and the dictionary as changed: in the value, from
-   text that could not be converted, in the protection, or from not persistent to persistent. Null is the
-   empty string. */
+   text that could not be converted, or in the protection. Null is the empty string. */
 void Dictionary_SetBool(Dictionary *dictionary, bool value, uint32_t flags, const char *name);
 void Dictionary_SetTriState(Dictionary *dictionary, int32_t value, uint32_t flags, const char *name);
 void Dictionary_SetInt32(Dictionary *dictionary, int32_t value, uint32_t flags, const char *name);

@@ -5,6 +5,7 @@
 #include "lib/string/str.h"
 #include "platform/processIdentity.h"
 
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -23,6 +24,14 @@ thread_local FileLockIdentity sFound;
 void FileLockForgetIdentity()
 {
    sKnown = false;
+}
+
+bool FileLockForgetsInChildren()
+{
+   static std::atomic<bool> does;
+
+   does = does || pthread_atfork(nullptr, nullptr, FileLockForgetIdentity) == 0;
+   return does;
 }
 
 /* The fields of a record are separated by blanks, and file names hold the identifier. Bytes above ASCII could be no
@@ -72,11 +81,10 @@ bool FileLockParseExecution(std::string_view text, pid_t *pid, uint64_t *start)
 
 bool FileLockIdentity_Get(FileLockIdentity *identity)
 {
-   static const bool forgets = pthread_atfork(nullptr, nullptr, FileLockForgetIdentity) == 0;
-   const pid_t pid = getpid();
    uint64_t start;
 
    if (!sKnown) {
+      const pid_t pid = getpid();
       if (!FileLockIdentityMachine(sFound.machine)) {
          return false;
       }
@@ -86,7 +94,7 @@ bool FileLockIdentity_Get(FileLockIdentity *identity)
       } else {
          Str_Sprintf(sFound.execution, sizeof sFound.execution, "%d", pid);
       }
-      sKnown = forgets;
+      sKnown = FileLockForgetsInChildren();
    }
    *identity = sFound;
    return true;

@@ -33,9 +33,9 @@ constexpr uint32_t NAME_BUCKETS = 256;
 /* Stands for every name that is not UTF-8: three U+FFFD. */
 constexpr char UNDECODABLE_NAME[] = "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD";
 
-int FileFreeKey(const char *key, void * /*value*/, void * /*clientData*/)
+int FileFreeKey(const void *key, void * /*value*/, void * /*clientData*/)
 {
-   free(const_cast<char *>(key));
+   free(const_cast<void *>(key));
    return 0;
 }
 

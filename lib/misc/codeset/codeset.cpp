@@ -17,11 +17,11 @@ constexpr const char *UTF8 = "UTF-8";
 constexpr const char *UTF16LE = "UTF-16LE";
 constexpr const char *UTF16BE = "UTF-16BE";
 
-using BuiltinConversion = bool (*)(const void *input, size_t length, DynBuf *output);
+using CodeSetBuiltinConversion = bool (*)(const void *input, size_t length, DynBuf *output);
 
 /* One of the fixed pairs: by name on ICU, by its own routine without. */
-bool ConvertPair(const char *sourceName, const char *input, size_t length, const char *targetName,
-                 BuiltinConversion builtin, DynBuf *output)
+bool CodeSetConvertPair(const char *sourceName, const char *input, size_t length, const char *targetName,
+                        CodeSetBuiltinConversion builtin, DynBuf *output)
 {
    if (input == nullptr || length == 0) {
       return true;
@@ -31,16 +31,15 @@ bool ConvertPair(const char *sourceName, const char *input, size_t length, const
                             : builtin(input, length, output);
 }
 
-bool AllocPair(const char *sourceName, const char *input, size_t length, const char *targetName,
-               BuiltinConversion builtin, char **output, size_t *outLength)
+bool CodeSetAllocPair(const char *sourceName, const char *input, size_t length, const char *targetName,
+                      CodeSetBuiltinConversion builtin, char **output, size_t *outLength)
 {
-   DynBuf buffer;
-   DynBuf_Init(&buffer);
-   const bool converted = ConvertPair(sourceName, input, length, targetName, builtin, &buffer);
+   OwnedDynBuf buffer;
+   const bool converted = CodeSetConvertPair(sourceName, input, length, targetName, builtin, &buffer);
    return CodeSetResult_Finish(converted, &buffer, output, outLength);
 }
 
-bool CopyTerminated(const char *input, size_t length, char **output, size_t *outLength)
+bool CodeSetCopyTerminated(const char *input, size_t length, char **output, size_t *outLength)
 {
    if (input == nullptr) {
       length = 0;
@@ -85,53 +84,52 @@ bool CodeSet_ConvertToBuffer(const char *sourceName, const void *input, size_t l
 bool CodeSet_Convert(const char *sourceName, const void *input, size_t length, const char *targetName,
                      uint32_t mode, char **output, size_t *outLength)
 {
-   DynBuf buffer;
-   DynBuf_Init(&buffer);
+   OwnedDynBuf buffer;
    const bool converted = CodeSet_ConvertToBuffer(sourceName, input, length, targetName, mode, &buffer);
    return CodeSetResult_Finish(converted, &buffer, output, outLength);
 }
 
 bool CodeSet_Utf16leToUtf8Buffer(const char *input, size_t length, DynBuf *output)
 {
-   return ConvertPair(UTF16LE, input, length, UTF8, CodeSetBuiltin_Utf16leToUtf8, output);
+   return CodeSetConvertPair(UTF16LE, input, length, UTF8, CodeSetBuiltin_Utf16leToUtf8, output);
 }
 
 bool CodeSet_Utf16leToUtf8(const char *input, size_t length, char **output, size_t *outLength)
 {
-   return AllocPair(UTF16LE, input, length, UTF8, CodeSetBuiltin_Utf16leToUtf8, output, outLength);
+   return CodeSetAllocPair(UTF16LE, input, length, UTF8, CodeSetBuiltin_Utf16leToUtf8, output, outLength);
 }
 
 bool CodeSet_Utf8ToUtf16le(const char *input, size_t length, char **output, size_t *outLength)
 {
-   return AllocPair(UTF8, input, length, UTF16LE, CodeSetBuiltin_Utf8ToUtf16le, output, outLength);
+   return CodeSetAllocPair(UTF8, input, length, UTF16LE, CodeSetBuiltin_Utf8ToUtf16le, output, outLength);
 }
 
 bool CodeSet_CurrentToUtf16le(const char *input, size_t length, char **output, size_t *outLength)
 {
-   return AllocPair(CodeSet_GetCurrentCodeSet(), input, length, UTF16LE, CodeSetBuiltin_Utf8ToUtf16le, output,
-                    outLength);
+   return CodeSetAllocPair(CodeSet_GetCurrentCodeSet(), input, length, UTF16LE, CodeSetBuiltin_Utf8ToUtf16le,
+                           output, outLength);
 }
 
 bool CodeSet_Utf16leToCurrent(const char *input, size_t length, char **output, size_t *outLength)
 {
-   return AllocPair(UTF16LE, input, length, CodeSet_GetCurrentCodeSet(), CodeSetBuiltin_Utf16leToUtf8, output,
-                    outLength);
+   return CodeSetAllocPair(UTF16LE, input, length, CodeSet_GetCurrentCodeSet(), CodeSetBuiltin_Utf16leToUtf8,
+                           output, outLength);
 }
 
 bool CodeSet_Utf16beToCurrent(const char *input, size_t length, char **output, size_t *outLength)
 {
-   return AllocPair(UTF16BE, input, length, CodeSet_GetCurrentCodeSet(), CodeSetBuiltin_Utf16beToUtf8, output,
-                    outLength);
+   return CodeSetAllocPair(UTF16BE, input, length, CodeSet_GetCurrentCodeSet(), CodeSetBuiltin_Utf16beToUtf8,
+                           output, outLength);
 }
 
 bool CodeSet_CurrentToUtf8(const char *input, size_t length, char **output, size_t *outLength)
 {
-   return CopyTerminated(input, length, output, outLength);
+   return CodeSetCopyTerminated(input, length, output, outLength);
 }
 
 bool CodeSet_Utf8ToCurrent(const char *input, size_t length, char **output, size_t *outLength)
 {
-   return CopyTerminated(input, length, output, outLength);
+   return CodeSetCopyTerminated(input, length, output, outLength);
 }
 
 bool CodeSet_Validate(const char *buffer, size_t length, const char *encodingName)
@@ -145,11 +143,8 @@ bool CodeSet_Validate(const char *buffer, size_t length, const char *encodingNam
    if (const CodeSetEngine *engine = CodeSetEngine_Get(); engine != nullptr) {
       return engine->validate(buffer, length, encodingName);
    }
-   DynBuf scratch;
-   DynBuf_Init(&scratch);
-   const bool valid = CodeSet_ConvertToBuffer(encodingName, buffer, length, UTF8, CODESET_REFUSE, &scratch);
-   DynBuf_Destroy(&scratch);
-   return valid;
+   OwnedDynBuf scratch;
+   return CodeSet_ConvertToBuffer(encodingName, buffer, length, UTF8, CODESET_REFUSE, &scratch);
 }
 
 bool CodeSet_IsEncodingSupported(const char *name)

@@ -1,29 +1,29 @@
 #ifndef TESSEL_LIB_MISC_MEMORY_SECRET_ARENA_H
 #define TESSEL_LIB_MISC_MEMORY_SECRET_ARENA_H
 
+#include <array>
 #include <cstddef>
 
-/* Memory for many small pieces that go all at once, and are zeroed then: far cheaper than a block of the allocator for
-   each. A zeroed arena is an empty one. Exhausted memory ends the process. */
+/* Memory for many small pieces, most of which go all at once, and zeroed then: far cheaper than a block of the
+   allocator for each. A piece that is given back before is zeroed at once and serves the next of about its
+   size, so that an arena never takes more memory than the pieces that were out at one time needed, by a
+   constant factor. A zeroed arena is an empty one. Exhausted memory ends the process. */
 struct SecretArenaBlock;
 
 struct SecretArena {
    SecretArenaBlock *blocks;
-   /* Between these two the latest block is free: pieces are taken from below, strings from above. */
-   char *next;
+   char *next; /* Between these two the latest block is free. */
    char *end;
+   std::array<void *, 128> given; /* By size, each the first in a chain. */
 };
 
-/* size bytes of zeros, aligned for any pointer or number; valid until the arena is cleared. */
+/* size bytes of any content, aligned for any pointer or number; valid until given back or the arena is cleared. */
 [[nodiscard]] void *SecretArena_Take(SecretArena *arena, size_t size);
 
-/* A copy of length bytes with a NUL behind it. */
-[[nodiscard]] char *SecretArena_CopyString(SecretArena *arena, const char *string, size_t length);
+/* Gives back a piece that was taken with the same size. */
+void SecretArena_Give(SecretArena *arena, void *piece, size_t size);
 
-/* Takes over a malloc'ed block of size bytes, which goes with all else. */
-void SecretArena_Adopt(SecretArena *arena, void *memory, size_t size);
-
-/* Zeroes and frees all that was taken and adopted. */
+/* Zeroes and frees all that was taken. */
 void SecretArena_Clear(SecretArena *arena);
 
 #endif

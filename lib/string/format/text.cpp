@@ -16,21 +16,6 @@ constexpr uint32_t REPLACEMENT_CHARACTER = 0xFFFD;
 
 } // namespace
 
-size_t FormatText_WholeUtf8Length(const char *text, size_t length)
-{
-   size_t lead = length;
-
-   do {
-      if (lead == 0) {
-         return 0;
-      }
-      lead--;
-   } while (Utf8_IsContinuation(static_cast<unsigned char>(text[lead])));
-
-   const int announced = std::countl_one(static_cast<unsigned char>(text[lead]));
-   return announced == 0 || static_cast<size_t>(announced) == length - lead ? length : lead;
-}
-
 bool FormatText_PutString(FormatSink *sink, const FormatDirective &directive, const char *string)
 {
    size_t length = 0;
@@ -39,7 +24,7 @@ bool FormatText_PutString(FormatSink *sink, const FormatDirective &directive, co
       string = "(null)";
    }
    if (directive.precision >= 0) {
-      length = FormatText_WholeUtf8Length(string, strnlen(string, static_cast<size_t>(directive.precision)));
+      length = Utf8_WholeLength(string, strnlen(string, static_cast<size_t>(directive.precision)));
    } else {
       length = strlen(string);
    }

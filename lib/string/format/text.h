@@ -9,10 +9,10 @@
 #include <cstdint>
 #include <cwchar>
 
-/* Private to the string layer: the text conversions, and the rule that no cut goes through a character. */
+/* Private to the formatting engine: the text conversions. */
 
-/* A null string is "(null)". With a precision, no byte at or beyond it is
-   read. */
+/* A null string is "(null)". With a precision, no byte at or beyond it is read, and no cut
+   goes through a character. */
 [[nodiscard]] bool FormatText_PutString(FormatSink *sink, const FormatDirective &directive,
                                         const char *string);
 
@@ -30,9 +30,5 @@
    negative, ended by four zero bytes. The caller frees it; null if memory runs out. Surrogates are put like
    other values, in three bytes; values that no UTF-8 text can hold become U+FFFD. */
 [[nodiscard]] Owned<char> Fmt_WideToUtf8(const wchar_t *string, int64_t precision);
-
-/* The length of the text without a multi-byte character at its end that is not complete. Looks only at the last
-   such character. */
-size_t FormatText_WholeUtf8Length(const char *text, size_t length);
 
 #endif

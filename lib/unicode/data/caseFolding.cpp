@@ -52,4 +52,4 @@ constexpr std::array<const char16_t *, 256> MakeDirectory()
 
 } // namespace
 
-constexpr std::array<const char16_t *, 256> caseFoldingPages = MakeDirectory();
+constexpr std::array<const char16_t *, 256> UNICODE_CASE_FOLDING_PAGES = MakeDirectory();

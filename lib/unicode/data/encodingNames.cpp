@@ -1,5 +1,5 @@
 #include "lib/unicode/data/encodingNames.h"
 
-const std::array<EncodingRow, ENCODING_ROWS> encodingRows = {{
+const std::array<EncodingRow, ENCODING_ROWS> UNICODE_ENCODINGS = {{
 #include "lib/unicode/data/encodingNames.inc"
 }};

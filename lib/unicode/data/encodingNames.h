@@ -22,6 +22,6 @@ struct EncodingRow {
 };
 
 /* In the order in which lookups search: where a name stands in two rows, the first has it. */
-extern const std::array<EncodingRow, ENCODING_ROWS> encodingRows;
+extern const std::array<EncodingRow, ENCODING_ROWS> UNICODE_ENCODINGS;
 
 #endif

@@ -5,39 +5,20 @@
 #include "lib/unicode/unicodeSimpleBase.h"
 #include "lib/user/dictionary.h"
 #include "lib/user/dictionary/state.h"
-#include "lib/user/msgList.h"
 
 #include <cstring>
 
 namespace {
 
 /* Invalid bytes have no place in a message. */
-void DictionaryReportBadInput(const Dictionary *dictionary, const DictionaryEntry *entry,
-                              EncodingId encodingId, MsgList *messages)
+void DictionaryReportBadInput(const Dictionary *dictionary, const DictionaryEntry *entry, EncodingId encoding,
+                              MsgList *messages)
 {
-   const char *name = entry->name;
-   const char *value = entry->value.text;
-   const char *encoding = Unicode_EncodingEnumToName(encodingId);
    const SecretString shown(
-       UnicodeEscapeBuffer(value, static_cast<ssize_t>(strlen(value)), ENCODING_US_ASCII));
-   if (dictionary->fileName == nullptr) {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.badEncodedInputNoFile") "Value \"%s\" for variable \"%s\" is not "
-                                                                    "valid in encoding \"%s\".\n",
-                     shown.get(), name, encoding);
-   } else if (dictionary->lineNumber < 1) {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.badEncodedInputNoLine") "File \"%s\": Value \"%s\" for variable "
-                                                                    "\"%s\" is not valid in encoding "
-                                                                    "\"%s\".\n",
-                     dictionary->fileName, shown.get(), name, encoding);
-   } else {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.badEncodedInput") "File \"%s\" line %d: Value \"%s\" for "
-                                                              "variable \"%s\" is not valid in encoding "
-                                                              "\"%s\".\n",
-                     dictionary->fileName, dictionary->lineNumber, shown.get(), name, encoding);
-   }
+       UnicodeEscapeBuffer(entry->text, static_cast<ssize_t>(strlen(entry->text)), ENCODING_US_ASCII));
+   DICTIONARY_REPORT(dictionary, messages, "dictionary.badEncodedInput",
+                     "Value \"%s\" for variable \"%s\" is not valid in encoding \"%s\".\n", shown.get(),
+                     entry->Name(), Unicode_EncodingEnumToName(encoding));
 }
 
 void DictionaryReportUnknownEncoding(const Dictionary *dictionary, const char *name, MsgList *messages)
@@ -114,7 +95,7 @@ bool DictionaryIsValid(const char *text, EncodingId encoding)
 bool DictionaryCheckValues(const Dictionary *dictionary, EncodingId encoding, MsgList *messages)
 {
    for (const DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
-      if (DictionaryIsText(entry->type) && !DictionaryIsValid(entry->value.text, encoding)) {
+      if (DictionaryIsText(entry->type) && !DictionaryIsValid(entry->text, encoding)) {
          DictionaryReportBadInput(dictionary, entry, encoding, messages);
          return false;
       }
@@ -126,7 +107,7 @@ void DictionaryConvertValues(Dictionary *dictionary, EncodingId encoding)
 {
    for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
       if (DictionaryIsText(entry->type)) {
-         DictionaryReplaceText(entry, DictionaryDecode(entry->value.text, encoding).release());
+         DictionarySetText(dictionary, entry, DictionaryDecode(entry->text, encoding).get());
       }
    }
 }
@@ -162,16 +143,16 @@ bool DictionarySetEncodingByName(Dictionary *dictionary, const char *name, MsgLi
    return DictionarySettleEncoding(dictionary, UnicodeIANALookup(name), name, messages);
 }
 
-bool DictionaryDecodeValue(const Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages)
+bool DictionaryDecodeValue(Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages)
 {
    const EncodingId encoding = dictionary->encoding;
 
-   if (!DictionaryIsValid(entry->value.text, encoding)) {
+   if (!DictionaryIsValid(entry->text, encoding)) {
       DictionaryReportBadInput(dictionary, entry, encoding, messages);
       return false;
    }
    if (!DictionaryIsUtf8Subset(encoding)) {
-      DictionaryReplaceText(entry, DictionaryDecode(entry->value.text, encoding).release());
+      DictionarySetText(dictionary, entry, DictionaryDecode(entry->text, encoding).get());
    }
    return true;
 }
@@ -190,6 +171,15 @@ SecretString DictionaryEncodeValue(const char *value, EncodingId encoding)
       return nullptr;
    }
    return encoded;
+}
+
+void DictionaryReportBadOutput(const char *value, const char *name, EncodingId encoding, MsgList *messages)
+{
+   MsgList_Append(
+       messages,
+       MSGLIST_ID("dictionary.badEncodedOutput") "Value \"%s\" for variable \"%s\" is not valid in "
+                                                 "the \"%s\" encoding.\n",
+       value, name, Unicode_EncodingEnumToName(encoding));
 }
 
 EncodingId Dictionary_GetEncoding(const Dictionary *dictionary)

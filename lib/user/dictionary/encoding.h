@@ -13,9 +13,12 @@ bool DictionarySetEncodingByName(Dictionary *dictionary, const char *name, MsgLi
 
 /* Turns the value of an entry, as the file holds it in the dictionary's known encoding, into UTF-8. False, with a message
    and the value as it was, if it is not valid there. */
-bool DictionaryDecodeValue(const Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages);
+bool DictionaryDecodeValue(Dictionary *dictionary, DictionaryEntry *entry, MsgList *messages);
 
 /* A value in an encoding, as a new string; null if the encoding cannot hold it. */
 SecretString DictionaryEncodeValue(const char *value, EncodingId encoding);
+
+/* Says so. */
+void DictionaryReportBadOutput(const char *value, const char *name, EncodingId encoding, MsgList *messages);
 
 #endif

@@ -1,8 +1,6 @@
 #include "lib/user/dictionary/read.h"
 
-#include "base/owned.h"
 #include "lib/dict/dictll.h"
-#include "lib/misc/codeset/codeset.h"
 #include "lib/misc/escape.h"
 #include "lib/misc/memory/secret.h"
 #include "lib/misc/memory/util.h"
@@ -10,7 +8,6 @@
 #include "lib/user/dictionary.h"
 #include "lib/user/dictionary/encoding.h"
 #include "lib/user/dictionary/state.h"
-#include "lib/user/msgList.h"
 
 #include <algorithm>
 #include <array>
@@ -18,295 +15,174 @@
 #include <climits>
 #include <cstring>
 #include <strings.h>
-#include <sys/stat.h>
 
 namespace {
 
 constexpr const char *MODULE = "lib/user/dictionary";
 
 constexpr int MAXIMUM_DUPLICATES = 100;
-constexpr size_t BLOCK_SIZE = size_t{64} * 1024;
 constexpr uint64_t HIGH_BITS = 0x8080808080808080;
-constexpr size_t LARGEST_EXPECTATION = size_t{16} << 20;
 
 constexpr const char *READ_LINE = "DictionaryParseReadLine";
+
+constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
 /* What the metavariable ".encoding" was called before there were metavariables. */
 constexpr std::array<std::string_view, 4> OLDER_SPELLINGS = {"config.encoding", "preferences.encoding",
                                                              "vmlist.encoding", "snapshot.encoding"};
 
-/* What became of a line. */
-enum class LineResult : uint8_t { TAKEN, DUPLICATE, FAILED };
-
-/* A line in the text that is read, ended by a NUL where its line feed was. */
-struct ReadLine {
-   char *text;
-   size_t length;
-   bool isDefinition;
-   DictLLParts parts; /* If it is one. */
+/* A text on its way into a dictionary. */
+struct DictionaryReader {
+   Dictionary *dictionary;
+   MsgList *messages;
+   int maximumDuplicates;
+   int duplicates;
 };
 
-void DictionaryReportSyntaxError(const Dictionary *dictionary, MsgList *messages)
-{
-   if (dictionary->fileName == nullptr) {
-      MsgList_Append(messages, MSGLIST_ID("dictionary.read.syntaxErrorNoFile") "Syntax error.\n");
-   } else if (dictionary->lineNumber < 1) {
-      MsgList_Append(messages, MSGLIST_ID("dictionary.read.syntaxErrorNoLine") "File \"%s\": Syntax error.\n",
-                     dictionary->fileName);
-   } else {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.read.syntaxError") "File \"%s\" line %d: Syntax error.\n",
-                     dictionary->fileName, dictionary->lineNumber);
-   }
-}
-
-void DictionaryReportDuplicate(const Dictionary *dictionary, const char *name, MsgList *messages)
-{
-   if (dictionary->fileName == nullptr) {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.alreadyDefinedNoFile") "Variable \"%s\" is already defined.\n",
-                     name);
-   } else if (dictionary->lineNumber < 1) {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.alreadyDefinedNoLine") "File \"%s\": Variable \"%s\" is already "
-                                                                   "defined.\n",
-                     dictionary->fileName, name);
-   } else {
-      MsgList_Append(messages,
-                     MSGLIST_ID("dictionary.alreadyDefined") "File \"%s\" line %d: Variable \"%s\" is "
-                                                             "already defined.\n",
-                     dictionary->fileName, dictionary->lineNumber, name);
-   }
-}
-
-/* Bytes from a file, made fit for the log. */
-SecretString DictionaryPrintable(const char *text)
-{
-   return SecretString(UnicodeEscapeBuffer(text, static_cast<ssize_t>(strlen(text)), ENCODING_US_ASCII));
-}
-
-/* A part of a line as a string of its own. */
-SecretString DictionaryString(std::string_view part)
-{
-   return SecretString(Util_SafeStrndup(part.data(), part.size()));
-}
-
-/* The first value of an entry in the arena, which it needs a block of its own for only if it is escaped. */
-void DictionarySetValue(Dictionary *dictionary, DictionaryEntry *entry, std::string_view value)
-{
-   if (DictLL_IsEscaped(value)) {
-      DictionaryReplaceText(entry, DictLL_Unescape(value));
-   } else {
-      entry->value.text = SecretArena_CopyString(&dictionary->arena, value.data(), value.size());
-   }
-}
-
-void DictionaryReserve(DynBuf *text, size_t size)
-{
-   if (!Secret_Reserve(text, size)) {
-      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
-   }
-}
-
-bool DictionaryIsAscii(std::string_view bytes)
+bool DictionaryIsAscii(std::string_view text)
 {
    uint64_t all = 0;
    uint64_t word = 0;
-   for (; bytes.size() >= sizeof word; bytes.remove_prefix(sizeof word)) {
-      memcpy(&word, bytes.data(), sizeof word);
+   for (; text.size() >= sizeof word; text.remove_prefix(sizeof word)) {
+      memcpy(&word, text.data(), sizeof word);
       all |= word;
    }
    word = 0;
-   memcpy(&word, bytes.data(), bytes.size());
+   text.copy(reinterpret_cast<char *>(&word), text.size());
    return ((all | word) & HIGH_BITS) == 0;
 }
 
-/* A comment or an empty line, which is kept, or else the end of the reading. */
-LineResult DictionaryTakeOtherLine(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
+/* Bytes from a file, made fit for the log. */
+SecretString DictionaryPrintable(std::string_view text)
 {
-   const char *start = line.text + strspn(line.text, " \t");
-   if (*start == '\0' || *start == '#') {
-      DictionaryAddReadLine(dictionary, line.text);
-      return LineResult::TAKEN;
-   }
-   Log("%s: syntax error with line, \"%s\".\n", READ_LINE, DictionaryPrintable(line.text).get());
-   DictionaryReportSyntaxError(dictionary, messages);
-   return LineResult::FAILED;
+   return SecretString(
+       UnicodeEscapeBuffer(text.data(), static_cast<ssize_t>(text.size()), ENCODING_US_ASCII));
 }
 
-bool DictionaryCheckName(const Dictionary *dictionary, const char *name, MsgList *messages)
+/* What takes a part of the text gives false where the reading ends. A comment or an empty line is kept. */
+bool DictionaryTakeOtherLine(const DictionaryReader &reader, std::string_view text)
 {
-   if (DictionaryIsAscii(name)) {
+   const size_t start = text.find_first_not_of(" \t");
+   if (start == std::string_view::npos || text[start] == '#') {
+      DictionaryAddReadLine(reader.dictionary, text, nullptr);
       return true;
    }
-   MsgList_Append(messages,
-                  MSGLIST_ID("dictionary.nameNotASCII") "File \"%s\" line %d: Variable \"%s\" is not "
-                                                        "valid ASCII.\n",
-                  dictionary->fileName, dictionary->lineNumber, DictionaryPrintable(name).get());
+   Log("%s: syntax error with line, \"%s\".\n", READ_LINE, DictionaryPrintable(text).get());
+   DICTIONARY_REPORT(reader.dictionary, reader.messages, "dictionary.read.syntaxError", "Syntax error.\n");
    return false;
 }
 
-/* Whether name and value of a new entry are as they should be, the value then in UTF-8. */
-bool DictionaryCheckEntry(const Dictionary *dictionary, DictionaryEntry *entry, bool isAscii,
-                          MsgList *messages)
+/* Keeps the line as it is: the first definition holds. */
+bool DictionaryTakeDuplicate(DictionaryReader *reader, std::string_view text, std::string_view name)
 {
-   /* The common case: nothing to convert, and nothing that could be wrong. */
-   if (isAscii && !entry->ownsText && dictionary->encoding == ENCODING_UTF8) {
+   Dictionary *const dictionary = reader->dictionary;
+   const SecretString shown(Util_SafeStrndup(name.data(), name.size()));
+
+   DICTIONARY_REPORT(dictionary, reader->messages, "dictionary.alreadyDefined",
+                     "Variable \"%s\" is already defined.\n", shown.get());
+   DictionaryAddReadLine(dictionary, text, nullptr);
+   if (++reader->duplicates <= reader->maximumDuplicates) {
       return true;
    }
-   return DictionaryCheckName(dictionary, entry->name, messages) &&
-          (dictionary->encoding == ENCODING_UNKNOWN || DictionaryDecodeValue(dictionary, entry, messages));
+   Log("%s: \"%s\" line %d: too many duplicate entries in dictionary, quitting.\n", "DictionaryReadLines",
+       dictionary->fileName, dictionary->lineNumber);
+   return false;
 }
 
-LineResult DictionaryTakeSetting(Dictionary *dictionary, const ReadLine &line, bool isAscii,
-                                 MsgList *messages)
+/* Whether name and value of a new entry are as they should be, the value then in UTF-8 if the encoding is known. */
+bool DictionaryCheckEntry(const DictionaryReader &reader, DictionaryEntry *entry)
 {
-   DictionaryEntry *entry = DictionaryAddEntry(dictionary, line.parts.name);
-   DictionaryLine *kept;
+   Dictionary *const dictionary = reader.dictionary;
 
-   if (entry == nullptr) {
-      DictionaryReportDuplicate(dictionary, DictionaryString(line.parts.name).get(), messages);
-      DictionaryAddReadLine(dictionary, line.text);
-      return LineResult::DUPLICATE;
-   }
-   DictionarySetValue(dictionary, entry, line.parts.value);
-   if (!DictionaryCheckEntry(dictionary, entry, isAscii, messages)) {
-      DictionaryDropEntry(dictionary, entry);
-      return LineResult::FAILED;
-   }
-   kept = DictionaryAddReadLine(dictionary, line.text);
-   kept->entry = entry;
-   entry->line = kept;
-   return LineResult::TAKEN;
-}
-
-LineResult DictionaryTakeMetavariable(Dictionary *dictionary, const ReadLine &line, MsgList *messages)
-{
-   if (!DictionaryIsEncodingName(line.parts.name)) {
-      Log("%s: \"%s\" line %d: unrecognized metavariable \"%s\"\n", READ_LINE, dictionary->fileName,
-          dictionary->lineNumber, DictionaryPrintable(DictionaryString(line.parts.name).get()).get());
-      return LineResult::TAKEN;
-   }
-   const SecretString value(DictLL_Unescape(line.parts.value));
-   return DictionarySetEncodingByName(dictionary, value.get(), messages) ? LineResult::TAKEN
-                                                                         : LineResult::FAILED;
-}
-
-/* isAscii: the whole text is. */
-LineResult DictionaryTakeLine(Dictionary *dictionary, const ReadLine &line, bool isAscii, MsgList *messages)
-{
-   if (!line.isDefinition) {
-      return DictionaryTakeOtherLine(dictionary, line, messages);
-   }
-   if (line.parts.name.front() == '.' || DictionaryIsEncodingName(line.parts.name)) {
-      return DictionaryTakeMetavariable(dictionary, line, messages);
-   }
-   return DictionaryTakeSetting(dictionary, line, isAscii, messages);
-}
-
-/* Takes the first line off a text that has a writable byte behind its end. */
-ReadLine DictionarySplitLine(char **text, size_t *size)
-{
-   auto *feed = static_cast<char *>(memchr(*text, '\n', *size));
-   const size_t length = feed != nullptr ? static_cast<size_t>(feed - *text) : *size;
-   ReadLine line = {.text = *text, .length = length, .isDefinition = false, .parts = {}};
-
-   line.isDefinition = DictLL_ParseLine({line.text, length}, &line.parts);
-   line.text[length] = '\0';
-   const size_t taken = feed != nullptr ? length + 1 : length;
-   *text += taken;
-   *size -= taken;
-   return line;
-}
-
-/* How the lines of a text were taken. */
-struct TextResult {
-   bool complete; /* To the end. */
-   bool unique;   /* Without a duplicate. */
-};
-
-/* Takes all lines of a text in the arena, which become the dictionary's, up to the first error or the first duplicate
-   too many. */
-TextResult DictionaryTakeText(Dictionary *dictionary, char *text, size_t size, int maximumDuplicates,
-                              MsgList *messages)
-{
-   const bool isAscii = DictionaryIsAscii({text, size});
-   dictionary->fileSize += size;
-   int duplicates = 0;
-
-   while (size != 0) {
-      const ReadLine line = DictionarySplitLine(&text, &size);
-      dictionary->lineNumber++;
-      const LineResult result = DictionaryTakeLine(dictionary, line, isAscii, messages);
-      if (result == LineResult::DUPLICATE && ++duplicates > maximumDuplicates) {
-         Log("%s: \"%s\" line %d: too many duplicate entries in dictionary, quitting.\n",
-             "DictionaryReadLines", dictionary->fileName, dictionary->lineNumber);
-         return {.complete = false, .unique = false};
-      }
-      if (result == LineResult::FAILED) {
-         return {.complete = false, .unique = duplicates == 0};
-      }
-   }
-   return {.complete = true, .unique = duplicates == 0};
-}
-
-/* How much of a stream to expect: its file's size, within reason, or else a block. */
-size_t DictionaryExpectedSize(FILE *stream)
-{
-   struct stat attributes;
-   if (fstat(fileno(stream), &attributes) == -1 || !S_ISREG(attributes.st_mode)) {
-      return BLOCK_SIZE;
-   }
-   return std::clamp(static_cast<size_t>(attributes.st_size), BLOCK_SIZE, LARGEST_EXPECTATION);
-}
-
-/* Gathers the rest of a stream. 0, or the error that ended it. */
-int DictionaryReadStream(FILE *stream, DynBuf *text)
-{
-   /* More than the file has, so that its end is seen, and a NUL has its place. */
-   size_t room = DictionaryExpectedSize(stream) + 2;
-
-   while (true) {
-      DictionaryReserve(text, room);
-      room = text->allocated - text->size;
-      const size_t count = fread(text->data + text->size, 1, room, stream);
-      const int error = ferror(stream) != 0 ? errno : 0;
-      text->size += count;
-      if (error != 0 && error != EINTR) {
-         return error;
-      }
-      if (error == 0 && count < room) {
-         return 0;
-      }
-      clearerr(stream);
-   }
-}
-
-/* Of a file that breaks off with an error, the lines that came before, without the broken one. */
-size_t DictionaryWholeLines(const DynBuf *text)
-{
-   const size_t feed = std::string_view(text->data, text->size).rfind('\n');
-   return feed == std::string_view::npos ? 0 : feed + 1;
-}
-
-/* Takes all lines of the stream. False: there was a duplicate, or the reading stopped. */
-bool DictionaryTakeStream(Dictionary *dictionary, FILE *stream, MsgList *messages)
-{
-   SecretBuffer text;
-
-   const int error = DictionaryReadStream(stream, text.get());
-   const size_t size = error == 0 ? text.get()->size : DictionaryWholeLines(text.get());
-   DictionaryReserve(text.get(), 1);
-   const size_t allocated = text.get()->allocated;
-   auto *lines = static_cast<char *>(DynBuf_Detach(text.get()));
-   SecretArena_Adopt(&dictionary->arena, lines, allocated);
-   const TextResult result = DictionaryTakeText(dictionary, lines, size, MAXIMUM_DUPLICATES, messages);
-   if (result.complete && error != 0) {
-      MsgList_Append(messages, MSGLIST_ID("dictionary.read.readError") "File \"%s\" line %d: %s.\n",
-                     dictionary->fileName, dictionary->lineNumber + 1, strerror(error));
+   if (!DictionaryIsAscii(entry->Name())) {
+      MsgList_Append(reader.messages,
+                     MSGLIST_ID("dictionary.nameNotASCII") "File \"%s\" line %d: Variable \"%s\" is not "
+                                                           "valid ASCII.\n",
+                     dictionary->fileName, dictionary->lineNumber, DictionaryPrintable(entry->Name()).get());
       return false;
    }
-   return result.complete && result.unique;
+   return dictionary->encoding == ENCODING_UNKNOWN ||
+          DictionaryDecodeValue(dictionary, entry, reader.messages);
+}
+
+bool DictionaryTakeSetting(DictionaryReader *reader, std::string_view text, const DictLLParts &parts)
+{
+   Dictionary *const dictionary = reader->dictionary;
+   DictionaryEntry *const entry = DictionaryAddEntry(dictionary, parts.name);
+
+   if (entry == nullptr) {
+      return DictionaryTakeDuplicate(reader, text, parts.name);
+   }
+   const bool isEscaped = DictLL_IsEscaped(parts.value);
+   if (isEscaped) {
+      DictionarySetText(dictionary, entry, SecretString(DictLL_Unescape(parts.value)).get());
+   } else {
+      DictionarySetText(dictionary, entry, parts.value);
+   }
+   /* In the common case there is nothing to convert, and nothing that could be wrong. */
+   const bool isPlain = dictionary->encoding == ENCODING_UTF8 && !isEscaped && DictionaryIsAscii(text);
+   if (!isPlain && !DictionaryCheckEntry(*reader, entry)) {
+      DictionaryRemoveEntry(dictionary, entry);
+      return false;
+   }
+   DictionaryAddReadLine(dictionary, text, entry);
+   return true;
+}
+
+bool DictionaryTakeMetavariable(const DictionaryReader &reader, const DictLLParts &parts)
+{
+   if (!DictionaryIsEncodingName(parts.name)) {
+      Log("%s: \"%s\" line %d: unrecognized metavariable \"%s\"\n", READ_LINE, reader.dictionary->fileName,
+          reader.dictionary->lineNumber, DictionaryPrintable(parts.name).get());
+      return true;
+   }
+   const SecretString value(DictLL_Unescape(parts.value));
+   return DictionarySetEncodingByName(reader.dictionary, value.get(), reader.messages);
+}
+
+bool DictionaryTakeLine(DictionaryReader *reader, std::string_view text)
+{
+   DictLLParts parts;
+
+   reader->dictionary->lineNumber++;
+   if (!DictLL_ParseLine(text, &parts)) {
+      return DictionaryTakeOtherLine(*reader, text);
+   }
+   if (parts.name.front() == '.' || DictionaryIsEncodingName(parts.name)) {
+      return DictionaryTakeMetavariable(*reader, parts);
+   }
+   return DictionaryTakeSetting(reader, text, parts);
+}
+
+/* Whether all lines of the text were taken. */
+bool DictionaryTakeText(DictionaryReader *reader, std::string_view text)
+{
+   while (!text.empty()) {
+      const std::string_view line = text.substr(0, text.find('\n'));
+      if (!DictionaryTakeLine(reader, line)) {
+         return false;
+      }
+      text.remove_prefix(std::min(line.size() + 1, text.size()));
+   }
+   return true;
+}
+
+/* The same with a stream, of which no more than a line is in memory. */
+bool DictionaryTakeStream(DictionaryReader *reader, FILE *stream)
+{
+   SecretBuffer line;
+   int result;
+
+   while ((result = DictLL_ReadText(stream, line.get())) == 2) {
+      if (!DictionaryTakeLine(reader, {line.get()->data, line.get()->size})) {
+         return false;
+      }
+   }
+   if (result == 0) {
+      MsgList_Append(reader->messages, MSGLIST_ID("dictionary.read.readError") "File \"%s\" line %d: %s.\n",
+                     reader->dictionary->fileName, reader->dictionary->lineNumber + 1, strerror(errno));
+   }
+   return result != 0;
 }
 
 /* A file that said nothing of its encoding. The mark alone is a guess, which the default may still correct. */
@@ -330,6 +206,23 @@ bool DictionarySettleDefault(Dictionary *dictionary, bool marked, EncodingId def
    return false;
 }
 
+/* Reads a file by whatever takes its lines. */
+template <typename Take>
+bool DictionaryReadFile(Dictionary *dictionary, const char *fileName, bool marked, EncodingId defaultEncoding,
+                        MsgList *messages, Take take)
+{
+   DictionaryReader reader = {dictionary, messages, MAXIMUM_DUPLICATES, 0};
+
+   dictionary->fileName = fileName;
+   dictionary->lineNumber = 0;
+   const bool taken = take(&reader) && reader.duplicates == 0;
+   dictionary->lineNumber = 0;
+   const bool settled = taken && (dictionary->encoding != ENCODING_UNKNOWN ||
+                                  DictionarySettleDefault(dictionary, marked, defaultEncoding, messages));
+   dictionary->fileName = nullptr;
+   return settled;
+}
+
 } // namespace
 
 bool DictionaryIsEncodingName(std::string_view name)
@@ -340,23 +233,39 @@ bool DictionaryIsEncodingName(std::string_view name)
           });
 }
 
-bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileName,
-                         EncodingId defaultEncoding, MsgList *messages)
+bool Dictionary_IsSettingName(std::string_view name)
 {
-   dictionary->fileName = fileName;
-   dictionary->lineNumber = 0;
+   return !name.empty() && name.front() != '.' && DictionaryIsAscii(name) &&
+          name.find_first_of(std::string_view("\0\t\n #=", 6)) == std::string_view::npos &&
+          !DictionaryIsEncodingName(name);
+}
+
+bool DictionaryReadStream(Dictionary *dictionary, FILE *stream, const char *fileName,
+                          EncodingId defaultEncoding, MsgList *messages)
+{
    const bool marked = DictLL_ReadUTF8BOM(stream);
-   const bool taken = DictionaryTakeStream(dictionary, stream, messages);
-   dictionary->lineNumber = 0;
-   const bool settled = taken && (dictionary->encoding != ENCODING_UNKNOWN ||
-                                  DictionarySettleDefault(dictionary, marked, defaultEncoding, messages));
-   dictionary->fileName = nullptr;
-   return settled;
+
+   return DictionaryReadFile(
+       dictionary, fileName, marked, defaultEncoding, messages,
+       [stream](DictionaryReader *reader) { return DictionaryTakeStream(reader, stream); });
+}
+
+bool Dictionary_LoadFromContent(Dictionary *dictionary, std::string_view content, const char *fileName,
+                                MsgList *messages)
+{
+   const bool marked = content.starts_with(BYTE_ORDER_MARK);
+
+   content.remove_prefix(marked ? BYTE_ORDER_MARK.size() : 0);
+   Dictionary_Clear(dictionary);
+   return DictionaryReadFile(
+       dictionary, fileName, marked, ENCODING_DEFAULT, messages,
+       [content](DictionaryReader *reader) { return DictionaryTakeText(reader, content); });
 }
 
 bool Dictionary_Unmarshal(Dictionary *dictionary, const char *text, bool append, EncodingId defaultEncoding,
                           MsgList *messages)
 {
+   DictionaryReader reader = {dictionary, messages, INT_MAX, 0};
    size_t size = 0;
 
    if (!append) {
@@ -365,14 +274,13 @@ bool Dictionary_Unmarshal(Dictionary *dictionary, const char *text, bool append,
          dictionary->hooks.cleared(dictionary, dictionary->hooks.context);
       }
    }
-   char *const stripped = Escape_StripCarriageReturns(text, strlen(text), &size);
+   const SecretString stripped(Escape_StripCarriageReturns(text, strlen(text), &size));
    if (stripped == nullptr) {
       Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
    }
-   SecretArena_Adopt(&dictionary->arena, stripped, size + 1);
-   const TextResult result = DictionaryTakeText(dictionary, stripped, size, INT_MAX, messages);
+   const bool complete = DictionaryTakeText(&reader, {stripped.get(), size});
    dictionary->lineNumber = 0;
-   if (!result.complete) {
+   if (!complete) {
       return false;
    }
    if (dictionary->encoding == ENCODING_UNKNOWN &&
@@ -385,5 +293,5 @@ bool Dictionary_Unmarshal(Dictionary *dictionary, const char *text, bool append,
    if (DictionaryEntry *entry = DictionaryFind(dictionary, "encryption.unspecified.default")) {
       entry->isProtected = true;
    }
-   return result.unique;
+   return reader.duplicates == 0;
 }

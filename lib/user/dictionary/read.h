@@ -9,9 +9,10 @@
 struct Dictionary;
 struct MsgList;
 
-/* Reads a stream, at its start, to its end into the dictionary; fileName is what messages call it. */
-bool DictionaryReadLines(Dictionary *dictionary, FILE *stream, const char *fileName,
-                         EncodingId defaultEncoding, MsgList *messages);
+/* Reads a stream, at its start, into the dictionary, line by line to its end or the first line that will not do;
+   fileName is what messages call it. */
+bool DictionaryReadStream(Dictionary *dictionary, FILE *stream, const char *fileName,
+                          EncodingId defaultEncoding, MsgList *messages);
 
 /* Whether the name is ".encoding" or one of its older spellings. */
 bool DictionaryIsEncodingName(std::string_view name);

@@ -4,11 +4,14 @@
 #include "lib/misc/memory/secretArena.h"
 #include "lib/unicode/unicodeSimpleTypes.h"
 #include "lib/user/dictionary_core.h"
+#include "lib/user/msgList.h"
 
 #include <string_view>
 
-/* What a dictionary is made of, for the sources of this module alone: dictionary_core.cpp keeps it, the others read
-   it from files and write it to them. */
+/* What a dictionary is made of, for the sources of this module alone. state.cpp keeps its entries and lines;
+   ../dictionary_core.cpp has the typed values, convert.cpp what text they are; read.cpp, write.cpp and
+   encoding.cpp have what ../dictionary.h says of texts, ../dictionary.cpp and file.cpp what it says of files.
+ */
 
 /* A member of a ring with a head; the head is a bare link. */
 struct DictionaryLink {
@@ -18,34 +21,36 @@ struct DictionaryLink {
 
 struct DictionaryEntry;
 
-/* A line of the file, in file order. */
+/* A line of the file, in file order, with its text behind it. Lines, entries and texts all lie in the arena. */
 struct DictionaryLine : DictionaryLink {
-   char *text;             /* As read, without its line feed. */
    DictionaryEntry *entry; /* What the line defines, or null. */
+   size_t length;          /* Of the text, which may hold NUL bytes. */
    int number;             /* From 1; 0 if the line was not read. */
-   bool inArena;           /* The line itself is in the dictionary's arena. */
-   bool ownsText;          /* The text is a block of its own, not in the arena. */
+
+   /* As read, without its line feed. */
+   [[nodiscard]] std::string_view Text() const
+   {
+      return {reinterpret_cast<const char *>(this + 1), length};
+   }
 };
 
-/* One of the two holds the value: text for the types DICTIONARY_UNTYPED and DICTIONARY_STRING, never null there,
-   bits for all others. Integers are widened with their sign, doubles as they are in memory. */
-struct DictionaryValue {
-   char *text;
-   uint64_t bits;
-};
-
+/* A setting, with its name behind it. The value is text for the types DICTIONARY_UNTYPED and DICTIONARY_STRING, never
+   null there, and bits for all others: integers widened with their sign, doubles as they are in memory. */
 struct DictionaryEntry : DictionaryLink {
-   char *name; /* Also the key in the table. */
-   DictionaryValue value;
+   char *text; /* Null for the other types. */
+   uint64_t bits;
    uint32_t type;
    bool modified; /* Since the last read or write. */
    bool written;  /* Of use to the writer only while it works. */
    bool notPersistent;
    bool isProtected;
-   bool inArena;         /* The entry itself and its name are in the dictionary's arena. */
-   bool ownsText;        /* The value's text is a block of its own, not in the arena. */
    DictionaryLine *line; /* The line that defines it, or null. */
-   char *lineText;       /* Without a line: what it was last written as, or null. Owned. */
+
+   /* Also the key in the table. */
+   [[nodiscard]] const char *Name() const
+   {
+      return reinterpret_cast<const char *>(this + 1);
+   }
 };
 
 struct HashTable;
@@ -54,9 +59,10 @@ struct Dictionary {
    DictionaryLink entries; /* In order of insertion. */
    DictionaryLink lines;
    HashTable *table; /* Of DictionaryEntry, by name. */
+   uint32_t tableFlags;
+   uint32_t bucketCount;
    size_t entryCount;
-   SecretArena arena;    /* For what is read from files, nearly all of which stays to the end. */
-   size_t fileSize;      /* Of what was read or written last: how large a text to expect. */
+   SecretArena arena;
    const char *fileName; /* While a file is being read, else null. */
    int lineNumber;       /* Of the line being read, else 0. */
    EncodingId encoding;  /* ENCODING_UNKNOWN until it is settled; never ENCODING_DEFAULT. */
@@ -68,13 +74,30 @@ struct Dictionary {
    MsgList *messages;
 };
 
+/* Appends a message about what is being read: text is preceded by as much of its place as is known, and the identifier
+   followed by "NoFile" or "NoLine" where that is not all. */
+#define DICTIONARY_REPORT(dictionary, messages, identifier, text, ...)                                       \
+   do {                                                                                                      \
+      const char *const reportedFile = (dictionary)->fileName;                                               \
+      const int reportedLine = (dictionary)->lineNumber;                                                     \
+      if (reportedFile == nullptr) {                                                                         \
+         MsgList_Append(messages, MSGLIST_ID(identifier "NoFile") text __VA_OPT__(, ) __VA_ARGS__);          \
+      } else if (reportedLine < 1) {                                                                         \
+         MsgList_Append(messages, MSGLIST_ID(identifier "NoLine") "File \"%s\": " text,                      \
+                        reportedFile __VA_OPT__(, ) __VA_ARGS__);                                            \
+      } else {                                                                                               \
+         MsgList_Append(messages, MSGLIST_ID(identifier) "File \"%s\" line %d: " text, reportedFile,         \
+                        reportedLine __VA_OPT__(, ) __VA_ARGS__);                                            \
+      }                                                                                                      \
+   } while (false)
+
 constexpr bool DictionaryIsText(uint32_t type)
 {
    return type == DICTIONARY_UNTYPED || type == DICTIONARY_STRING;
 }
 
 /* Iterates over a ring as over its members: for (DictionaryLine *line : DictionaryRing<DictionaryLine>(head)). The
-   current member may be removed by the body. */
+   current member may be removed or replaced by the body. */
 template <typename Member> class DictionaryRing {
  public:
    explicit DictionaryRing(const DictionaryLink &head) : head_(&head)
@@ -126,22 +149,25 @@ template <typename Member> class DictionaryRing {
 /* The entry of a name, or null. */
 DictionaryEntry *DictionaryFind(const Dictionary *dictionary, const char *name);
 
-/* Adds an untyped entry of the default protection, without a value yet and not modified, in the arena. Null if there is
-   one of that name. */
+/* Adds an untyped entry of the default protection, not modified, whose text is null until the caller gives it a value.
+   Null if there is one of that name. */
 DictionaryEntry *DictionaryAddEntry(Dictionary *dictionary, std::string_view name);
 
-/* Takes an entry that was just added out again, as if it had never been. */
-void DictionaryDropEntry(Dictionary *dictionary, DictionaryEntry *entry);
+/* Removes an entry and its line. */
+void DictionaryRemoveEntry(Dictionary *dictionary, DictionaryEntry *entry);
 
-/* Adds a line at the end, whose text lies in the arena. */
-DictionaryLine *DictionaryAddReadLine(Dictionary *dictionary, char *text);
+/* Adds a line before another one, or before the ring's head at the end. */
+DictionaryLine *DictionaryAddLine(Dictionary *dictionary, DictionaryLink *before, std::string_view text);
 
-/* Puts a line before another one, with a text of its own, which is taken over. */
-void DictionaryInsertLine(DictionaryLink *before, char *text);
+/* Adds the line that is being read, which defines the entry, or null. */
+void DictionaryAddReadLine(Dictionary *dictionary, std::string_view text, DictionaryEntry *entry);
 
-/* Gives an entry or a line another text of its own, which is taken over, or for null none; the old one is zeroed. */
-void DictionaryReplaceText(DictionaryEntry *entry, char *text);
-void DictionaryReplaceText(DictionaryLine *line, char *text);
+/* Gives an entry that has a line another one in its place. */
+void DictionaryReplaceLine(Dictionary *dictionary, DictionaryEntry *entry, std::string_view text);
+
+/* Gives an entry a text, a copy of this one up to its first NUL byte, in place of the one it had; or none. */
+void DictionarySetText(Dictionary *dictionary, DictionaryEntry *entry, std::string_view text);
+void DictionaryDropText(Dictionary *dictionary, DictionaryEntry *entry);
 
 /* The value of an entry as a file holds it, in UTF-8 and unescaped: a new string. An unknown type ends the process. */
 char *DictionaryFormatValue(const DictionaryEntry *entry);

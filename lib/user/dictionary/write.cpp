@@ -1,14 +1,13 @@
 #include "lib/user/dictionary/write.h"
 
+#include "base/owned.h"
 #include "lib/dict/dictll.h"
 #include "lib/misc/codeset/codeset.h"
 #include "lib/misc/memory/secret.h"
-#include "lib/misc/memory/util.h"
 #include "lib/string/str.h"
 #include "lib/user/dictionary.h"
 #include "lib/user/dictionary/encoding.h"
 #include "lib/user/dictionary/state.h"
-#include "lib/user/msgList.h"
 
 #include <cstring>
 
@@ -24,14 +23,13 @@ constexpr const char *KEY_SAFE = "encryption.keySafe";
 constexpr const char *INTEGRITY_PROTECTED = "encryption.integrityProtected";
 constexpr const char *INTEGRITY_HASH = "encryption.integrityHash";
 
-enum class Rendered : uint8_t { DONE, FAILED, NOT_REPRESENTABLE };
-
 struct Writer {
    Dictionary *dictionary;
    EncodingId encoding;
    MsgList *messages;
    DynBuf *text;
    DynBuf *protectedSection;
+   bool failed; /* For a reason that another encoding does not mend. */
 };
 
 void DictionaryMarshal(DynBuf *output, const char *name, const char *value)
@@ -43,9 +41,7 @@ void DictionaryMarshal(DynBuf *output, const char *name, const char *value)
 
 void DictionaryAppendBytes(DynBuf *output, const char *bytes, size_t size)
 {
-   if (!Secret_Append(output, bytes, size)) {
-      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
-   }
+   Secret_SafeAppend(output, bytes, size, MODULE, __LINE__);
 }
 
 bool DictionaryIsSet(const Dictionary *dictionary, const char *name)
@@ -55,51 +51,51 @@ bool DictionaryIsSet(const Dictionary *dictionary, const char *name)
    return Dictionary_ParseBool(text.get(), &invalid);
 }
 
-/* What an entry was read from or last written as, or null. */
-const char *DictionaryLineText(const DictionaryEntry *entry)
+void DictionaryAppendLine(DynBuf *output, std::string_view line)
 {
-   return entry->line != nullptr ? entry->line->text : entry->lineText;
+   DictionaryAppendBytes(output, line.data(), line.size());
+   DictionaryAppendBytes(output, "\n", 1);
 }
 
-void DictionarySetLineText(DictionaryEntry *entry, char *text)
-{
-   if (entry->line != nullptr) {
-      DictionaryReplaceText(entry->line, text);
-   } else {
-      Secret_FreeString(entry->lineText);
-      entry->lineText = text;
-   }
-}
-
-/* Puts a new line into the entry's place for it. False, reported: the encoding cannot hold the value. */
-bool DictionaryMarshalEntry(const Writer &writer, DictionaryEntry *entry)
+/* Appends a new line for an entry. False, reported: a file cannot hold the name, or the encoding not the value. */
+bool DictionaryMarshalEntry(Writer *writer, const DictionaryEntry *entry, DynBuf *output)
 {
    SecretString value(DictionaryFormatValue(entry));
-   SecretBuffer line;
 
-   if (DictionaryIsText(entry->type) && writer.encoding != ENCODING_UTF8 && *value != '\0') {
-      SecretString encoded = DictionaryEncodeValue(value.get(), writer.encoding);
+   if (!Dictionary_IsSettingName(entry->Name())) {
+      MsgList_Append(writer->messages,
+                     MSGLIST_ID("dictionary.badName") "A file cannot hold a variable of the name \"%s\".\n",
+                     entry->Name());
+      writer->failed = true;
+      return false;
+   }
+   if (DictionaryIsText(entry->type) && *value != '\0') {
+      SecretString encoded = DictionaryEncodeValue(value.get(), writer->encoding);
       if (encoded == nullptr) {
-         MsgList_Append(writer.messages,
-                        MSGLIST_ID("dictionary.badEncodedOutput") "Value \"%s\" for variable \"%s\" is not "
-                                                                  "valid in the \"%s\" encoding.\n",
-                        value.get(), entry->name, Unicode_EncodingEnumToName(writer.encoding));
+         DictionaryReportBadOutput(value.get(), entry->Name(), writer->encoding, writer->messages);
          return false;
       }
       value = std::move(encoded);
    }
-   DictionaryMarshal(line.get(), entry->name, value.get());
-   DictionarySetLineText(entry, Util_SafeStrndup(line.get()->data, line.get()->size - 1));
+   DictionaryMarshal(output, entry->Name(), value.get());
    return true;
 }
 
-bool DictionaryWriteEntry(const Writer &writer, DictionaryEntry *entry, DynBuf *output)
+bool DictionaryWriteEntry(Writer *writer, DictionaryEntry *entry, DynBuf *output)
 {
+   const size_t start = output->size;
+
    entry->written = true;
-   if ((entry->modified || DictionaryLineText(entry) == nullptr) && !DictionaryMarshalEntry(writer, entry)) {
+   if (entry->line != nullptr && !entry->modified) {
+      DictionaryAppendLine(output, entry->line->Text());
+      return true;
+   }
+   if (!DictionaryMarshalEntry(writer, entry, output)) {
       return false;
    }
-   DictionaryMarshal(output, nullptr, DictionaryLineText(entry));
+   if (entry->line != nullptr) {
+      DictionaryReplaceLine(writer->dictionary, entry, {output->data + start, output->size - start - 1});
+   }
    return true;
 }
 
@@ -108,30 +104,31 @@ DictionaryLink *DictionaryWriteHead(const Writer &writer)
 {
    DictionaryLink *const head = &writer.dictionary->lines;
    DictionaryLink *link = head->next;
-   for (; link != head && static_cast<DictionaryLine *>(link)->text[0] == '#'; link = link->next) {
-      DictionaryMarshal(writer.text, nullptr, static_cast<DictionaryLine *>(link)->text);
+   for (; link != head && static_cast<DictionaryLine *>(link)->Text().starts_with('#'); link = link->next) {
+      DictionaryAppendLine(writer.text, static_cast<DictionaryLine *>(link)->Text());
    }
    return link;
 }
 
-bool DictionaryWriteLines(const Writer &writer, DictionaryLink *link)
+bool DictionaryWriteLines(Writer *writer, DictionaryLink *link)
 {
-   for (; link != &writer.dictionary->lines; link = link->next) {
+   for (DictionaryLink *next; link != &writer->dictionary->lines; link = next) {
       const auto *line = static_cast<DictionaryLine *>(link);
+      next = link->next;
       if (line->entry == nullptr) {
-         DictionaryMarshal(writer.text, nullptr, line->text);
+         DictionaryAppendLine(writer->text, line->Text());
       } else if (!line->entry->written && !line->entry->isProtected &&
-                 !DictionaryWriteEntry(writer, line->entry, writer.text)) {
+                 !DictionaryWriteEntry(writer, line->entry, writer->text)) {
          return false;
       }
    }
    return true;
 }
 
-bool DictionaryWriteRest(const Writer &writer)
+bool DictionaryWriteRest(Writer *writer)
 {
-   for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(writer.dictionary->entries)) {
-      DynBuf *const output = entry->isProtected ? writer.protectedSection : writer.text;
+   for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(writer->dictionary->entries)) {
+      DynBuf *const output = entry->isProtected ? writer->protectedSection : writer->text;
       if (!entry->written && !DictionaryWriteEntry(writer, entry, output)) {
          return false;
       }
@@ -189,23 +186,20 @@ void DictionaryClearMarks(Dictionary *dictionary)
    }
 }
 
-Rendered DictionaryRenderOnce(const Writer &writer, bool protect)
+/* False: an entry cannot be written. */
+bool DictionaryWriteEntries(Writer *writer)
 {
-   DictionaryLink *const behindHead = DictionaryWriteHead(writer);
-   DictionaryMarshal(writer.text, ".encoding", Unicode_EncodingEnumToName(writer.encoding));
-   DictionaryClearMarks(writer.dictionary);
-   if (!DictionaryWriteLines(writer, behindHead) || !DictionaryWriteRest(writer)) {
-      return Rendered::NOT_REPRESENTABLE;
-   }
-   return DictionaryWriteProtected(writer, protect) && DictionaryWriteIntegrity(writer) ? Rendered::DONE
-                                                                                        : Rendered::FAILED;
+   DictionaryLink *const behindHead = DictionaryWriteHead(*writer);
+   DictionaryMarshal(writer->text, ".encoding", Unicode_EncodingEnumToName(writer->encoding));
+   DictionaryClearMarks(writer->dictionary);
+   return DictionaryWriteLines(writer, behindHead) && DictionaryWriteRest(writer);
 }
 
 /* Every line with text must be written anew in UTF-8. False: a value is not UTF-8, and nothing has changed. */
 bool DictionaryUpgrade(Dictionary *dictionary)
 {
    for (const DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(dictionary->entries)) {
-      if (DictionaryIsText(entry->type) && !CodeSet_IsValidUtf8(entry->value.text)) {
+      if (DictionaryIsText(entry->type) && !CodeSet_IsValidUtf8(entry->text)) {
          return false;
       }
    }
@@ -214,6 +208,16 @@ bool DictionaryUpgrade(Dictionary *dictionary)
    }
    dictionary->encoding = ENCODING_UTF8;
    return true;
+}
+
+/* For all that is there; what is outgrown has to be zeroed, which takes its time. */
+void DictionaryReserveLines(const Dictionary *dictionary, DynBuf *text)
+{
+   size_t size = SIZE_MARGIN;
+   for (const DictionaryLine *line : DictionaryRing<DictionaryLine>(dictionary->lines)) {
+      size += line->length + 1;
+   }
+   Secret_SafeReserve(text, size, MODULE, __LINE__);
 }
 
 } // namespace
@@ -239,19 +243,18 @@ bool DictionaryRender(Dictionary *dictionary, bool protect, MsgList *messages, D
    if (!DictionaryCheckIntegrity(dictionary)) {
       return false;
    }
-   if (!Secret_Reserve(text, dictionary->fileSize + SIZE_MARGIN)) {
-      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
-   }
+   DictionaryReserveLines(dictionary, text);
    while (true) {
       const EncodingId encoding = dictionary->encoding != ENCODING_UNKNOWN
                                       ? dictionary->encoding
                                       : Unicode_ResolveEncoding(ENCODING_DEFAULT);
       SecretBuffer protectedSection;
-      const Writer writer = {dictionary, encoding, messages, text, protectedSection.get()};
-      const Rendered rendered = DictionaryRenderOnce(writer, protect);
-      if (rendered != Rendered::NOT_REPRESENTABLE) {
-         dictionary->fileSize = text->size;
-         return rendered == Rendered::DONE;
+      Writer writer = {dictionary, encoding, messages, text, protectedSection.get(), false};
+      if (DictionaryWriteEntries(&writer)) {
+         return DictionaryWriteProtected(writer, protect) && DictionaryWriteIntegrity(writer);
+      }
+      if (writer.failed || encoding == ENCODING_UTF8) {
+         return false;
       }
       Log("%s: upgrading encoding from %s to %s\n", WRITE_TO_BUFFER, Unicode_EncodingEnumToName(encoding),
           Unicode_EncodingEnumToName(ENCODING_UTF8));
@@ -288,10 +291,11 @@ bool Dictionary_WriteToBuffer(Dictionary *dictionary, bool protect, char **text,
 bool Dictionary_AddInterpreterLine(Dictionary *dictionary, const char *interpreter)
 {
    DictionaryLink *const first = dictionary->lines.next;
-   if (first != &dictionary->lines && strncmp(static_cast<DictionaryLine *>(first)->text, "#!", 2) == 0) {
+   if (first != &dictionary->lines && static_cast<DictionaryLine *>(first)->Text().starts_with("#!")) {
       return false;
    }
-   DictionaryInsertLine(first, Str_SafeAsprintf(nullptr, "#!%s", interpreter));
+   const Owned<char> line(Str_SafeAsprintf(nullptr, "#!%s", interpreter));
+   DictionaryAddLine(dictionary, first, line.get());
    return true;
 }
 
@@ -302,7 +306,7 @@ void Dictionary_AddHeaderLines(Dictionary *dictionary, const char *const *lines)
    size_t same = 0;
 
    while (lines[same] != nullptr && link != &dictionary->lines &&
-          strcmp(lines[same], static_cast<const DictionaryLine *>(link)->text) == 0) {
+          lines[same] == static_cast<const DictionaryLine *>(link)->Text()) {
       same++;
       link = link->next;
    }
@@ -311,6 +315,6 @@ void Dictionary_AddHeaderLines(Dictionary *dictionary, const char *const *lines)
    }
    /* All of them, also after a partial match: which lines were a header once cannot be told. */
    for (; *lines != nullptr; lines++) {
-      DictionaryInsertLine(first, Util_SafeStrdup(*lines));
+      DictionaryAddLine(dictionary, first, *lines);
    }
 }

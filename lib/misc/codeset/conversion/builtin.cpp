@@ -1,9 +1,8 @@
 #include "lib/misc/codeset/conversion/builtin.h"
-#include "base/unicode.h"
 
 #include "base/owned.h"
+#include "base/unicode.h"
 #include "lib/misc/codeset/codeset.h"
-#include "lib/misc/codeset/conversion/utf8.h"
 #include "lib/misc/memory/dynbuf.h"
 
 #include <algorithm>
@@ -20,23 +19,8 @@ constexpr size_t MAX_CODE_POINT_BYTES = 4;
 /* How much ASCII is converted in one step. */
 constexpr size_t RUN = 16;
 
-struct Scratch : DynBuf {
-   Scratch()
-   {
-      DynBuf_Init(this);
-   }
-
-   Scratch(const Scratch &) = delete;
-   Scratch &operator=(const Scratch &) = delete;
-
-   ~Scratch()
-   {
-      DynBuf_Destroy(this);
-   }
-};
-
 /* Room for one code point behind the first used bytes. */
-bool MakeRoom(DynBuf *buffer, uint64_t used)
+bool CodeSetMakeRoom(DynBuf *buffer, uint64_t used)
 {
    if (used > SIZE_MAX - MAX_CODE_POINT_BYTES) {
       return false;
@@ -45,36 +29,15 @@ bool MakeRoom(DynBuf *buffer, uint64_t used)
    return needed <= buffer->allocated || DynBuf_Enlarge(buffer, needed);
 }
 
-uint16_t LoadUnit(const unsigned char *bytes)
+uint16_t CodeSetLoadUnit(const unsigned char *bytes)
 {
    uint16_t unit;
    memcpy(&unit, bytes, sizeof unit);
    return unit;
 }
 
-char *StoreUnit(uint32_t unit, char *out)
-{
-   const auto narrow = static_cast<uint16_t>(unit);
-   memcpy(out, &narrow, sizeof narrow);
-   return out + sizeof narrow;
-}
-
-/* How many of the RUN bytes at next are ASCII before the first that is not. */
-size_t LeadingAscii(const unsigned char *next)
-{
-   for (size_t i = 0; i < RUN; i += sizeof(uint64_t)) {
-      uint64_t word;
-      memcpy(&word, next + i, sizeof word);
-      word &= 0x8080808080808080;
-      if (word != 0) {
-         return i + static_cast<size_t>(std::countr_zero(word)) / 8;
-      }
-   }
-   return RUN;
-}
-
-/* The same of RUN units of UTF-16. */
-size_t LeadingAsciiUnits(const unsigned char *next)
+/* How many of the RUN units at next are ASCII before the first that is not. */
+size_t CodeSetLeadingAsciiUnits(const unsigned char *next)
 {
    constexpr size_t unitsPerWord = sizeof(uint64_t) / sizeof(uint16_t);
    for (size_t i = 0; i < RUN; i += unitsPerWord) {
@@ -88,14 +51,14 @@ size_t LeadingAsciiUnits(const unsigned char *next)
    return RUN;
 }
 
-void WidenRun(const unsigned char *next, char *out)
+void CodeSetWidenRun(const unsigned char *next, char *out)
 {
    uint16_t units[RUN];
    std::copy_n(next, RUN, units);
    memcpy(out, units, sizeof units);
 }
 
-void NarrowRun(const unsigned char *next, char *out)
+void CodeSetNarrowRun(const unsigned char *next, char *out)
 {
    uint16_t units[RUN];
    memcpy(units, next, sizeof units);
@@ -104,19 +67,10 @@ void NarrowRun(const unsigned char *next, char *out)
    memcpy(out, bytes, sizeof bytes);
 }
 
-char *EncodeUtf16(uint32_t codePoint, char *out)
-{
-   if (codePoint < 0x10000) {
-      return StoreUnit(codePoint, out);
-   }
-   out = StoreUnit(((codePoint - 0x10000) >> 10) + 0xD800, out);
-   return StoreUnit((codePoint & 0x3FF) | 0xDC00, out);
-}
-
 /* The code point at next and how many bytes it takes; 0 for an unpaired surrogate. */
-size_t DecodeUtf16(const unsigned char *next, const unsigned char *end, uint32_t *codePoint)
+size_t CodeSetDecodeUtf16(const unsigned char *next, const unsigned char *end, uint32_t *codePoint)
 {
-   const uint32_t unit = LoadUnit(next);
+   const uint32_t unit = CodeSetLoadUnit(next);
    *codePoint = unit;
    if (!Utf16_IsSurrogate(unit)) {
       return 2;
@@ -124,26 +78,26 @@ size_t DecodeUtf16(const unsigned char *next, const unsigned char *end, uint32_t
    if (!Utf16_IsHighSurrogate(unit) || end - next < 4) {
       return 0;
    }
-   const uint32_t low = LoadUnit(next + 2);
+   const uint32_t low = CodeSetLoadUnit(next + 2);
    *codePoint = Utf16_JoinSurrogates(unit, low);
    return Utf16_IsLowSurrogate(low) ? 4 : 0;
 }
 
 /* The loops of the conversions: from *input until stop is reached or passed, which the caller has chosen so that the output
-   fits; a sequence that begins before stop may end after it. False for ill-formed input. A run is converted
-   whole and counted as far as it is ASCII; what follows writes over the rest. */
-using ConvertRuns = bool (*)(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
-                             char **output);
+   fits; a sequence that begins before stop may end after it. Return the end of the output, or null for
+   ill-formed input. A run is converted whole and counted as far as it is ASCII; what follows writes over the
+   rest. */
+using CodeSetLoop = char *(*)(const unsigned char **input, const unsigned char *stop,
+                              const unsigned char *end, char *out);
 
-bool EncodeRuns(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
-                char **output)
+char *CodeSetEncodeUtf16(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
+                         char *out)
 {
    const unsigned char *next = *input;
-   char *out = *output;
    while (next < stop) {
       if (stop - next >= ptrdiff_t{RUN}) {
-         const size_t ascii = LeadingAscii(next);
-         WidenRun(next, out);
+         const size_t ascii = Ascii_PrefixLength(next, RUN);
+         CodeSetWidenRun(next, out);
          next += ascii;
          out += ascii * sizeof(uint16_t);
          if (ascii == RUN) {
@@ -154,25 +108,24 @@ bool EncodeRuns(const unsigned char **input, const unsigned char *stop, const un
          uint32_t codePoint;
          const int n = Utf8_Decode(next, end, &codePoint);
          if (n == 0 || Utf16_IsSurrogate(codePoint) || codePoint > UNICODE_LAST_CODE_POINT) {
-            return false;
+            return nullptr;
          }
          next += n;
-         out = EncodeUtf16(codePoint, out);
+         out = Utf16_Encode(codePoint, out);
       } while (next < stop && *next >= 0x80);
    }
    *input = next;
-   *output = out;
-   return true;
+   return out;
 }
 
 /* Most scripts lie where a unit takes three bytes of UTF-8. */
-bool IsThreeByteUnit(uint32_t unit)
+bool CodeSetTakesThreeBytes(uint32_t unit)
 {
    return unit - 0x800 < 0xD800 - 0x800;
 }
 
 /* Two such units in lanes of 24 bits each, so that every step serves both. Eight bytes are stored, of which six count. */
-void StoreThreeByteUnits(uint64_t unit1, uint64_t unit2, char *out)
+void CodeSetStoreThreeByteUnits(uint64_t unit1, uint64_t unit2, char *out)
 {
    const uint64_t units = unit1 | unit2 << 24;
    const uint64_t bytes = 0x8080E08080E0 | (units >> 12 & 0x00000F00000F) | (units << 2 & 0x003F00003F00) |
@@ -180,18 +133,14 @@ void StoreThreeByteUnits(uint64_t unit1, uint64_t unit2, char *out)
    memcpy(out, &bytes, sizeof bytes);
 }
 
-bool DecodeRuns(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
-                char **output)
+char *CodeSetDecodeUtf16Runs(const unsigned char **input, const unsigned char *stop, const unsigned char *end,
+                             char *out)
 {
-   constexpr ptrdiff_t runBytes = RUN * sizeof(uint16_t);
-   /* With one more unit to come behind the two, the output has room for the whole of their store. */
-   constexpr ptrdiff_t pairBytes = 3 * sizeof(uint16_t);
    const unsigned char *next = *input;
-   char *out = *output;
    while (next < stop) {
-      if (stop - next >= runBytes) {
-         const size_t ascii = LeadingAsciiUnits(next);
-         NarrowRun(next, out);
+      if (stop - next >= static_cast<ptrdiff_t>(RUN * sizeof(uint16_t))) {
+         const size_t ascii = CodeSetLeadingAsciiUnits(next);
+         CodeSetNarrowRun(next, out);
          next += ascii * sizeof(uint16_t);
          out += ascii;
          if (ascii == RUN) {
@@ -199,63 +148,66 @@ bool DecodeRuns(const unsigned char **input, const unsigned char *stop, const un
          }
       }
       do {
-         while (stop - next >= pairBytes && IsThreeByteUnit(LoadUnit(next)) &&
-                IsThreeByteUnit(LoadUnit(next + 2))) {
-            StoreThreeByteUnits(LoadUnit(next), LoadUnit(next + 2), out);
+         /* With one more unit to come behind the two, the output has room for the whole of their store. */
+         while (stop - next >= static_cast<ptrdiff_t>(3 * sizeof(uint16_t)) &&
+                CodeSetTakesThreeBytes(CodeSetLoadUnit(next)) &&
+                CodeSetTakesThreeBytes(CodeSetLoadUnit(next + 2))) {
+            CodeSetStoreThreeByteUnits(CodeSetLoadUnit(next), CodeSetLoadUnit(next + 2), out);
             next += 2 * sizeof(uint16_t);
             out += 6;
          }
-         uint32_t codePoint = LoadUnit(next);
+         uint32_t codePoint = CodeSetLoadUnit(next);
          if (Utf16_IsSurrogate(codePoint)) {
-            if (DecodeUtf16(next, end, &codePoint) == 0) {
-               return false;
+            if (CodeSetDecodeUtf16(next, end, &codePoint) == 0) {
+               return nullptr;
             }
             next += sizeof(uint16_t);
          }
          next += sizeof(uint16_t);
          out = Utf8_Encode(codePoint, out);
-      } while (next < stop && LoadUnit(next) >= 0x80);
+      } while (next < stop && CodeSetLoadUnit(next) >= 0x80);
    }
    *input = next;
-   *output = out;
-   return true;
+   return out;
 }
 
-bool EncodeLatin1(const unsigned char **input, const unsigned char *stop, const unsigned char * /*end*/,
-                  char **output)
+char *CodeSetEncodeLatin1(const unsigned char **input, const unsigned char *stop,
+                          const unsigned char * /*end*/, char *out)
 {
-   const unsigned char *next = *input;
-   char *out = *output;
-   while (next < stop) {
-      out = Utf8_Encode(*next++, out);
+   for (; *input < stop; ++*input) {
+      out = Utf8_Encode(**input, out);
    }
-   *input = next;
-   *output = out;
-   return true;
+   return out;
 }
 
-/* How much input a loop may begin to convert, for what each unit of unitBytes takes at most in the output; the last code
-   point has the room of four bytes, as its unit may be the first of two, and as it is stored whole. */
-template <size_t unitBytes, size_t outputPerUnit> size_t InputForRoom(size_t room)
-{
-   return ((room - MAX_CODE_POINT_BYTES) / outputPerUnit + 1) * unitBytes;
-}
+/* A loop, how many bytes its unit has, and how many that takes at most in the output. */
+struct CodeSetConversion {
+   CodeSetLoop loop;
+   size_t unitBytes;
+   size_t outputPerUnit;
+};
 
-/* Room is made for one code point whenever there is none, so that the output grows by the buffer's own rule. */
-template <ConvertRuns convertRuns, size_t unitBytes, size_t outputPerUnit>
-bool ConvertAll(const void *input, size_t length, DynBuf *output)
+constexpr CodeSetConversion UTF8_TO_UTF16LE = {CodeSetEncodeUtf16, 1, 2};
+constexpr CodeSetConversion UTF16LE_TO_UTF8 = {CodeSetDecodeUtf16Runs, 2, 3};
+constexpr CodeSetConversion LATIN1_TO_UTF8 = {CodeSetEncodeLatin1, 1, 2};
+
+/* Room is made for one code point whenever there is none, so that the output grows by the buffer's own rule. A loop begins
+   on what fits; the last code point has the room of four bytes, as its unit may be the first of two, and as
+   it is stored whole. */
+bool CodeSetRun(const CodeSetConversion &conversion, const void *input, size_t length, DynBuf *output)
 {
    const auto *next = static_cast<const unsigned char *>(input);
    const unsigned char *const end = next + length;
    uint64_t size = output->size;
    while (next < end) {
-      if (!MakeRoom(output, size)) {
+      if (!CodeSetMakeRoom(output, size)) {
          return false;
       }
-      const size_t fitting = InputForRoom<unitBytes, outputPerUnit>(output->allocated - size);
+      const size_t room = output->allocated - size - MAX_CODE_POINT_BYTES;
+      const size_t fitting = (room / conversion.outputPerUnit + 1) * conversion.unitBytes;
       const unsigned char *const stop = next + std::min(fitting, static_cast<size_t>(end - next));
-      char *out = output->data + size;
-      if (!convertRuns(&next, stop, end, &out)) {
+      const char *const out = conversion.loop(&next, stop, end, output->data + size);
+      if (out == nullptr) {
          return false;
       }
       size = static_cast<uint64_t>(out - output->data);
@@ -264,26 +216,20 @@ bool ConvertAll(const void *input, size_t length, DynBuf *output)
    return true;
 }
 
-bool IsValidUtf16le(const void *input, size_t length)
+bool CodeSetIsValidUtf16le(const void *input, size_t length)
 {
-   if (length % 2 != 0) {
-      return false;
-   }
    const auto *next = static_cast<const unsigned char *>(input);
    const unsigned char *const end = next + length;
-   while (next < end) {
+   size_t n = length % 2 == 0 ? 2 : 0;
+   for (; n != 0 && next < end; next += n) {
       uint32_t codePoint;
-      const size_t n = DecodeUtf16(next, end, &codePoint);
-      if (n == 0) {
-         return false;
-      }
-      next += n;
+      n = CodeSetDecodeUtf16(next, end, &codePoint);
    }
-   return true;
+   return n != 0;
 }
 
 /* A copy with the two bytes of each pair swapped, and an odd last byte as it is; null if memory runs out. */
-Owned<char> SwappedCopy(const void *input, size_t length)
+Owned<char> CodeSetSwappedCopy(const void *input, size_t length)
 {
    Owned<char> copy(static_cast<char *>(malloc(length + 1)));
    if (copy != nullptr && length != 0) {
@@ -295,32 +241,27 @@ Owned<char> SwappedCopy(const void *input, size_t length)
    return copy;
 }
 
-size_t AsciiRunLength(const unsigned char *next, const unsigned char *end)
-{
-   return static_cast<size_t>(std::find_if(next, end, [](unsigned char byte) { return byte >= 0x80; }) -
-                              next);
-}
-
 /* How much of the input one substitute stands for. */
-using SubstitutedLength = size_t (*)(const unsigned char *next, const unsigned char *end);
+using CodeSetSubstitutedLength = size_t (*)(const unsigned char *next, const unsigned char *end);
 
-size_t OneByte(const unsigned char * /*next*/, const unsigned char * /*end*/)
+size_t CodeSetOneByte(const unsigned char * /*next*/, const unsigned char * /*end*/)
 {
    return 1;
 }
 
-size_t OneSequence(const unsigned char *next, const unsigned char *end)
+size_t CodeSetOneSequence(const unsigned char *next, const unsigned char *end)
 {
    uint32_t codePoint;
    return static_cast<size_t>(std::max(Utf8_Decode(next, end, &codePoint), 1));
 }
 
 /* Runs of ASCII as they are; for what lies between them, what the mode says. */
-bool AppendAscii(const unsigned char *next, const unsigned char *end, uint32_t mode,
-                 std::string_view substitute, SubstitutedLength substitutedLength, DynBuf *output)
+bool CodeSetAppendAscii(const unsigned char *next, const unsigned char *end, uint32_t mode,
+                        std::string_view substitute, CodeSetSubstitutedLength substitutedLength,
+                        DynBuf *output)
 {
    while (true) {
-      const size_t run = AsciiRunLength(next, end);
+      const size_t run = Ascii_PrefixLength(next, static_cast<size_t>(end - next));
       if (!DynBuf_Append(output, next, run)) {
          return false;
       }
@@ -338,41 +279,42 @@ bool AppendAscii(const unsigned char *next, const unsigned char *end, uint32_t m
    }
 }
 
-bool CopyAscii(const void *input, size_t length, uint32_t mode, std::string_view substitute,
-               SubstitutedLength substitutedLength, DynBuf *output)
+bool CodeSetCopyAscii(const void *input, size_t length, uint32_t mode, std::string_view substitute,
+                      CodeSetSubstitutedLength substitutedLength, DynBuf *output)
 {
    const uint64_t sizeBefore = output->size;
    const auto *next = static_cast<const unsigned char *>(input);
-   if (!AppendAscii(next, next + length, mode, substitute, substitutedLength, output)) {
+   if (!CodeSetAppendAscii(next, next + length, mode, substitute, substitutedLength, output)) {
       output->size = sizeBefore;
       return false;
    }
    return true;
 }
 
-/* Equal encodings: checked where there is a check, then copied. */
-bool CopyValidated(EncodingId encoding, const void *input, size_t length, DynBuf *output)
+/* Valid in the encoding, or in one that has no check. */
+bool CodeSetIsCopyable(EncodingId encoding, const void *input, size_t length)
 {
-   bool valid = true;
-   if (encoding == ENCODING_UTF8) {
-      valid = CodeSet_IsValidUtf8Buffer(input, length);
-   } else if (encoding == ENCODING_UTF16_LE) {
-      valid = IsValidUtf16le(input, length);
-   } else if (encoding == ENCODING_UTF16_BE) {
-      const Owned<char> swapped = SwappedCopy(input, length);
-      valid = swapped != nullptr && IsValidUtf16le(swapped.get(), length);
-   } else if (encoding == ENCODING_US_ASCII) {
-      const auto *bytes = static_cast<const unsigned char *>(input);
-      valid = AsciiRunLength(bytes, bytes + length) == length;
+   switch (encoding) {
+   case ENCODING_UTF8:
+      return CodeSet_IsValidUtf8Buffer(input, length);
+   case ENCODING_UTF16_LE:
+      return CodeSetIsValidUtf16le(input, length);
+   case ENCODING_UTF16_BE: {
+      const Owned<char> swapped = CodeSetSwappedCopy(input, length);
+      return swapped != nullptr && CodeSetIsValidUtf16le(swapped.get(), length);
    }
-   return valid && DynBuf_Append(output, input, length);
+   case ENCODING_US_ASCII:
+      return Ascii_PrefixLength(input, length) == length;
+   default:
+      return true;
+   }
 }
 
 /* An empty output takes over the block of the conversion, which carries a terminator beyond its size. */
-bool Utf8ToUtf16leAttached(const void *input, size_t length, DynBuf *output)
+bool CodeSetUtf8ToUtf16leAttached(const void *input, size_t length, DynBuf *output)
 {
    constexpr char terminator[4] = {};
-   Scratch scratch;
+   OwnedDynBuf scratch;
    if (!CodeSetBuiltin_Utf8ToUtf16le(input, length, &scratch) ||
        !DynBuf_Append(&scratch, terminator, sizeof terminator) || !DynBuf_Trim(&scratch)) {
       return false;
@@ -389,33 +331,18 @@ bool Utf8ToUtf16leAttached(const void *input, size_t length, DynBuf *output)
 
 bool CodeSetBuiltin_Utf8ToUtf16le(const void *input, size_t length, DynBuf *output)
 {
-   return ConvertAll<EncodeRuns, 1, 2>(input, length, output);
+   return CodeSetRun(UTF8_TO_UTF16LE, input, length, output);
 }
 
 bool CodeSetBuiltin_Utf16leToUtf8(const void *input, size_t length, DynBuf *output)
 {
-   return length % 2 == 0 && ConvertAll<DecodeRuns, 2, 3>(input, length, output);
+   return length % 2 == 0 && CodeSetRun(UTF16LE_TO_UTF8, input, length, output);
 }
 
 bool CodeSetBuiltin_Utf16beToUtf8(const void *input, size_t length, DynBuf *output)
 {
-   const Owned<char> swapped = SwappedCopy(input, length);
+   const Owned<char> swapped = CodeSetSwappedCopy(input, length);
    return swapped != nullptr && CodeSetBuiltin_Utf16leToUtf8(swapped.get(), length, output);
-}
-
-bool CodeSetBuiltin_AsciiToUtf8(const void *input, size_t length, uint32_t mode, DynBuf *output)
-{
-   return CopyAscii(input, length, mode, "\xEF\xBF\xBD", OneByte, output);
-}
-
-bool CodeSetBuiltin_Utf8ToAscii(const void *input, size_t length, uint32_t mode, DynBuf *output)
-{
-   return CopyAscii(input, length, mode, "\x1A", OneSequence, output);
-}
-
-bool CodeSetBuiltin_Latin1ToUtf8(const void *input, size_t length, DynBuf *output)
-{
-   return ConvertAll<EncodeLatin1, 1, 2>(input, length, output);
 }
 
 bool CodeSetBuiltin_Convert(EncodingId source, const void *input, size_t length, EncodingId target,
@@ -425,14 +352,16 @@ bool CodeSetBuiltin_Convert(EncodingId source, const void *input, size_t length,
       return true;
    }
    if (source == target) {
-      return CopyValidated(source, input, length, output);
+      return CodeSetIsCopyable(source, input, length) && DynBuf_Append(output, input, length);
    }
    if (source == ENCODING_UTF8 && current == ENCODING_UTF8) {
-      return target == ENCODING_UTF16_LE && Utf8ToUtf16leAttached(input, length, output);
+      return target == ENCODING_UTF16_LE && CodeSetUtf8ToUtf16leAttached(input, length, output);
    }
-   if (source == ENCODING_UTF8) {
-      return (target == ENCODING_US_ASCII && CodeSetBuiltin_Utf8ToAscii(input, length, mode, output)) ||
-             (target == ENCODING_UTF16_LE && CodeSetBuiltin_Utf8ToUtf16le(input, length, output));
+   if (source == ENCODING_UTF8 && target == ENCODING_UTF16_LE) {
+      return CodeSetBuiltin_Utf8ToUtf16le(input, length, output);
+   }
+   if (source == ENCODING_UTF8 && target == ENCODING_US_ASCII) {
+      return CodeSetCopyAscii(input, length, mode, "\x1A", CodeSetOneSequence, output);
    }
    if (target != ENCODING_UTF8) {
       return false;
@@ -443,9 +372,9 @@ bool CodeSetBuiltin_Convert(EncodingId source, const void *input, size_t length,
    case ENCODING_UTF16_BE:
       return CodeSetBuiltin_Utf16beToUtf8(input, length, output);
    case ENCODING_US_ASCII:
-      return CodeSetBuiltin_AsciiToUtf8(input, length, mode, output);
+      return CodeSetCopyAscii(input, length, mode, "\xEF\xBF\xBD", CodeSetOneByte, output);
    case ENCODING_ISO_8859_1:
-      return CodeSetBuiltin_Latin1ToUtf8(input, length, output);
+      return CodeSetRun(LATIN1_TO_UTF8, input, length, output);
    default:
       return false;
    }

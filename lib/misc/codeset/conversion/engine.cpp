@@ -6,18 +6,18 @@
 
 namespace {
 
-std::atomic<const CodeSetEngine *> engineInUse{nullptr};
+std::atomic<const CodeSetEngine *> sEngine{nullptr};
 
 } // namespace
 
 const CodeSetEngine *CodeSetEngine_Get()
 {
-   return engineInUse.load(std::memory_order_acquire);
+   return sEngine.load(std::memory_order_acquire);
 }
 
 void CodeSetEngine_Set(const CodeSetEngine *engine)
 {
-   engineInUse.store(engine, std::memory_order_release);
+   sEngine.store(engine, std::memory_order_release);
 }
 
 void CodeSet_DontUseIcu()

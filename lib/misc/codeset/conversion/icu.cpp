@@ -16,19 +16,19 @@ constexpr const char *MODULE = "lib/misc/codeset";
 /* Characters between the two encodings are held here, in UTF-16, on their way. */
 constexpr size_t PIVOT_UNITS = 1024;
 
-struct CloseConverter {
+struct CodeSetIcuCloseConverter {
    void operator()(UConverter *converter) const
    {
       ucnv_close(converter);
    }
 };
 
-using Converter = std::unique_ptr<UConverter, CloseConverter>;
+using CodeSetIcuConverter = std::unique_ptr<UConverter, CodeSetIcuCloseConverter>;
 
-Converter Open(const char *name)
+CodeSetIcuConverter CodeSetIcuOpen(const char *name)
 {
    UErrorCode status = U_ZERO_ERROR;
-   Converter converter(ucnv_open(name, &status));
+   CodeSetIcuConverter converter(ucnv_open(name, &status));
    if (status > U_ZERO_ERROR) {
       converter.reset();
    }
@@ -36,10 +36,11 @@ Converter Open(const char *name)
 }
 
 /* Later ICUs than 4.4 leave characters that are usually invisible out, where the mode wants them refused or substituted like
-   any other. Stopping leaves the status as it was found; the substitute is written for what counts as illegal. */
+   any other. Stopping leaves the status as it was found; the substitute is written for what counts as
+   illegal. */
 
 void CodeSetIcuRefuse(const void *context, UConverterFromUnicodeArgs *args, const UChar *codeUnits,
-                       int32_t length, int32_t codePoint, UConverterCallbackReason reason, UErrorCode *status)
+                      int32_t length, int32_t codePoint, UConverterCallbackReason reason, UErrorCode *status)
 {
    const UErrorCode found = *status;
    UCNV_FROM_U_CALLBACK_STOP(context, args, codeUnits, length, codePoint, reason, status);
@@ -54,27 +55,27 @@ void CodeSetIcuSubstitute(const void *context, UConverterFromUnicodeArgs *args, 
                                    reason == UCNV_UNASSIGNED ? UCNV_ILLEGAL : reason, status);
 }
 
-struct Callbacks {
+struct CodeSetIcuCallbacks {
    UConverterToUCallback toUnicode;
    UConverterFromUCallback fromUnicode;
 };
 
 /* In the order of the conversion modes. */
-constexpr std::array<Callbacks, 3> callbacks = {{
+constexpr std::array<CodeSetIcuCallbacks, 3> CALLBACKS = {{
     {UCNV_TO_U_CALLBACK_STOP, CodeSetIcuRefuse},
     {UCNV_TO_U_CALLBACK_SUBSTITUTE, CodeSetIcuSubstitute},
     {UCNV_TO_U_CALLBACK_SKIP, UCNV_FROM_U_CALLBACK_SKIP},
 }};
 
 /* Without a context, so that substitution and skipping act on illegal, irregular and unassigned input alike. */
-bool InstallToUnicode(UConverter *converter, UConverterToUCallback callback)
+bool CodeSetIcuInstallToUnicode(UConverter *converter, UConverterToUCallback callback)
 {
    UErrorCode status = U_ZERO_ERROR;
    ucnv_setToUCallBack(converter, callback, nullptr, nullptr, nullptr, &status);
    return status <= U_ZERO_ERROR;
 }
 
-bool InstallFromUnicode(UConverter *converter, UConverterFromUCallback callback)
+bool CodeSetIcuInstallFromUnicode(UConverter *converter, UConverterFromUCallback callback)
 {
    UErrorCode status = U_ZERO_ERROR;
    ucnv_setFromUCallBack(converter, callback, nullptr, nullptr, nullptr, &status);
@@ -82,7 +83,7 @@ bool InstallFromUnicode(UConverter *converter, UConverterFromUCallback callback)
 }
 
 /* Positions are kept over an overflow: the converters, the pivot and the source go on from where the output ended. */
-bool Run(UConverter *source, UConverter *target, const char *input, size_t length, DynBuf *output)
+bool CodeSetIcuRun(UConverter *source, UConverter *target, const char *input, size_t length, DynBuf *output)
 {
    std::array<UChar, PIVOT_UNITS> pivot;
    UChar *pivotSource = pivot.data();
@@ -106,35 +107,35 @@ bool Run(UConverter *source, UConverter *target, const char *input, size_t lengt
    }
 }
 
-bool Convert(const char *sourceName, const void *input, size_t length, const char *targetName, uint32_t mode,
-             DynBuf *output)
+bool CodeSetIcuConvert(const char *sourceName, const void *input, size_t length, const char *targetName,
+                       uint32_t mode, DynBuf *output)
 {
    constexpr size_t slack = 4;
-   const Converter source = Open(sourceName);
-   const Converter target = Open(targetName);
+   const CodeSetIcuConverter source = CodeSetIcuOpen(sourceName);
+   const CodeSetIcuConverter target = CodeSetIcuOpen(targetName);
    if (source == nullptr || target == nullptr) {
       return false;
    }
-   if (mode >= callbacks.size()) {
+   if (mode >= CALLBACKS.size()) {
       Panic("NOT_IMPLEMENTED %s:%d\n", MODULE, __LINE__);
    }
-   if (!InstallToUnicode(source.get(), callbacks[mode].toUnicode) ||
-       !InstallFromUnicode(target.get(), callbacks[mode].fromUnicode)) {
+   if (!CodeSetIcuInstallToUnicode(source.get(), CALLBACKS[mode].toUnicode) ||
+       !CodeSetIcuInstallFromUnicode(target.get(), CALLBACKS[mode].fromUnicode)) {
       return false;
    }
    if (length > SIZE_MAX - slack || !DynBuf_Enlarge(output, length + slack)) {
       return false;
    }
-   return Run(source.get(), target.get(), static_cast<const char *>(input), length, output);
+   return CodeSetIcuRun(source.get(), target.get(), static_cast<const char *>(input), length, output);
 }
 
-bool Validate(const char *buffer, size_t length, const char *encodingName)
+bool CodeSetIcuValidate(const char *buffer, size_t length, const char *encodingName)
 {
-   const Converter converter = Open(encodingName);
+   const CodeSetIcuConverter converter = CodeSetIcuOpen(encodingName);
    if (converter == nullptr) {
       Panic("VERIFY %s:%d\n", MODULE, __LINE__);
    }
-   if (!InstallToUnicode(converter.get(), UCNV_TO_U_CALLBACK_STOP)) {
+   if (!CodeSetIcuInstallToUnicode(converter.get(), UCNV_TO_U_CALLBACK_STOP)) {
       Panic("VERIFY %s:%d\n", MODULE, __LINE__);
    }
    UErrorCode status = U_ZERO_ERROR;
@@ -144,13 +145,14 @@ bool Validate(const char *buffer, size_t length, const char *encodingName)
    return status == U_BUFFER_OVERFLOW_ERROR;
 }
 
-bool IsEncodingSupported(const char *name)
+bool CodeSetIcuIsEncodingSupported(const char *name)
 {
-   return Open(name) != nullptr;
+   return CodeSetIcuOpen(name) != nullptr;
 }
 
-constexpr CodeSetEngine ICU_ENGINE = {
-    .convert = Convert, .validate = Validate, .isEncodingSupported = IsEncodingSupported};
+constexpr CodeSetEngine ICU_ENGINE = {.convert = CodeSetIcuConvert,
+                                      .validate = CodeSetIcuValidate,
+                                      .isEncodingSupported = CodeSetIcuIsEncodingSupported};
 
 } // namespace
 

@@ -4,7 +4,7 @@
 #include "lib/misc/codeset/conversion/engine.h"
 
 /* Tells ICU where its data file is, and gives the engine that runs on ICU. Null: there is no ICU in this build, where
-   codesetIcuAbsent.cpp stands in. */
+   icuAbsent.cpp stands in. */
 [[nodiscard]] const CodeSetEngine *CodeSetIcu_Open(const char *dataFile);
 
 #endif

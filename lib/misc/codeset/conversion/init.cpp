@@ -4,7 +4,6 @@
 #include "lib/misc/codeset/codeset.h"
 #include "lib/misc/codeset/conversion/icu.h"
 #include "lib/misc/memory/dynbuf.h"
-#include "lib/string/str.h"
 
 #include <atomic>
 #include <string_view>
@@ -19,80 +18,68 @@ constexpr useconds_t INIT_NAP_MICROSECONDS = 250000;
 /* Where a program without a resolver looks: a place that cannot exist, so that it runs without ICU. */
 constexpr std::string_view DEFAULT_DIRECTORY = "/dev/null/Non-existing DEFAULT_LIBDIRECTORY";
 
-std::atomic<uint32_t> initialised{0};
-std::atomic<uint32_t> initLock{0};
+std::atomic<uint32_t> sInitialised{0};
+std::atomic<uint32_t> sInitLock{0};
 
-bool Append(DynBuf *path, std::string_view text)
+bool CodeSetAppend(DynBuf *path, std::string_view text)
 {
    return DynBuf_Append(path, text.data(), text.size());
 }
 
-bool AppendDirectory(DynBuf *path, const char *dataDirectory, LocationLookup lookup)
+bool CodeSetAppendDirectory(DynBuf *path, const char *dataDirectory, LocationLookup lookup)
 {
    if (dataDirectory != nullptr) {
-      return Append(path, dataDirectory);
+      return CodeSetAppend(path, dataDirectory);
    }
    if (lookup == nullptr) {
-      return Append(path, DEFAULT_DIRECTORY) && Append(path, "/icu");
+      return CodeSetAppend(path, DEFAULT_DIRECTORY) && CodeSetAppend(path, "/icu");
    }
    const Owned<char> directory(lookup("icuDir"));
-   return directory != nullptr && Append(path, directory.get());
+   return directory != nullptr && CodeSetAppend(path, directory.get());
 }
 
 /* The full name of the data file, or null. */
-Owned<char> DataFilePath(const char *dataDirectory, LocationLookup lookup)
+Owned<char> CodeSetDataFilePath(const char *dataDirectory, LocationLookup lookup)
 {
-   DynBuf path;
-   DynBuf_Init(&path);
-   const bool complete = AppendDirectory(&path, dataDirectory, lookup) && Append(&path, "/") &&
-                         Append(&path, DATA_FILE) && Append(&path, std::string_view("\0", 1));
-   Owned<char> text(static_cast<char *>(DynBuf_Detach(&path)));
-   if (!complete) {
-      text.reset();
-   }
-   return text;
+   OwnedDynBuf path;
+   const bool complete = CodeSetAppendDirectory(&path, dataDirectory, lookup) && CodeSetAppend(&path, "/") &&
+                         CodeSetAppend(&path, DATA_FILE) && CodeSetAppend(&path, std::string_view("\0", 1));
+   return Owned<char>(complete ? static_cast<char *>(DynBuf_Detach(&path)) : nullptr);
 }
 
-bool IsFile(const char *path)
+bool CodeSetIsFile(const char *path)
 {
    struct stat status;
    return stat(path, &status) == 0 && !S_ISDIR(status.st_mode);
 }
 
-void LockInit()
+void CodeSetLockInit()
 {
    uint32_t unlocked = 0;
-   while (!initLock.compare_exchange_strong(unlocked, 1, std::memory_order_acquire)) {
+   while (!sInitLock.compare_exchange_strong(unlocked, 1, std::memory_order_acquire)) {
       unlocked = 0;
       usleep(INIT_NAP_MICROSECONDS);
    }
 }
 
-void UnlockInit()
+void CodeSetUnlockInit()
 {
-   initLock.store(0, std::memory_order_release);
-}
-
-[[noreturn]] void PanicNotInitialised()
-{
-   char message[64];
-   Str_Sprintf(message, sizeof message, "Failed to initialize codeset.\n");
-   Panic("%s", message);
+   sInitLock.store(0, std::memory_order_release);
 }
 
 } // namespace
 
 void Unicode_Init(const char *dataDirectory)
 {
-   LockInit();
-   if (initialised.load(std::memory_order_relaxed) == 0) {
+   CodeSetLockInit();
+   if (sInitialised.load(std::memory_order_relaxed) == 0) {
       if (!CodeSet_Init(dataDirectory)) {
-         UnlockInit();
-         PanicNotInitialised();
+         CodeSetUnlockInit();
+         Panic("%s", "Failed to initialize codeset.\n");
       }
-      initialised.store(1, std::memory_order_relaxed);
+      sInitialised.store(1, std::memory_order_relaxed);
    }
-   UnlockInit();
+   CodeSetUnlockInit();
 }
 
 void Unicode_Init()
@@ -112,8 +99,8 @@ void Unicode_Init(int /*argc*/, char ** /*argv*/, char ** /*environment*/, const
 
 void CodeSetInit_FindIcu(const char *dataDirectory, LocationLookup lookup)
 {
-   const Owned<char> path = DataFilePath(dataDirectory, lookup);
-   CodeSetEngine_Set(path != nullptr && IsFile(path.get()) ? CodeSetIcu_Open(path.get()) : nullptr);
+   const Owned<char> path = CodeSetDataFilePath(dataDirectory, lookup);
+   CodeSetEngine_Set(path != nullptr && CodeSetIsFile(path.get()) ? CodeSetIcu_Open(path.get()) : nullptr);
 }
 
 bool CodeSet_Init(const char *dataDirectory)

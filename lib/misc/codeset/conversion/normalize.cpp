@@ -10,10 +10,9 @@
 
 namespace {
 
-bool Normalize(const char *input, NormalizationForm form, char **output, size_t *outLength)
+bool CodeSetNormalize(const char *input, NormalizationForm form, char **output, size_t *outLength)
 {
-   DynBuf buffer;
-   DynBuf_Init(&buffer);
+   OwnedDynBuf buffer;
    if (input != nullptr) {
       char *normalized = Normalization_Normalize(input, form);
       if (normalized == nullptr) {
@@ -28,10 +27,10 @@ bool Normalize(const char *input, NormalizationForm form, char **output, size_t 
 
 bool CodeSet_Utf8FormC(const char *input, size_t /*length*/, char **output, size_t *outLength)
 {
-   return Normalize(input, NormalizationForm::Composed, output, outLength);
+   return CodeSetNormalize(input, NormalizationForm::Composed, output, outLength);
 }
 
 bool CodeSet_Utf8FormD(const char *input, size_t /*length*/, char **output, size_t *outLength)
 {
-   return Normalize(input, NormalizationForm::Decomposed, output, outLength);
+   return CodeSetNormalize(input, NormalizationForm::Decomposed, output, outLength);
 }

@@ -6,7 +6,6 @@ bool CodeSetResult_Finish(bool converted, DynBuf *buffer, char **output, size_t 
 {
    constexpr char terminator[4] = {};
    if (!converted || !DynBuf_Append(buffer, terminator, sizeof terminator) || !DynBuf_Trim(buffer)) {
-      DynBuf_Destroy(buffer);
       return false;
    }
    if (outLength != nullptr) {

@@ -3,7 +3,9 @@
 
 #include <cstddef>
 
-/* CodeSet_IsValidUtf8Buffer on a processor without wide steps, and for short texts. */
+/* The two ways of CodeSet_IsValidUtf8Buffer, which agree on every text: on any processor, and by steps of 32 bytes where
+   Processor_HasWideRegisters; there alone the second may be called. */
 bool CodeSetIsValidUtf8Portable(const unsigned char *text, size_t length);
+bool CodeSetIsValidUtf8Wide(const unsigned char *text, size_t length);
 
 #endif

@@ -2,11 +2,9 @@
    Instruction Per Byte" (2021): three tables, looked up by half bytes of each byte and of the one before it,
    say which errors their pair can be part of; where all three agree, it is one. */
 
-#include "lib/misc/codeset/conversion/utf8Wide.h"
+#include "lib/misc/codeset/conversion/utf8.h"
 
 #include <array>
-#include <atomic>
-#include <cpuid.h>
 #include <cstdint>
 #include <cstring>
 #include <immintrin.h>
@@ -18,7 +16,7 @@ namespace {
 constexpr size_t STEP = 32;
 
 /* What can be wrong with a byte and the one before it. */
-enum PairError : uint8_t {
+enum CodeSetPairError : uint8_t {
    TOO_SHORT = 1 << 0,      /* a lead or ASCII behind a lead */
    TOO_LONG = 1 << 1,       /* a continuation behind ASCII */
    OVERLONG_3 = 1 << 2,     /* E0 80..9F */
@@ -30,10 +28,10 @@ enum PairError : uint8_t {
    CONTINUATIONS = 1 << 7,  /* two: no error where a sequence of three or four asks for the second */
 };
 
-using Table = std::array<uint8_t, 16>;
+using CodeSetTable = std::array<uint8_t, 16>;
 
-constexpr Table firstHigh = [] {
-   Table table{};
+constexpr CodeSetTable FIRST_HIGH = [] {
+   CodeSetTable table{};
    for (size_t half = 0; half < 8; half++) {
       table[half] = TOO_LONG;
    }
@@ -47,9 +45,9 @@ constexpr Table firstHigh = [] {
    return table;
 }();
 
-constexpr Table firstLow = [] {
+constexpr CodeSetTable FIRST_LOW = [] {
    constexpr uint8_t any = TOO_SHORT | TOO_LONG | CONTINUATIONS;
-   Table table{};
+   CodeSetTable table{};
    for (size_t half = 0; half < 16; half++) {
       table[half] = half < 4 ? any : half == 4 ? any | TOO_LARGE : any | TOO_LARGE | TOO_LARGE_1000;
    }
@@ -59,9 +57,9 @@ constexpr Table firstLow = [] {
    return table;
 }();
 
-constexpr Table secondHigh = [] {
+constexpr CodeSetTable SECOND_HIGH = [] {
    constexpr uint8_t continuation = TOO_LONG | OVERLONG_2 | CONTINUATIONS;
-   Table table{};
+   CodeSetTable table{};
    table.fill(TOO_SHORT);
    table[0x8] = continuation | OVERLONG_3 | TOO_LARGE_1000 | OVERLONG_4;
    table[0x9] = continuation | OVERLONG_3 | TOO_LARGE;
@@ -71,59 +69,60 @@ constexpr Table secondHigh = [] {
 }();
 
 /* Vectors are passed about in registers: everything here is inlined into the loop. */
-using Vector = __m256i;
+using CodeSetVector = __m256i;
 
-AVX2 inline Vector Load(const unsigned char *from)
+AVX2 inline CodeSetVector CodeSetLoad(const unsigned char *from)
 {
-   Vector loaded;
+   CodeSetVector loaded;
    memcpy(&loaded, from, sizeof loaded);
    return loaded;
 }
 
-AVX2 inline Vector LookUp(const Table &table, Vector halves)
+AVX2 inline CodeSetVector CodeSetLookUp(const CodeSetTable &table, CodeSetVector halves)
 {
    __m128i row;
    memcpy(&row, table.data(), sizeof row);
    return _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(row), halves);
 }
 
-AVX2 inline Vector LowHalves(Vector bytes)
+AVX2 inline CodeSetVector CodeSetLowHalves(CodeSetVector bytes)
 {
    return _mm256_and_si256(bytes, _mm256_set1_epi8(0x0F));
 }
 
-AVX2 inline Vector HighHalves(Vector bytes)
+AVX2 inline CodeSetVector CodeSetHighHalves(CodeSetVector bytes)
 {
-   return LowHalves(_mm256_srli_epi16(bytes, 4));
+   return CodeSetLowHalves(_mm256_srli_epi16(bytes, 4));
 }
 
 /* Each byte's predecessor, DISTANCE bytes before it. */
-template <int DISTANCE> AVX2 inline Vector Before(Vector bytes, Vector previous)
+template <int DISTANCE> AVX2 inline CodeSetVector CodeSetBefore(CodeSetVector bytes, CodeSetVector previous)
 {
    return _mm256_alignr_epi8(bytes, _mm256_permute2x128_si256(previous, bytes, 0x21), 16 - DISTANCE);
 }
 
 /* Above the limit, the top bit is set. */
-AVX2 inline Vector AtLeast(Vector bytes, int limit)
+AVX2 inline CodeSetVector CodeSetAtLeast(CodeSetVector bytes, int limit)
 {
    return _mm256_subs_epu8(bytes, _mm256_set1_epi8(static_cast<char>(limit - 0x80)));
 }
 
 /* Not zero where there is an error. A byte two behind a lead of three, or three behind one of four, has to be the second of
    two continuations, and no other may be. */
-AVX2 inline Vector Errors(Vector bytes, Vector previous)
+AVX2 inline CodeSetVector CodeSetErrors(CodeSetVector bytes, CodeSetVector previous)
 {
-   const Vector before = Before<1>(bytes, previous);
-   const Vector pairs = _mm256_and_si256(
-       _mm256_and_si256(LookUp(firstHigh, HighHalves(before)), LookUp(firstLow, LowHalves(before))),
-       LookUp(secondHigh, HighHalves(bytes)));
-   const Vector asked =
-       _mm256_or_si256(AtLeast(Before<2>(bytes, previous), 0xE0), AtLeast(Before<3>(bytes, previous), 0xF0));
+   const CodeSetVector before = CodeSetBefore<1>(bytes, previous);
+   const CodeSetVector pairs =
+       _mm256_and_si256(_mm256_and_si256(CodeSetLookUp(FIRST_HIGH, CodeSetHighHalves(before)),
+                                         CodeSetLookUp(FIRST_LOW, CodeSetLowHalves(before))),
+                        CodeSetLookUp(SECOND_HIGH, CodeSetHighHalves(bytes)));
+   const CodeSetVector asked = _mm256_or_si256(CodeSetAtLeast(CodeSetBefore<2>(bytes, previous), 0xE0),
+                                               CodeSetAtLeast(CodeSetBefore<3>(bytes, previous), 0xF0));
    return _mm256_xor_si256(_mm256_and_si256(asked, _mm256_set1_epi8(static_cast<char>(0x80))), pairs);
 }
 
 /* Not zero if a sequence goes on behind these bytes. */
-AVX2 inline Vector Unfinished(Vector bytes)
+AVX2 inline CodeSetVector CodeSetUnfinished(CodeSetVector bytes)
 {
    constexpr std::array<uint8_t, STEP> last = [] {
       std::array<uint8_t, STEP> most{};
@@ -133,61 +132,29 @@ AVX2 inline Vector Unfinished(Vector bytes)
       most[STEP - 1] = 0xBF;
       return most;
    }();
-   return _mm256_subs_epu8(bytes, Load(last.data()));
+   return _mm256_subs_epu8(bytes, CodeSetLoad(last.data()));
 }
 
-AVX2 inline bool IsAscii(Vector bytes)
+AVX2 inline bool CodeSetIsAscii(CodeSetVector bytes)
 {
    return _mm256_movemask_epi8(bytes) == 0;
 }
 
-/* The system has to save the wide registers too. */
-bool FindWideSteps()
-{
-   unsigned a = 0;
-   unsigned b = 0;
-   unsigned c = 0;
-   unsigned d = 0;
-   constexpr unsigned systemSaves = bit_OSXSAVE | bit_AVX;
-   if (__get_cpuid(1, &a, &b, &c, &d) == 0 || (c & systemSaves) != systemSaves) {
-      return false;
-   }
-   uint32_t saved = 0;
-   uint32_t high = 0;
-   asm("xgetbv" : "=a"(saved), "=d"(high) : "c"(0));
-   constexpr uint32_t wideRegisters = 6;
-   return (saved & wideRegisters) == wideRegisters && __get_cpuid_count(7, 0, &a, &b, &c, &d) != 0 &&
-          (b & bit_AVX2) != 0;
-}
-
 } // namespace
-
-/* Asked once: where the machine is a guest, the host answers, which takes its time. Threads that ask at the same time get
-   the same answer. */
-bool CodeSetHasWideSteps()
-{
-   enum class Answer : uint8_t { UNKNOWN, NO, YES };
-   static std::atomic<Answer> known = Answer::UNKNOWN;
-   Answer answer = known.load(std::memory_order_relaxed);
-   if (answer == Answer::UNKNOWN) {
-      answer = FindWideSteps() ? Answer::YES : Answer::NO;
-      known.store(answer, std::memory_order_relaxed);
-   }
-   return answer == Answer::YES;
-}
 
 AVX2 bool CodeSetIsValidUtf8Wide(const unsigned char *text, size_t length)
 {
-   Vector errors = _mm256_setzero_si256();
-   Vector previous = errors;
+   CodeSetVector errors = _mm256_setzero_si256();
+   CodeSetVector previous = errors;
    const unsigned char *const end = text + length;
    for (; static_cast<size_t>(end - text) >= 2 * STEP; text += 2 * STEP) {
-      const Vector first = Load(text);
-      const Vector second = Load(text + STEP);
-      if (IsAscii(_mm256_or_si256(first, second))) {
-         errors = _mm256_or_si256(errors, Unfinished(previous));
+      const CodeSetVector first = CodeSetLoad(text);
+      const CodeSetVector second = CodeSetLoad(text + STEP);
+      if (CodeSetIsAscii(_mm256_or_si256(first, second))) {
+         errors = _mm256_or_si256(errors, CodeSetUnfinished(previous));
       } else {
-         errors = _mm256_or_si256(errors, _mm256_or_si256(Errors(first, previous), Errors(second, first)));
+         errors = _mm256_or_si256(
+             errors, _mm256_or_si256(CodeSetErrors(first, previous), CodeSetErrors(second, first)));
       }
       previous = second;
    }
@@ -195,8 +162,8 @@ AVX2 bool CodeSetIsValidUtf8Wide(const unsigned char *text, size_t length)
    std::array<unsigned char, 2 * STEP + STEP> rest{};
    memcpy(rest.data(), text, static_cast<size_t>(end - text));
    for (size_t at = 0; at < rest.size(); at += STEP) {
-      const Vector bytes = Load(&rest[at]);
-      errors = _mm256_or_si256(errors, Errors(bytes, previous));
+      const CodeSetVector bytes = CodeSetLoad(&rest[at]);
+      errors = _mm256_or_si256(errors, CodeSetErrors(bytes, previous));
       previous = bytes;
    }
    return _mm256_testz_si256(errors, errors) != 0;

@@ -1,11 +1,7 @@
-#include "lib/misc/codeset/conversion/utf8Wide.h"
+#include "lib/misc/codeset/conversion/utf8.h"
 
-bool CodeSetHasWideSteps()
+/* Built in the place of utf8Wide.cpp for processors without such registers, where nobody calls it. */
+bool CodeSetIsValidUtf8Wide(const unsigned char *text, size_t length)
 {
-   return false;
-}
-
-bool CodeSetIsValidUtf8Wide(const unsigned char * /*text*/, size_t /*length*/)
-{
-   return false;
+   return CodeSetIsValidUtf8Portable(text, length);
 }

@@ -1,0 +1,331 @@
+#include "tools/dictEdit.h"
+
+#include "base/owned.h"
+#include "lib/dict/dictll.h"
+#include "lib/file/fileIO.h"
+#include "lib/file/fileLock.h"
+#include "lib/misc/host/posixInt.h"
+#include "lib/misc/memory/secret.h"
+#include "lib/misc/memory/util.h"
+#include "lib/public/program.h"
+#include "lib/string/str.h"
+#include "lib/user/dictionary.h"
+#include "lib/user/dictionary/encoding.h"
+#include "lib/user/dictionary/file.h"
+#include "lib/user/dictionary/write.h"
+#include "lib/user/msgList.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *MODULE = "tools/dictEdit";
+
+constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+
+struct DictEditEnd {
+   void operator()(Dictionary *dictionary) const
+   {
+      Dictionary_Free(dictionary);
+   }
+};
+
+using OwnedDictionary = std::unique_ptr<Dictionary, DictEditEnd>;
+
+/* An open file, closed at the end of the scope. */
+struct DictEditFile : FileIOHandle {
+   DictEditFile() = default;
+   DictEditFile(const DictEditFile &) = delete;
+   DictEditFile &operator=(const DictEditFile &) = delete;
+
+   ~DictEditFile()
+   {
+      FileIO_Close(this);
+   }
+};
+
+/* Where a setting stands in the content of a file. */
+struct DictEditPlace {
+   std::string_view line; /* With its line feed, if it has one. */
+   std::string_view token;
+};
+
+std::string_view DictEditView(DynBuf *buffer)
+{
+   return {buffer->data, buffer->size};
+}
+
+void DictEditAppend(DynBuf *buffer, std::string_view bytes)
+{
+   Secret_SafeAppend(buffer, bytes.data(), bytes.size(), MODULE, __LINE__);
+}
+
+bool DictEditRead(const FileIOHandle &file, DynBuf *content, MsgList *messages)
+{
+   std::array<char, 16384> block;
+   ssize_t count;
+
+   while ((count = Uninterrupted([&] { return read(file.fd, block.data(), block.size()); })) > 0) {
+      DictEditAppend(content, {block.data(), static_cast<size_t>(count)});
+   }
+   Secret_Zero(block.data(), block.size());
+   if (count == -1) {
+      MsgList_Append(messages, MSGLIST_ID("dictionary.load.openFailed") "Cannot open file \"%s\": %s.\n",
+                     file.path, strerror(errno));
+   }
+   return count == 0;
+}
+
+bool DictEditFind(std::string_view content, std::string_view name, DictEditPlace *place)
+{
+   DictLLParts parts;
+
+   content.remove_prefix(content.starts_with(BYTE_ORDER_MARK) ? BYTE_ORDER_MARK.size() : 0);
+   while (!content.empty()) {
+      const std::string_view text = content.substr(0, content.find('\n'));
+      const std::string_view line = content.substr(0, text.size() + 1);
+      if (DictLL_ParseLine(text, &parts) && parts.name.size() == name.size() &&
+          strncasecmp(parts.name.data(), name.data(), name.size()) == 0) {
+         *place = {.line = line, .token = parts.token};
+         return true;
+      }
+      content.remove_prefix(line.size());
+   }
+   return false;
+}
+
+/* The content with the bytes of old, a part of it, replaced. */
+void DictEditSplice(DynBuf *result, std::string_view content, std::string_view old, std::string_view put)
+{
+   const auto before = static_cast<size_t>(old.data() - content.data());
+   DictEditAppend(result, content.substr(0, before));
+   DictEditAppend(result, put);
+   DictEditAppend(result, content.substr(before + old.size()));
+}
+
+void DictEditAddAtEnd(DynBuf *result, std::string_view content, std::string_view line)
+{
+   DictEditAppend(result, content);
+   if (!content.empty() && content != BYTE_ORDER_MARK && !content.ends_with('\n')) {
+      DictEditAppend(result, "\n");
+   }
+   DictEditAppend(result, line);
+}
+
+/* A line for the setting in the file's encoding; false, reported, if that cannot hold the value. */
+bool DictEditMakeLine(EncodingId encoding, const DictEdit &edit, DynBuf *line, MsgList *messages)
+{
+   const SecretString encoded = DictionaryEncodeValue(edit.value, encoding);
+   if (encoded == nullptr) {
+      DictionaryReportBadOutput(edit.value, edit.name, encoding, messages);
+      return false;
+   }
+   if (!DictLL_MarshalLine(line, edit.name, encoded.get())) {
+      Panic("MEM_ALLOC %s:%d\n", MODULE, __LINE__);
+   }
+   return true;
+}
+
+bool DictEditRewrite(EncodingId encoding, const DictEdit &edit, std::string_view content, DynBuf *result,
+                     MsgList *messages)
+{
+   SecretBuffer line;
+   DictEditPlace place;
+   DictLLParts parts;
+
+   const bool found = DictEditFind(content, edit.name, &place);
+   if (edit.value == nullptr) {
+      DictEditSplice(result, content, place.line, "");
+      return true;
+   }
+   if (!DictEditMakeLine(encoding, edit, line.get(), messages)) {
+      return false;
+   }
+   const std::string_view text = DictEditView(line.get());
+   if (!found) {
+      DictEditAddAtEnd(result, content, text);
+   } else if (DictLL_ParseLine(text.substr(0, text.size() - 1), &parts)) {
+      DictEditSplice(result, content, place.token, parts.token);
+   }
+   return true;
+}
+
+/* The content as it should be in result; an outcome if there is nothing to write. */
+std::optional<DictEditResult> DictEditChange(const DictEdit &edit, std::string_view content, DynBuf *result,
+                                             MsgList *messages)
+{
+   const OwnedDictionary dictionary(Dictionary_Create());
+
+   if (!Dictionary_LoadFromContent(dictionary.get(), content, edit.path, messages)) {
+      return DictEditResult::FAILED;
+   }
+   if (!DictionaryCheckIntegrity(dictionary.get())) {
+      DictionaryReportExport(messages);
+      return DictEditResult::FAILED;
+   }
+   const SecretString old(Dictionary_GetText(dictionary.get(), edit.name));
+   if (edit.value == nullptr && old == nullptr) {
+      return DictEditResult::ABSENT;
+   }
+   if (edit.value != nullptr && old != nullptr && strcmp(old.get(), edit.value) == 0) {
+      return DictEditResult::DONE;
+   }
+   if (!DictEditRewrite(Dictionary_GetEncoding(dictionary.get()), edit, content, result, messages)) {
+      return DictEditResult::FAILED;
+   }
+   return std::nullopt;
+}
+
+DictEditResult DictEditReplace(FileIOHandle *file, const DictEdit &edit, MsgList *messages)
+{
+   SecretBuffer content;
+   SecretBuffer result;
+
+   if (!DictEditRead(*file, content.get(), messages)) {
+      return DictEditResult::FAILED;
+   }
+   const std::optional<DictEditResult> outcome =
+       DictEditChange(edit, DictEditView(content.get()), result.get(), messages);
+   if (outcome.has_value()) {
+      return *outcome;
+   }
+   const bool replaced = DictionaryFile_Replace(file, DictEditView(result.get()), messages);
+   return DictionaryFile_Close(file, messages) && replaced ? DictEditResult::DONE : DictEditResult::FAILED;
+}
+
+/* Opens a new file under the temporary name, in the folder where it is to stand. */
+bool DictEditOpenNew(FileIOHandle *temporary, const char *path)
+{
+   static constexpr mode_t mode = 0754;
+   const std::string_view whole(path);
+   const size_t slash = whole.rfind('/') + 1; /* 0 where there is none. */
+   const Owned<char> folder(slash != 0 ? Util_SafeStrndup(path, slash) : Util_SafeStrdup("."));
+
+   temporary->path = Str_SafeAsprintf(nullptr, "%s~", path);
+   temporary->folder = open(folder.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+   if (temporary->folder == -1) {
+      return false;
+   }
+   const char *const name = temporary->path + slash;
+   if (unlinkat(temporary->folder, name, 0) == -1 && errno != ENOENT) {
+      return false;
+   }
+   temporary->fd = openat(temporary->folder, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+   return temporary->fd != -1;
+}
+
+/* The file comes to be with its content, so that nobody ever sees it empty. */
+DictEditResult DictEditMake(const DictEdit &edit, MsgList *messages)
+{
+   DictEditFile file;
+   DictEditFile temporary;
+   SecretBuffer content;
+   SecretBuffer result;
+
+   DictEditAppend(content.get(), ".encoding = \"UTF-8\"\n");
+   const std::optional<DictEditResult> outcome =
+       DictEditChange(edit, DictEditView(content.get()), result.get(), messages);
+   if (outcome.has_value()) {
+      return *outcome;
+   }
+   file.path = Util_SafeStrdup(edit.path);
+   if (!DictEditOpenNew(&temporary, edit.path)) {
+      MsgList_Append(messages, MSGLIST_ID("dictionary.open") "Cannot open configuration file \"%s\": %s.\n",
+                     edit.path, strerror(errno));
+      return DictEditResult::FAILED;
+   }
+   return DictionaryFile_Store(&file, &temporary, DictEditView(result.get()), messages)
+              ? DictEditResult::DONE
+              : DictEditResult::FAILED;
+}
+
+DictEditResult DictEditLocked(const DictEdit &edit, MsgList *messages)
+{
+   struct stat attributes;
+   DictEditFile file;
+
+   /* Of a link that leads nowhere it is not known whose file it would make. */
+   if (edit.value != nullptr && lstat(edit.path, &attributes) == -1 && errno == ENOENT) {
+      return DictEditMake(edit, messages);
+   }
+   if (!DictEdit_OpenFile(&file, edit.path, O_RDWR, edit.maxBytes, messages)) {
+      return DictEditResult::FAILED;
+   }
+   return DictEditReplace(&file, edit, messages);
+}
+
+void DictEditReportBusy(const DictEdit &edit, MsgList *messages)
+{
+   FileLockParty *parties = nullptr;
+   const int count = FileLock_List(edit.path, &parties);
+   const Owned<FileLockParty> owned(parties);
+
+   for (int i = 0; i < count; i++) {
+      if (parties[i].state == FILE_LOCK_HOLDS) {
+         MsgList_Append(
+             messages, MSGLIST_ID("dictionary.lock.held") "\"%s\" is locked by process %s of %s.\n",
+             edit.path, parties[i].execution, parties[i].local ? "this machine" : parties[i].machine);
+         return;
+      }
+   }
+   MsgList_Append(messages, MSGLIST_ID("dictionary.lock.busy") "\"%s\" is locked by others.\n", edit.path);
+}
+
+} // namespace
+
+bool DictEdit_OpenFile(FileIOHandle *file, const char *path, int flags, uint64_t maxBytes, MsgList *messages)
+{
+   if (FileIO_OpenRegular(file, path, flags, 0, maxBytes)) {
+      return true;
+   }
+   if (errno == EISDIR) {
+      MsgList_Append(messages, MSGLIST_ID("dictionary.load.isDirectory") "\"%s\" is a directory.\n", path);
+   } else if (errno == EINVAL) {
+      MsgList_Append(messages, MSGLIST_ID("dictionary.load.notRegular") "\"%s\" is not a regular file.\n",
+                     path);
+   } else if (errno == EFBIG) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.load.tooLarge") "\"%s\" is larger than %llu bytes; --max-size "
+                                                            "moves this limit.\n",
+                     path, static_cast<unsigned long long>(maxBytes));
+   } else {
+      MsgList_Append(messages, MSGLIST_ID("dictionary.load.openFailed") "Cannot open file \"%s\": %s.\n",
+                     path, strerror(errno));
+   }
+   return false;
+}
+
+DictEditResult DictEdit_Run(const DictEdit &edit, MsgList *messages)
+{
+   FileLockHooks hooks;
+   int error;
+
+   /* Every road to the file leads to one lock. */
+   const Owned<char> real(Posix_RealPath(edit.path));
+   DictEdit there = edit;
+   there.path = real != nullptr ? real.get() : edit.path;
+   hooks.message = MsgList_Append;
+   hooks.list = messages;
+   FileLockToken *const token = FileLock_Lock(there.path, true, there.maxWaitMs, hooks, &error);
+   if (token == nullptr && error == 0) {
+      DictEditReportBusy(there, messages);
+      return DictEditResult::BUSY;
+   }
+   if (token == nullptr) {
+      MsgList_Append(messages,
+                     MSGLIST_ID("dictionary.lock.failed") "The lock of \"%s\" cannot be taken: %s.\n",
+                     there.path, strerror(error));
+      return DictEditResult::FAILED;
+   }
+   const DictEditResult result = DictEditLocked(there, messages);
+   return FileLock_Unlock(token, hooks) == 0 ? result : DictEditResult::FAILED;
+}
