@@ -134,14 +134,13 @@ struct Daemon {
       }
       REQUIRE(status == SERVICE_KEEP_RUNNING && sStops == stops);
       char answer[4];
-      const ssize_t length = recv(clients.front().connection.get(), answer, sizeof answer, 0);
-      REQUIRE(length < 3);
-      REQUIRE(ctx.refCount == count + (length == 2 && answer[1] == SERVICE_REPLY_REGISTERED ? 1 : 0));
+      const ssize_t got = recv(clients.front().connection.get(), answer, sizeof answer, 0);
+      REQUIRE(got < 3);
+      REQUIRE(ctx.refCount == count + (got == 2 && answer[1] == SERVICE_REPLY_REGISTERED ? 1 : 0));
       REQUIRE(ctx.refCount == count || count > 0 || (sStarts == starts + 1 && sStartWorks));
-      leftOpen += length == 2 && answer[1] == SERVICE_REPLY_REFUSED && sStarts == starts ? 1 : 0;
+      leftOpen += got == 2 && answer[1] == SERVICE_REPLY_REFUSED && sStarts == starts ? 1 : 0;
       /* It is closed; with bytes unread that is a reset. */
-      REQUIRE(length <= 0 || recv(clients.front().connection.get(), answer, 1, 0) == 0 ||
-              errno == ECONNRESET);
+      REQUIRE(got <= 0 || recv(clients.front().connection.get(), answer, 1, 0) == 0 || errno == ECONNRESET);
       clients.pop_front();
    }
 
