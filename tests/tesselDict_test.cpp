@@ -68,7 +68,8 @@ TEST_F(TesselDict, SaysWhatIsWrong)
                                "unset ${F%f}new a", "get ${F%f} a"}) {
       EXPECT_TRUE(Run(command).starts_with("66 ")) << command;
    }
-   for (const char *misuse : {"", "get $F", "git", "--wait x check $F", "--max-size -1 check $F", "set - a 1",
+   EXPECT_EQ("64 tessel-dict: standard input cannot be edited\n", Run("set - a 1"));
+   for (const char *misuse : {"", "get $F", "git", "--wait x check $F", "--max-size -1 check $F",
                               "set ${F%f}new '' 1", "set ${F%f}new Config.Encoding 1"}) {
       EXPECT_TRUE(Run(misuse).starts_with("64 ")) << misuse;
    }
