@@ -15,7 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char VARIABLE[] = "TESSEL_TEST_ROOT";
-constexpr LocationKey KEYS[] = {{"rootDir", ""}, {"file", "/a/b"}, {"nothing", nullptr}, {nullptr, nullptr}};
+constexpr LocationKey KEYS[] = {{"file", "/a/b"}, {"nothing", nullptr}, {nullptr, nullptr}};
 
 /* The module with a configuration of the test's own, and without a process tag at first. */
 class Location : public testing::Test {
@@ -30,11 +30,29 @@ class Location : public testing::Test {
       LocationSetConfig(product_);
    }
 
-   void Forget()
+   void Forget() const
    {
       unsetenv(VARIABLE);
+      fs::remove(lastUsed_);
       Location_Init("unknown");
       log_.Clear();
+   }
+
+   /* Where the key leads for this tag, variable and last-used file, if there are any, and what is logged. */
+   std::string Get(const char *tag, const char *variable, const std::optional<std::string> &lastUsed)
+   {
+      Forget();
+      if (variable != nullptr) {
+         setenv(VARIABLE, variable, 1);
+      }
+      if (lastUsed.has_value()) {
+         WriteFile(lastUsed_, *lastUsed);
+      }
+      if (tag != nullptr) {
+         Location_Init(tag);
+      }
+      const std::string path = Take(Location_Get("file"));
+      return path + "|" + log_.Text();
    }
 
    const CapturedLog log_;
@@ -76,57 +94,30 @@ TEST_F(Location, ProductTablesNameWhatTheDaemonUses)
 
 TEST_F(Location, IsThatOfTheExecutableOrTheVariableOrTheLastUsedFile)
 {
-   const std::string report =
-       "LocationLastUsed: Failed opening lastLocationUsed.\n"
+   const std::string none =
+       "<null>|LocationLastUsed: Failed opening lastLocationUsed.\n"
        "Warning: LocationGetRoot: Unable to determine the product location. It is likely "
        "that the product has never been run on this machine.\n";
-   const struct {
-      const char *tag; /* Null: none that is known. */
-      const char *variable;
-      std::optional<std::string> lastUsed;
-      std::string file; /* "<null>": none. */
-      std::string log;
-   } cases[] = {
-       {"one", "/x", "/y", path_.parent_path().string() + "/a/b", ""},
-       {"all", "/x", "/y", "/a/b", ""},
-       {"far", "/x", "/y", "<null>",
-        "Warning: LocationGetRoot: sUpCount (" + std::to_string(depth_ + 1) + ") is too large for " + text_ +
-            "\n"},
-       {"zero", "/x", "/y", "/x/a/b",
-        "Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n"},
-       {nullptr, "", "/y", "/a/b", ""}, /* Set but empty counts as set. */
-       {nullptr, nullptr, "/root\n", "/root\n/a/b", ""},
-       {nullptr, nullptr, std::string("/cut\0here", 9), "/cut/a/b", ""},
-       {nullptr, nullptr, std::string(1023, 'r'), std::string(1023, 'r') + "/a/b", ""},
-       {nullptr, nullptr, std::string(1024, 'r'), "<null>", report},
-       {nullptr, nullptr, std::nullopt, "<null>", report},
-   };
-   for (const auto &c : cases) {
-      Forget();
-      fs::remove(lastUsed_);
-      if (c.variable != nullptr) {
-         setenv(VARIABLE, c.variable, 1);
-      }
-      if (c.lastUsed.has_value()) {
-         WriteFile(lastUsed_, *c.lastUsed);
-      }
-      if (c.tag != nullptr) {
-         Location_Init(c.tag);
-      }
-      EXPECT_EQ(Take(Location_Get("file")), c.file);
-      EXPECT_EQ(log_.Text(), c.log);
-   }
+   EXPECT_EQ(Get("one", "/x", "/y"), path_.parent_path().string() + "/a/b|");
+   EXPECT_EQ(Get("all", "/x", "/y"), "/a/b|");
+   EXPECT_EQ(Get("far", "/x", "/y"), "<null>|Warning: LocationGetRoot: sUpCount (" +
+                                         std::to_string(depth_ + 1) + ") is too large for " + text_ + "\n");
+   EXPECT_EQ(Get("zero", "/x", "/y"),
+             "/x/a/b|Warning: Location_Init: Invalid initialization: sUpCount 0, processTag zero.\n");
+   EXPECT_EQ(Get(nullptr, "", "/y"), "/a/b|") << "set but empty counts as set";
+   EXPECT_EQ(Get(nullptr, nullptr, "/root\n"), "/root\n/a/b|");
+   EXPECT_EQ(Get(nullptr, nullptr, std::string("/cut\0here", 9)), "/cut/a/b|");
+   EXPECT_EQ(Get(nullptr, nullptr, std::string(1023, 'r')), std::string(1023, 'r') + "/a/b|");
+   EXPECT_EQ(Get(nullptr, nullptr, std::string(1024, 'r')), none);
+   EXPECT_EQ(Get(nullptr, nullptr, std::nullopt), none);
    EXPECT_EQ(Location_Get("absent"), nullptr);
    EXPECT_EQ(Location_Get("nothing"), nullptr);
-   log_.Clear();
    config_.lastUsedFile = "/";
-   EXPECT_EQ(Location_Get("file"), nullptr);
-   EXPECT_EQ(log_.Text(), report);
+   EXPECT_EQ(Get(nullptr, nullptr, std::nullopt), none);
    config_.lastUsedFile = nullptr;
-   EXPECT_EQ(Take(Location_Get("file")), text_ + "/a/b");
+   EXPECT_EQ(Get(nullptr, nullptr, "/y"), text_ + "/a/b|");
    config_.rootVariable = nullptr;
-   setenv(VARIABLE, "/x", 1);
-   EXPECT_EQ(Take(Location_Get("file")), text_ + "/a/b");
+   EXPECT_EQ(Get(nullptr, "/x", "/y"), text_ + "/a/b|");
 }
 
 TEST_F(Location, RefusesEnvironmentAndFileWhenUsersDiffer)

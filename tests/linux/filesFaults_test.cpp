@@ -18,6 +18,16 @@ class FilesFaults : public Files {
       return File_DeleteDirectoryTree(At("top").c_str()) ? 0 : errno;
    }
 
+   /* The calls with these numbers fail. */
+   static CallAction Failing(const std::set<size_t> &numbers, int error)
+   {
+      return [=](Call &call) {
+         if (numbers.contains(call.number)) {
+            call.Fail(error);
+         }
+      };
+   }
+
    /* Puts a link to a folder outside in the place of the folder. */
    void Swap(const std::string &folder) const
    {
@@ -56,55 +66,43 @@ TEST_F(FilesFaults, NoNameIsTakenForAPath)
 
 TEST_F(FilesFaults, NothingGoesWhenTheListingBreaksOff)
 {
-   for (const size_t number : {1U, 4U}) {
-      Make({"top/file"});
-      EXPECT_EQ(Delete({"readdir"},
-                       [&](Call &call) {
-                          if (call.number == number) {
-                             call.Fail(EIO);
-                          }
-                       }),
-                EIO);
-      EXPECT_EQ(List(At("top")), Names{"file"});
-   }
+   Make({"top/file"});
+   EXPECT_EQ(Delete({"readdir"}, Failing({1}, EIO)), EIO);
+   EXPECT_EQ(Delete({"readdir"}, Failing({4}, EIO)), EIO);
+   EXPECT_EQ(List(At("top")), Names{"file"});
    char **names = nullptr;
-   const CallWatch watch({"readdir"}, [](Call &call) {
-      if (call.number == 4) {
-         call.Fail(EIO);
-      }
-   });
+   const CallWatch watch({"readdir"}, Failing({4}, EIO));
    EXPECT_EQ(File_ListDirectory(At("top").c_str(), &names), -1);
    EXPECT_EQ(errno, EIO);
    EXPECT_EQ(names, nullptr);
 }
 
+/* What is swapped before it is entered, while it is worked in, and while what is above it is not open. */
 TEST_F(FilesFaults, WhatChangesMeanwhileIsNotFollowed)
 {
    const struct {
       const char *call;
-      size_t number;       /* The call before which a link is swapped in, */
-      const char *swapped; /* for this folder. */
+      size_t number; /* Before this call a link is put in the place of the folder. */
+      const char *folder;
       int error;
-      Names moved; /* What is left in the folder. */
-   } cases[] = {
-       {"openat", 1, "top/1", ENOTDIR, {"2"}},    /* Before it is entered. */
-       {"unlinkat", 1, "top/1/2/3", ENOTDIR, {}}, /* While it is worked in: it is emptied where it is. */
-       {"openat", 4, "top/1", ESTALE, {}}, /* While what is above is not open: the way back ends there. */
-   };
+      Names left; /* In the folder. */
+   } cases[] = {{"openat", 1, "top/1", ENOTDIR, {"2"}},
+                {"unlinkat", 1, "top/1/2/3", ENOTDIR, {}},
+                {"openat", 4, "top/1", ESTALE, {}}};
    for (const auto &c : cases) {
       SCOPED_TRACE(c.call);
+      fs::remove_all(At("moved"));
+      fs::remove_all(At("top"));
       Make({"outside/2/kept", "top/1/2/3/file"});
       EXPECT_EQ(Delete({c.call},
                        [&](Call &call) {
                           if (call.number == c.number) {
-                             Swap(c.swapped);
+                             Swap(c.folder);
                           }
                        }),
                 c.error);
       EXPECT_EQ(List(At("outside/2")), Names{"kept"});
-      EXPECT_EQ(List(At("moved")), c.moved);
-      fs::remove_all(At("moved"));
-      fs::remove_all(At("top"));
+      EXPECT_EQ(List(At("moved")), c.left);
    }
 }
 
@@ -146,7 +144,6 @@ TEST_F(FilesFaults, UndecodableNamesStayAndAreGivenAsOne)
    EXPECT_EQ(errno, EDOM);
 }
 
-/* Of several failures the last one counts. */
 TEST_F(FilesFaults, TheLastFailureIsReported)
 {
    Make({"top/a", "top/b", "top/c"});
@@ -160,47 +157,41 @@ TEST_F(FilesFaults, TheLastFailureIsReported)
    EXPECT_EQ(List(At("top")).size(), 2U);
 }
 
-TEST_F(FilesFaults, AReplacementSurvivesWhatIsDoneBetweenItsSteps)
-{
-   const struct {
-      const char *call;
-      int acts; /* The error that it fails with; 0: a link is put in the place of a folder or file before it. */
-      int error;
-      const char *log;
-   } cases[] = {
-       {"open", 0, ESTALE, "create temporary file, Stale file handle (#). errno: #\n"},
-       {"openat", 0, EEXIST, "create temporary file, File exists (#). errno: #\n"},
-       {"fstatat", EIO, EIO, "create temporary file, Input/output error (#). errno: #\n"},
-       {"fchmod", EPERM, EPERM, "chmod temporary file, errno: #\n"},
-       {"fchown", EPERM, EPERM, "chown temporary file, errno: #\n"},
-   };
-   for (const auto &c : cases) {
-      SCOPED_TRACE(c.call);
+/* Makes a temporary file for "top/f" while the action is given the calls: what is logged, with "#" for the error. */
+class ReplacementFaults : public FilesFaults {
+ protected:
+   std::string Refusal(const char *call, int error, const CallAction &action)
+   {
+      fs::remove_all(At("top"));
       Make({"top/f", "outside/f"});
       FileIOHandle target;
       FileIOHandle temporary;
-      ASSERT_TRUE(FileIO_Open(&target, At("top/f").c_str(), O_RDWR, 0));
+      EXPECT_TRUE(FileIO_Open(&target, At("top/f").c_str(), O_RDWR, 0));
       {
-         const CallWatch watch({c.call}, [&](Call &call) {
-            if (c.acts != 0) {
-               call.Fail(c.acts);
-            } else if (call.name == "open") {
-               Swap("top");
-            } else {
-               fs::create_symlink(At("outside/f"), At("top/f~"));
-            }
-         });
+         const CallWatch watch({call}, action);
          EXPECT_FALSE(FileIO_AtomicTempFile(&target, &temporary));
       }
-      EXPECT_EQ(errno, c.error);
-      EXPECT_EQ(Log(c.error), std::string("FileIO_AtomicTempFile: Failed to ") + c.log);
+      EXPECT_EQ(errno, error);
       EXPECT_EQ(ReadFile(At("outside/f")), "content");
       EXPECT_EQ(List(At("outside")), Names{"f"});
-      EXPECT_EQ(fs::exists(At("top/f~")), c.error == EEXIST);
       EXPECT_TRUE(FileIO_Close(&target));
-      fs::remove_all(At("top"));
-      fs::remove_all(At("moved"));
+      return Log(error);
    }
+};
+
+TEST_F(ReplacementFaults, ARefusalLeavesNothingBehindAndLeadsNowhereElse)
+{
+   const std::string failed = "FileIO_AtomicTempFile: Failed to ";
+   const std::string io = "create temporary file, Input/output error (#). errno: #\n";
+   EXPECT_EQ(Refusal("fstatat", EIO, Failing({1}, EIO)), failed + io);
+   EXPECT_EQ(Refusal("openat", EIO, Failing({1}, EIO)), failed + io);
+   EXPECT_EQ(Refusal("fchmod", EPERM, Failing({1}, EPERM)), failed + "chmod temporary file, errno: #\n");
+   EXPECT_EQ(Refusal("fchown", EPERM, Failing({1}, EPERM)), failed + "chown temporary file, errno: #\n");
+   EXPECT_EQ(List(At("top")), Names{"f"});
+   EXPECT_EQ(Refusal("openat", EEXIST, [this](Call &) { Make({"top/f~>../outside/f"}); }),
+             failed + "create temporary file, File exists (#). errno: #\n");
+   EXPECT_EQ(Refusal("open", ESTALE, [this](Call &) { Swap("top"); }),
+             failed + "create temporary file, Stale file handle (#). errno: #\n");
 }
 
 } // namespace
