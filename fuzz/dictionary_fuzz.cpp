@@ -1,5 +1,6 @@
 #include "fuzz/support/dictionaryText.h"
 #include "lib/dict/dictll.h"
+#include "lib/misc/memory/dynbuf.h"
 #include "lib/user/dictionary/read.h"
 #include "lib/user/msgList.h"
 
@@ -78,11 +79,9 @@ void CheckLine(const Line &line)
    if (!line.name) {
       return;
    }
-   DynBuf buffer;
-   DynBuf_Init(&buffer);
+   OwnedDynBuf buffer;
    REQUIRE(DictLL_MarshalLine(&buffer, line.name->c_str(), line.value->c_str()));
-   const std::vector<Line> again = LinesOf(Exactly({buffer.data, buffer.size}));
-   DynBuf_Destroy(&buffer);
+   const std::vector<Line> again = LinesOf(Exactly(std::string_view(buffer.data, buffer.size)));
    REQUIRE(again.size() == 1 && again[0].name == line.name && again[0].value == line.value);
 }
 

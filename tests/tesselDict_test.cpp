@@ -91,6 +91,7 @@ TEST_F(TesselDict, ChangesNothingButWhatWasAsked)
                 {mark, "set $F b 2", mark + "b = \"2\"\n"},
                 {"# a=1\na=1\nb=2", "unset $F A", "# a=1\nb=2"},
                 {"b=1\na=2", "unset $F a", "b=1\n"},
+                {"a=1\n", "unset $F A", ""},
                 {"a=1\n", "unset $F b", "a=1\n", 1},
                 {".encoding=ASCII\na=1\n", "set $F a \xC3\xA9", ".encoding=ASCII\na=1\n", 65},
                 {"a=1\n", "set $F a \xFF", "a=1\n", 65},

@@ -41,17 +41,15 @@ OwnedStream DictionaryFileStream(int fd)
 
 bool DictionaryFileWrite(FILE *stream, std::string_view text)
 {
-   while (true) {
+   while (!text.empty()) {
       errno = 0;
       text.remove_prefix(fwrite(text.data(), 1, text.size(), stream));
-      if (text.empty()) {
-         return true;
-      }
-      if (errno != EINTR) {
+      if (!text.empty() && errno != EINTR) {
          return false;
       }
       clearerr(stream);
    }
+   return true;
 }
 
 bool DictionaryFileTruncate(int fd, size_t size)
