@@ -282,6 +282,14 @@ TesselResult TesselClient_Register(const char *socketPath, int maxWaitMs, int *h
    return result;
 }
 
+int TesselClient_IsHeld(int hold)
+{
+   const KeptErrno kept;
+   struct pollfd held = {.fd = hold, .events = 0, .revents = 0};
+
+   return hold != -1 && poll(&held, 1, 0) == 0 ? 1 : 0;
+}
+
 void TesselClient_LetGo(int *hold)
 {
    OwnedDescriptor(std::exchange(*hold, -1)).reset();

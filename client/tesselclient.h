@@ -47,7 +47,12 @@ enum {
    registered: if the daemon gets to a request that was given up, it sees at once that the client has gone. */
 TesselResult TesselClient_Register(const char *socketPath, int maxWaitMs, int *hold);
 
-/* The same with a descriptor of the caller's choice, such as the reading end of a pipe; it stays the caller's and
+/* Whether the daemon still has what TesselClient_Register gave it: 1, or 0 once it has ended, however it did, which is the
+   only way for it to let go first. Does not wait. To wait, poll(2) the hold for no events at all: it comes
+   back with an error condition (POLLERR or POLLHUP) when the daemon ends. Keeps errno. */
+int TesselClient_IsHeld(int hold);
+
+/* TesselClient_Register with a descriptor of the caller's choice, such as the reading end of a pipe; it stays the caller's and
    may be closed afterwards. The daemon never reads from it; the first byte in it counts as letting go. With
    an outcome other than TESSEL_REGISTERED or TESSEL_REFUSED the daemon may all the same have taken the
    descriptor, or may still do so: make it readable then, too. */

@@ -1,183 +1,160 @@
 #include "fuzz/support/dictionaryText.h"
-#include "fuzz/support/fuzz.h"
 #include "lib/dict/dictll.h"
-#include "lib/misc/codeset/conversion/engine.h"
-#include "lib/misc/codeset/conversion/icu.h"
-#include "lib/user/dictionary.h"
 #include "lib/user/dictionary/read.h"
 #include "lib/user/msgList.h"
 
 #include <algorithm>
-#include <cstring>
 
-/* A whole file, read from memory and from a stream, gives the same settings or the same failure, and those that a reading
-   line by line gives. Written back it means the same, keeps every line that it promises to keep, and does not
-   change when it is read and written again. A setting that is changed reads back as it was set, and no other
-   changes with it. Whatever fails says why. */
+/* A whole file gives the same settings or the same failure, with a reason, from memory and from a stream, and line by
+   line the same lines. A definition that is written anew reads back the same. Written back the file means the
+   same, keeps every line that it promises to keep, with all its bytes, and does not change when it is read
+   and written again. */
 
 namespace {
 
-struct MessagesEnd {
-   void operator()(MsgList *messages) const
+struct Line {
+   std::string text;
+   std::optional<std::string> name;
+   std::optional<std::string> value;
+
+   bool operator==(const Line &) const = default;
+
+   [[nodiscard]] bool IsMetavariable() const
    {
-      MsgList_Free(messages);
+      return name && (name->front() == '.' || DictionaryIsEncodingName(*name));
    }
 };
 
-using Messages = std::unique_ptr<MsgList, MessagesEnd>;
-
-void UseIcu(bool icu)
+/* Appends what was handed out. */
+void TakeLine(std::vector<Line> *lines, char *text, char *name, char *value)
 {
-   static const CodeSetEngine *const engine = CodeSetIcu_Open("icudt44l.dat");
-   REQUIRE(engine != nullptr);
-   CodeSetEngine_Set(icu ? engine : nullptr);
-}
-
-/* Null: the text was refused, with a reason. */
-OwnedDictionary Read(const std::string &text, EncodingId encoding)
-{
-   OwnedDictionary dictionary(Dictionary_Create());
-   const Messages messages(MsgList_Create());
-   const bool read = Dictionary_Unmarshal(dictionary.get(), text.c_str(), false, encoding, messages.get());
-   REQUIRE(read || MsgList_Count(messages.get()) > 0);
-   REQUIRE(!Dictionary_IsChanged(dictionary.get()));
-   return read ? std::move(dictionary) : nullptr;
-}
-
-OwnedDictionary ReadStream(std::string text, EncodingId encoding)
-{
-   OwnedDictionary dictionary(Dictionary_Create());
-   const Messages messages(MsgList_Create());
-   FILE *const stream = fmemopen(text.data(), text.size(), "r");
-   REQUIRE(stream != nullptr);
-   const bool read = DictionaryReadLines(dictionary.get(), stream, "fuzz", encoding, messages.get());
-   fclose(stream);
-   REQUIRE(read || MsgList_Count(messages.get()) > 0);
-   return read ? std::move(dictionary) : nullptr;
-}
-
-/* Nothing if it must not be written. */
-std::optional<std::string> Write(Dictionary *dictionary)
-{
-   char *text = nullptr;
-   size_t size = 0;
-   if (!Dictionary_WriteToBuffer(dictionary, true, &text, &size)) {
-      REQUIRE(text == nullptr);
-      return std::nullopt;
+   REQUIRE((name == nullptr) == (value == nullptr));
+   lines->push_back({Take(text), std::nullopt, std::nullopt});
+   if (name != nullptr) {
+      lines->back().name = Take(name);
+      lines->back().value = Take(value);
    }
-   const std::unique_ptr<char, Freed> owned(text);
-   REQUIRE(size == strlen(text) + 1);
-   return text;
 }
 
-/* Of the lines of a file those that a writer keeps. */
-std::vector<std::string> KeptLines(const std::string &text)
+std::vector<Line> LinesOf(const Exactly &text)
 {
-   std::vector<std::string> kept;
-   for (const FileLine &line : Lines(text)) {
-      if (!line.IsMetavariable()) {
-         kept.push_back(line.text);
-      }
+   std::vector<Line> lines;
+   const char *next = text.bytes.get();
+   const char *const end = next + text.size;
+   while (next != end) {
+      char *line = nullptr;
+      char *name = nullptr;
+      char *value = nullptr;
+      next = DictLL_UnmarshalLine(next, static_cast<size_t>(end - next), &line, &name, &value);
+      TakeLine(&lines, line, name, value);
    }
-   return kept;
+   return lines;
 }
 
-void CheckAgainstLines(const Settings &settings, const std::string &text)
+using Stream = std::unique_ptr<FILE, int (*)(FILE *)>;
+
+Stream Open(std::string *text)
 {
-   Settings expected;
-   for (const FileLine &line : Lines(text)) {
-      if (line.name && !line.IsMetavariable()) {
-         expected.emplace_back(*line.name, *line.value);
-      }
+   return {fmemopen(text->data(), text->size(), "r"), fclose};
+}
+
+std::vector<Line> ReadLines(std::string text)
+{
+   std::vector<Line> lines;
+   const Stream stream = Open(&text);
+   char *line = nullptr;
+   char *name = nullptr;
+   char *value = nullptr;
+   int result;
+   while ((result = DictLL_ReadLine(stream.get(), &line, &name, &value)) == 2) {
+      TakeLine(&lines, line, name, value);
    }
-   RequireSame(settings, expected);
+   REQUIRE(result == 1 && line == nullptr && name == nullptr && value == nullptr);
+   return lines;
 }
 
-/* Written and read until nothing changes, which is at once. */
-void CheckWriting(Dictionary *dictionary, const std::string &text, bool mayUpgrade)
+void CheckLine(const Line &line)
 {
-   const Settings settings = AllSettings(dictionary);
-   const EncodingId encoding = Dictionary_GetEncoding(dictionary);
-   const std::optional<std::string> written = Write(dictionary);
-   if (!written) {
-      REQUIRE(Dictionary_IsDefined(dictionary, "encryption.keySafe"));
+   if (!line.name) {
       return;
    }
-   const bool upgraded = Dictionary_GetEncoding(dictionary) != encoding;
-   REQUIRE(!upgraded || (mayUpgrade && Dictionary_GetEncoding(dictionary) == ENCODING_UTF8));
-   if (!upgraded && !text.empty()) {
-      REQUIRE(KeptLines(*written) == KeptLines(text));
-   }
-   /* A stream keeps the carriage returns. */
-   const OwnedDictionary again = ReadStream(*written, ENCODING_US_ASCII);
-   if (again == nullptr) {
-      Fuzz_Show("written", *written);
-   }
-   REQUIRE(again != nullptr && Dictionary_GetEncoding(again.get()) == Dictionary_GetEncoding(dictionary));
-   RequireSame(AllSettings(again.get()), settings);
-   REQUIRE_SAME(Write(again.get()).value_or("(none)"), *written);
+   DynBuf buffer;
+   DynBuf_Init(&buffer);
+   REQUIRE(DictLL_MarshalLine(&buffer, line.name->c_str(), line.value->c_str()));
+   const std::vector<Line> again = LinesOf(Exactly({buffer.data, buffer.size}));
+   DynBuf_Destroy(&buffer);
+   REQUIRE(again.size() == 1 && again[0].name == line.name && again[0].value == line.value);
 }
 
-void CheckChange(Dictionary *dictionary, FuzzedDataProvider *input)
+template <typename Load> OwnedDictionary Loaded(Load load)
 {
-   Settings expected = AllSettings(dictionary);
-   std::string name = "new.setting";
-   if (!expected.empty() && input->ConsumeBool()) {
-      name = expected[input->ConsumeIntegralInRange<size_t>(0, expected.size() - 1)].first;
-   }
-   const auto place = std::find_if(expected.begin(), expected.end(),
-                                   [&name](const auto &setting) { return SameName(setting.first, name); });
-   const bool there = place != expected.end();
-   std::string value = AsString(input->ConsumeRandomLengthString(40));
-   switch (input->ConsumeIntegralInRange(0, 2)) {
-   case 0:
-      Dictionary_Unset(dictionary, name.c_str());
-      if (there) {
-         expected.erase(place);
+   OwnedDictionary dictionary(Dictionary_Create());
+   MsgList *const messages = MsgList_Create();
+   const bool loaded = load(dictionary.get(), messages);
+   REQUIRE(loaded || MsgList_Count(messages) > 0);
+   REQUIRE(!Dictionary_IsChanged(dictionary.get()));
+   MsgList_Free(messages);
+   return loaded ? std::move(dictionary) : nullptr;
+}
+
+OwnedDictionary FromMemory(const std::string &text)
+{
+   return Loaded([&](Dictionary *dictionary, MsgList *messages) {
+      return Dictionary_LoadFromContent(dictionary, text, "fuzz", messages);
+   });
+}
+
+OwnedDictionary FromStream(std::string text)
+{
+   const Stream stream = Open(&text);
+   return Loaded([&](Dictionary *dictionary, MsgList *messages) {
+      return DictionaryReadStream(dictionary, stream.get(), "fuzz", ENCODING_DEFAULT, messages);
+   });
+}
+
+/* The lines that a writer keeps, all their bytes. */
+std::vector<std::string> KeptLines(std::string_view text)
+{
+   std::vector<std::string> kept;
+   text.remove_prefix(text.starts_with("\xEF\xBB\xBF") ? 3 : 0);
+   while (!text.empty()) {
+      const std::string line(text.substr(0, text.find('\n')));
+      if (!LinesOf(Exactly(line + "\n"))[0].IsMetavariable()) {
+         kept.push_back(line);
       }
-      break;
-   default:
-      /* The dictionary's text is UTF-8; what it is not given is none. */
-      value = DecodeUtf8(value) ? value : "not UTF-8";
-      Dictionary_SetString(dictionary, value.c_str(), 0, name.c_str());
-      if (there) {
-         place->second = value;
-      } else {
-         expected.emplace_back(name, value);
-      }
-      break;
+      text.remove_prefix(std::min(line.size() + 1, text.size()));
    }
-   RequireSame(AllSettings(dictionary), expected);
-   CheckWriting(dictionary, "", true);
+   return kept;
 }
 
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-   FuzzedDataProvider input(data, size);
-   UseIcu(input.ConsumeBool());
-   const EncodingId encoding = input.PickValueInArray(
-       {ENCODING_UTF8, ENCODING_DEFAULT, ENCODING_ISO_8859_1, ENCODING_US_ASCII, ENCODING_WINDOWS_1252});
-   FuzzedDataProvider change(data, std::min<size_t>(size, 32));
-   const std::string text = RestAsString(&input);
-
-   const OwnedDictionary dictionary = Read(text, encoding);
-   const bool special = text.find('\r') != std::string::npos || text.starts_with("\xEF\xBB\xBF");
-   if (!special && !text.empty()) {
-      const OwnedDictionary other = ReadStream(text, encoding);
+   const std::string text(reinterpret_cast<const char *>(data), size);
+   const std::vector<Line> lines = LinesOf(Exactly(text));
+   std::for_each(lines.begin(), lines.end(), CheckLine);
+   const OwnedDictionary dictionary = FromMemory(text);
+   if (!text.empty()) {
+      REQUIRE(lines == ReadLines(text));
+      const OwnedDictionary other = FromStream(text);
       REQUIRE((other != nullptr) == (dictionary != nullptr));
       REQUIRE(other == nullptr || AllSettings(other.get()) == AllSettings(dictionary.get()));
    }
    if (dictionary == nullptr) {
       return 0;
    }
-   const std::string stripped = WithoutReturns(text);
-   const EncodingId settled = Dictionary_GetEncoding(dictionary.get());
-   if (settled == ENCODING_UTF8 || settled == ENCODING_US_ASCII) {
-      CheckAgainstLines(AllSettings(dictionary.get()), stripped);
+   const Settings settings = AllSettings(dictionary.get());
+   const EncodingId encoding = Dictionary_GetEncoding(dictionary.get());
+   const std::optional<std::string> written = Written(dictionary.get());
+   if (!written) {
+      REQUIRE(Dictionary_IsDefined(dictionary.get(), "encryption.keySafe"));
+      return 0;
    }
-   CheckWriting(dictionary.get(), stripped, false);
-   CheckChange(dictionary.get(), &change);
+   REQUIRE(KeptLines(*written) == KeptLines(text));
+   const OwnedDictionary again = FromStream(*written);
+   REQUIRE(again != nullptr && Dictionary_GetEncoding(again.get()) == encoding);
+   REQUIRE(AllSettings(again.get()) == settings);
+   REQUIRE_SAME(Written(again.get()).value_or("(none)"), *written);
    return 0;
 }

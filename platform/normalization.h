@@ -5,7 +5,8 @@
 enum class NormalizationForm { Composed, Decomposed };
 
 /* The normalised form (C or D) of a zero-terminated UTF-8 string, as a new zero-terminated string that the caller
-   frees. Null if the string is not valid UTF-8, if memory runs out, or on a system that cannot normalise. */
+   frees. Null if the string is not valid UTF-8, if memory runs out, or on a system that cannot normalise. Any
+   thread may call this at any time. */
 [[nodiscard]] char *Normalization_Normalize(const char *string, NormalizationForm form);
 
 #endif

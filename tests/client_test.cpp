@@ -157,3 +157,18 @@ TEST(TesselClientDescribe, SaysWhatHappenedInTheRoomThereIs)
       EXPECT_EQ(text.substr(0, text.find_first_of(std::string("\0#", 2))), expected);
    }
 }
+
+TEST(TesselClientIsHeld, TellsWhenTheDaemonHasGone)
+{
+   ScriptedPeer peer("agr1mw");
+   int hold;
+   ASSERT_EQ(Register(peer, TESSEL_NO_LIMIT, &hold), TESSEL_REGISTERED);
+   peer.AwaitMark();
+   EXPECT_EQ(TesselClient_IsHeld(hold), 1);
+   struct pollfd end = {.fd = hold, .events = 0, .revents = 0};
+   kill(peer.Pid(), SIGKILL);
+   EXPECT_EQ(poll(&end, 1, -1), 1);
+   EXPECT_EQ(TesselClient_IsHeld(hold), 0);
+   TesselClient_LetGo(&hold);
+   EXPECT_EQ(TesselClient_IsHeld(hold), 0);
+}

@@ -226,15 +226,6 @@ TEST_F(Daemon, ServesOnWithAFullTable)
    EXPECT_FALSE(fs::exists(SERVICE_COPY));
 }
 
-/* A new terminal; "" if there can be none. */
-std::string OpenTerminal(OwnedDescriptor *ours)
-{
-   ours->reset(posix_openpt(O_RDWR | O_NOCTTY));
-   const bool usable = ours->get() != -1 && grantpt(ours->get()) == 0 && unlockpt(ours->get()) == 0;
-   fcntl(ours->get(), F_SETFD, FD_CLOEXEC);
-   return usable ? ptsname(ours->get()) : "";
-}
-
 /* Of what a user arranges so that what root's helper leaves behind is the user's: a core of his text in a folder of
    his choice, files that he may write. The starter leads a session with a terminal, one without, or none. */
 TEST_F(Daemon, LeavesWhatItsStarterArrangedForRootsHelper)

@@ -72,8 +72,8 @@ std::string Octal(std::string text)
 TEST(Escape, ExamplesOfEveryRoutine)
 {
    EscapeTable table = {};
-   for (const unsigned char byte : "\t\n\\\x7F\xAB\xFF") {
-      table[byte] = -1;
+   for (const char byte : "\t\n\\\x7F\xAB\xFF") {
+      table[static_cast<unsigned char>(byte)] = -1;
    }
    EXPECT_EQ(Output(Escape_Bytes, "A\n\xFF\0~\x7F\\ z"sv, "\\x", table), "A\\x0A\\xFF\\x00~\\x7F\\x5C z");
    EXPECT_EQ(Output(Escape_BytesWithChar, "a\tb\xAB", '%', table), "a%09b%AB");
@@ -103,15 +103,16 @@ TEST(Escape, ExamplesOfEveryRoutine)
 
 TEST(Escape, FindUnescapedSkipsWhatIsEscaped)
 {
-   for (const auto &[string, character, index] : {std::tuple{"a,b", ',', 1},
-                                                  {"a\\,b,", ',', 4},
-                                                  {"\\\\,", ',', 2},
-                                                  {"a\\", ',', -1},
-                                                  {"a\\\\b", '\\', -1},
-                                                  {"\\\\\\,", ',', -1}}) {
-      const char *found = Escape_FindUnescaped('\\', string, character);
-      EXPECT_EQ(found != nullptr ? found - string : -1, index) << string;
-   }
+   const auto find = [](const char *string, char sought) {
+      const char *found = Escape_FindUnescaped('\\', string, sought);
+      return found != nullptr ? found - string : -1;
+   };
+   EXPECT_EQ(find("a,b", ','), 1);
+   EXPECT_EQ(find("a\\,b,", ','), 4);
+   EXPECT_EQ(find("\\\\,", ','), 2);
+   EXPECT_EQ(find("a\\", ','), -1) << "an escape ends the text";
+   EXPECT_EQ(find("a\\\\b", '\\'), -1) << "never found itself";
+   EXPECT_EQ(find("\\\\\\,", ','), -1);
 }
 
 using OwnedTable = std::unique_ptr<HashTable, decltype([](HashTable *table) { HashTable_Free(table); })>;

@@ -6,20 +6,23 @@
 
 namespace {
 
-constexpr char HELP[] = "usage: tessel-client [-q] [--socket PATH] [-- COMMAND...]\n"
-                        "\n"
-                        "Registers with a running tessel-daemon and keeps its services up while COMMAND "
-                        "runs, or until SIGINT or\n"
-                        "SIGTERM.\n"
-                        "\n"
-                        "  --socket PATH  where the daemon listens (default: $TESSEL_SOCKET)\n"
-                        "  -q, --quiet    only say what goes wrong\n"
-                        "  -h, --help     print this\n"
-                        "  --version      print the version\n"
-                        "\n"
-                        "The exit status is that of COMMAND; 64: wrong use; 69: no daemon; 71: the system "
-                        "refused; 75: the daemon\n"
-                        "refused; 126, 127: COMMAND cannot be run; 128 + N: ended by signal N.\n";
+constexpr char HELP[] =
+    "usage: tessel-client [-q] [--socket PATH] [--wait SECONDS] [-- COMMAND...]\n"
+    "\n"
+    "Registers with a running tessel-daemon and keeps its services up while COMMAND "
+    "runs, or until SIGINT or\n"
+    "SIGTERM.\n"
+    "\n"
+    "  --socket PATH  where the daemon listens (default: $TESSEL_SOCKET)\n"
+    "  -w, --wait SECONDS  how long the registration may take (default: for ever)\n"
+    "  -q, --quiet    only say what goes wrong\n"
+    "  -h, --help     print this\n"
+    "  --version      print the version\n"
+    "\n"
+    "The exit status is that of COMMAND; 64: wrong use; 69: no daemon, or it ended first; 71: the "
+    "system refused;\n"
+    "75: the daemon refused; 124: it did not answer in time; 126, 127: COMMAND cannot be run; 128 + N: ended "
+    "by signal N.\n";
 
 } // namespace
 
@@ -47,9 +50,9 @@ int main(int argc, char **argv)
    if (path == nullptr) {
       return TOOL_EXIT_SYSTEM;
    }
-   int status = ToolSession_Register(path.get(), nullptr, &hold);
+   int status = ToolSession_Register(path.get(), options.waitMs, nullptr, &hold);
    if (status == TOOL_EXIT_OK) {
-      status = ToolSession_Run(options.command, path.get(), nullptr);
+      status = ToolSession_Run(options.command, path.get(), nullptr, hold.get());
       hold.reset();
       Log("let go\n");
    }

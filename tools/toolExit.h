@@ -14,6 +14,7 @@ enum ToolExit {
    TOOL_EXIT_OUTPUT = 74,      /* A file or standard output cannot be written. */
    TOOL_EXIT_REFUSED = 75,     /* The daemon refused the registration. */
    TOOL_EXIT_BUSY = 75,        /* The lock is held, and the wait for it over. */
+   TOOL_EXIT_TIMED_OUT = 124,  /* The daemon did not answer within --wait. */
    TOOL_EXIT_NOT_EXECUTABLE = 126,
    TOOL_EXIT_NOT_FOUND = 127,
    TOOL_EXIT_SIGNAL = 128, /* Plus the number of the signal. */

@@ -7,11 +7,26 @@
 
 #include <cerrno>
 #include <charconv>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <getopt.h>
 #include <string_view>
 
 namespace {
+
+/* A whole number of seconds, above 0. */
+bool ToolOptionsReadSeconds(const char *text, int *milliseconds)
+{
+   char *end;
+   const long seconds = strtol(text, &end, 10);
+
+   if (end == text || *end != '\0' || seconds < 1 || seconds > INT_MAX / 1000) {
+      return false;
+   }
+   *milliseconds = static_cast<int>(seconds * 1000);
+   return true;
+}
 
 /* -1 as an option's letter ends the options. */
 std::optional<int> ToolOptionsTake(int letter, const char *word, const ToolUsage &usage, ToolOptions *options)
@@ -22,6 +37,12 @@ std::optional<int> ToolOptionsTake(int letter, const char *word, const ToolUsage
       return std::nullopt;
    case 's':
       options->socket = optarg;
+      return std::nullopt;
+   case 'w':
+      if (!ToolOptionsReadSeconds(optarg, &options->waitMs)) {
+         Warning("%s: not a number of seconds above 0\n", optarg);
+         return TOOL_EXIT_USAGE;
+      }
       return std::nullopt;
    case 'q':
       ToolReport_SetQuiet();
@@ -40,16 +61,20 @@ std::optional<int> ToolOptionsTake(int letter, const char *word, const ToolUsage
 std::optional<int> ToolOptions_Parse(int argc, char **argv, const ToolUsage &usage, ToolOptions *options)
 {
    static const struct option all[] = {
-       {"daemon", required_argument, nullptr, 'd'}, {"socket", required_argument, nullptr, 's'},
-       {"quiet", no_argument, nullptr, 'q'},        {"help", no_argument, nullptr, 'h'},
-       {"version", no_argument, nullptr, 'V'},      {nullptr, 0, nullptr, 0},
+       {"daemon", required_argument, nullptr, 'd'},
+       {"socket", required_argument, nullptr, 's'},
+       {"wait", required_argument, nullptr, 'w'},
+       {"quiet", no_argument, nullptr, 'q'},
+       {"help", no_argument, nullptr, 'h'},
+       {"version", no_argument, nullptr, 'V'},
+       {nullptr, 0, nullptr, 0},
    };
-   const struct option *known = usage.takesDaemon ? all : all + (usage.takesSocket ? 1 : 3);
+   const struct option *known = usage.takesDaemon ? all : all + (usage.takesSocket ? 1 : 4);
    int letter;
 
    ToolReport_SetProgram(usage.program);
    /* "+": the words of the command are not ours to read; ":": the reports are. */
-   while ((letter = getopt_long(argc, argv, usage.takesSocket ? "+:qh" : "+:h", known, nullptr)) != -1) {
+   while ((letter = getopt_long(argc, argv, usage.takesSocket ? "+:w:qh" : "+:h", known, nullptr)) != -1) {
       const std::optional<int> status = ToolOptionsTake(letter, argv[optind - 1], usage, options);
       if (status.has_value()) {
          return status;

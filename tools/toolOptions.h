@@ -9,12 +9,13 @@ struct ToolUsage {
    const char *help;    /* The whole text that --help prints. */
    const char *version; /* The line that --version prints. */
    bool takesDaemon;    /* Whether --daemon is one of the options. */
-   bool takesSocket;    /* Whether --socket and --quiet are. */
+   bool takesSocket;    /* Whether --socket, --wait and --quiet are. */
 };
 
 struct ToolOptions {
    const char *daemon = nullptr; /* Null where not given; both point into argv. */
    const char *socket = nullptr;
+   int waitMs = 0;           /* 0: without limit. */
    char **command = nullptr; /* Argument vector of the command, null if there is none. */
 };
 

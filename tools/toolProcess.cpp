@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <sys/select.h>
 #include <sys/wait.h>
 
 namespace {
@@ -123,6 +124,18 @@ bool ToolProcessReap(ToolChild *child)
    return true;
 }
 
+/* Waits for a signal, or for the end of what is watched: then true. A writing end without readers counts as readable. */
+bool ToolProcessAwait(int watched)
+{
+   fd_set ended;
+
+   FD_ZERO(&ended);
+   if (watched != -1 && watched < static_cast<int>(FD_SETSIZE)) {
+      FD_SET(watched, &ended);
+   }
+   return pselect(FD_SETSIZE, &ended, nullptr, nullptr, nullptr, &sMaskWhileWaiting) > 0;
+}
+
 } // namespace
 
 void ToolProcess_Begin()
@@ -187,7 +200,7 @@ bool ToolProcess_StartRoutine(ToolChild *child, int keep, int (*routine)(void *c
    return pid != -1;
 }
 
-ToolEvent ToolProcess_Next(std::initializer_list<ToolChild *> children)
+ToolEvent ToolProcess_Next(std::initializer_list<ToolChild *> children, int watched)
 {
    for (;;) {
       for (ToolChild *child : children) {
@@ -200,7 +213,9 @@ ToolEvent ToolProcess_Next(std::initializer_list<ToolChild *> children)
          sSignal = 0;
          return {.ended = nullptr, .signal = number, .fromTerminal = sFromTerminal != 0};
       }
-      sigsuspend(&sMaskWhileWaiting);
+      if (ToolProcessAwait(watched)) {
+         return {.ended = nullptr, .signal = 0, .fromTerminal = false};
+      }
    }
 }
 

@@ -15,8 +15,8 @@ struct ToolChild {
 
 struct ToolEvent {
    const ToolChild *ended; /* The child that has ended, or null. */
-   int signal;             /* If ended is null: SIGINT, SIGTERM or SIGHUP. */
-   bool fromTerminal;      /* The signal came from the terminal, and so to the command as well. */
+   int signal; /* If ended is null: SIGINT, SIGTERM or SIGHUP, or 0: the watched descriptor is at its end. */
+   bool fromTerminal; /* The signal came from the terminal, and so to the command as well. */
 };
 
 /* To be called once, before anything is started or opened: makes sure that the standard streams are open, so that
@@ -38,8 +38,9 @@ void ToolProcess_Begin();
 [[nodiscard]] bool ToolProcess_StartRoutine(ToolChild *child, int keep, int (*routine)(void *context),
                                             void *context);
 
-/* Waits for the end of one of the children (null and not started ones are passed over) or for a signal. */
-[[nodiscard]] ToolEvent ToolProcess_Next(std::initializer_list<ToolChild *> children);
+/* Waits for the end of one of the children (null and not started ones are passed over), for a signal, or for the end of the
+   writing end watched: its readers have gone. */
+[[nodiscard]] ToolEvent ToolProcess_Next(std::initializer_list<ToolChild *> children, int watched = -1);
 
 /* Whether a signal is waiting for ToolProcess_Next. */
 [[nodiscard]] bool ToolProcess_IsSignalled();

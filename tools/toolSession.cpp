@@ -12,6 +12,7 @@ namespace {
 
 struct Request {
    const char *socketPath;
+   int waitMs;
    int reader;
 };
 
@@ -22,7 +23,7 @@ int ToolSessionRequest(void *context)
    char text[TESSEL_TEXT_SIZE];
 
    const TesselResult result =
-       TesselClient_RegisterDescriptor(request->socketPath, TESSEL_NO_LIMIT, request->reader);
+       TesselClient_RegisterDescriptor(request->socketPath, request->waitMs, request->reader);
    if (result.outcome != TESSEL_REGISTERED) {
       TesselClient_Describe(&result, text, sizeof text);
       Warning("not registered at %s: %s\n", request->socketPath, text);
@@ -38,6 +39,8 @@ int ToolSessionOutcome(const ToolChild &request)
       return TOOL_EXIT_OK;
    case TESSEL_REFUSED:
       return TOOL_EXIT_REFUSED;
+   case TESSEL_TIMED_OUT:
+      return TOOL_EXIT_TIMED_OUT;
    default:
       return TOOL_EXIT_UNAVAILABLE;
    }
@@ -72,18 +75,29 @@ void ToolSessionReportEnd(const char *what, const ToolChild &child)
    }
 }
 
-int ToolSessionAwaitCommand(ToolChild *command, ToolChild *daemon)
+void ToolSessionReportGone()
 {
+   Warning("the daemon has ended while its services are in use\n");
+}
+
+int ToolSessionAwaitCommand(ToolChild *command, ToolChild *daemon, int hold)
+{
+   bool gone = false;
+
    for (;;) {
-      const ToolEvent event = ToolProcess_Next({command, daemon});
+      const ToolEvent event = ToolProcess_Next({command, daemon}, gone ? -1 : hold);
       if (event.ended == command) {
          ToolSessionReportEnd("the command", *command);
-         return command->status;
+         return gone ? TOOL_EXIT_UNAVAILABLE : command->status;
       }
-      if (event.ended == nullptr) {
+      if (event.ended != nullptr) {
+         ToolSessionReportGone();
+      } else if (event.signal != 0) {
          ToolSessionPassOn(event, *command);
       } else {
-         Warning("the daemon has ended while its services are in use\n");
+         gone = true;
+         ToolSessionReportGone();
+         kill(command->pid, SIGTERM);
       }
    }
 }
@@ -93,7 +107,7 @@ int ToolSessionAwaitCommand(ToolChild *command, ToolChild *daemon)
 /* The conversation takes as long as the start of the services, or as another client stalls the daemon. It is held in
    a process of its own, so that a signal is heeded meanwhile; the descriptor that holds the registration is
    here, and closing it takes back a request under way. */
-int ToolSession_Register(const char *socketPath, ToolChild *daemon, OwnedDescriptor *hold)
+int ToolSession_Register(const char *socketPath, int waitMs, ToolChild *daemon, OwnedDescriptor *hold)
 {
    ToolChild conversation;
    int ends[2];
@@ -104,7 +118,7 @@ int ToolSession_Register(const char *socketPath, ToolChild *daemon, OwnedDescrip
    }
    const OwnedDescriptor reader(ends[0]);
    OwnedDescriptor writer(ends[1]);
-   Request request = {.socketPath = socketPath, .reader = reader.get()};
+   Request request = {.socketPath = socketPath, .waitMs = waitMs, .reader = reader.get()};
    if (!ToolProcess_StartRoutine(&conversation, reader.get(), ToolSessionRequest, &request)) {
       Warning("cannot start a process: %s\n", strerror(errno));
       return TOOL_EXIT_SYSTEM;
@@ -124,18 +138,18 @@ int ToolSession_Register(const char *socketPath, ToolChild *daemon, OwnedDescrip
    }
 }
 
-int ToolSession_Run(char *const *command, const char *socketPath, ToolChild *daemon)
+int ToolSession_Run(char *const *command, const char *socketPath, ToolChild *daemon, int hold)
 {
    ToolChild child;
 
    if (command != nullptr && !ToolProcess_IsSignalled()) {
       const int status = ToolSessionStartCommand(&child, command, socketPath);
-      return status == TOOL_EXIT_OK ? ToolSessionAwaitCommand(&child, daemon) : status;
+      return status == TOOL_EXIT_OK ? ToolSessionAwaitCommand(&child, daemon, hold) : status;
    }
-   const ToolEvent event = ToolProcess_Next({daemon});
-   if (event.ended != nullptr) {
-      Warning("the daemon has ended while its services are in use\n");
-      return TOOL_EXIT_OK;
+   const ToolEvent event = ToolProcess_Next({daemon}, hold);
+   if (event.signal == 0) {
+      ToolSessionReportGone();
+      return daemon != nullptr ? TOOL_EXIT_OK : TOOL_EXIT_UNAVAILABLE;
    }
    Log("signal %d: letting go\n", event.signal);
    return command == nullptr ? TOOL_EXIT_OK : TOOL_EXIT_SIGNAL + event.signal;

@@ -1,16 +1,20 @@
 #ifndef TESSEL_FUZZ_SUPPORT_FUZZ_H
 #define TESSEL_FUZZ_SUPPORT_FUZZ_H
 
+#include "fuzz/support/input.h"
 #include "lib/public/program.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <fuzzer/FuzzedDataProvider.h>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#if TESSEL_LEAKS
+#include <sanitizer/lsan_interface.h>
+#endif
 
 /* What the fuzzing targets share. A target is a source with LLVMFuzzerTestOneInput, which libFuzzer calls with one
    input after the other: it says at its head what has to hold, and REQUIREs it. */
@@ -53,35 +57,34 @@ struct Exactly {
 std::string RestAsString(FuzzedDataProvider *input);
 std::string AsString(std::string text);
 
-/* What Panic throws here. The product has no cleanup for exceptions, so that what the routine held is freed by
-   whoever catches it: the routine must not have kept it anywhere. */
+/* What Panic throws here. The product has no cleanup for exceptions: what the routine holds is lost, and no leak. */
 struct Panicked {};
 
-/* Remember the blocks that are allocated from now on, free those that are left, or forget them. */
-void Fuzz_WatchBlocks();
-void Fuzz_FreeBlocks();
-void Fuzz_ForgetBlocks();
+#if TESSEL_LEAKS
+using LeaksUnseen = __lsan::ScopedDisabler;
+#else
+struct LeaksUnseen {
+   ~LeaksUnseen()
+   {
+   }
+};
+#endif
 
 /* Whether the call ends in Panic. */
 template <typename Call> bool Panics(Call call)
 {
-   Fuzz_WatchBlocks();
+   const LeaksUnseen unseen;
    try {
       call();
    } catch (const Panicked &) {
-      Fuzz_FreeBlocks();
       return true;
    }
-   Fuzz_ForgetBlocks();
    return false;
 }
 
 /* How many messages the program was given by Log and Warning, and the last of them. */
 size_t Fuzz_LogCount();
 std::string_view Fuzz_LastLog();
-
-/* UTF-8 by the table of well-formed byte sequences (The Unicode Standard, chapter 3, table 3-7), one byte at a time:
-   what the routines with their blocks and automata are held against. */
 
 /* Nothing if the text is ill-formed. Loose: surrogates, and values up to 0x13FFFF, pass. */
 std::optional<std::u32string> DecodeUtf8(std::string_view text, bool loose = false);

@@ -1,21 +1,21 @@
 #ifndef TESSEL_FUZZ_SUPPORT_SCRATCHFOLDER_H
 #define TESSEL_FUZZ_SUPPORT_SCRATCHFOLDER_H
 
-#include "base/owned.h"
 #include "fuzz/support/fuzz.h"
 
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
+#include <fstream>
+#include <sstream>
 
-/* A folder in memory, where writing a file through to the disk costs nothing; removed at the end of the process. */
+/* A folder of the process's own, removed at its end: in memory, where there is a place for that, since writing a file
+   through to the disk costs nothing there. */
 class ScratchFolder {
  public:
    ScratchFolder()
    {
-      std::string pattern = "/dev/shm/tessel-fuzz-XXXXXX";
-      REQUIRE(mkdtemp(pattern.data()) != nullptr);
-      path_ = pattern;
+      const bool memory = std::filesystem::exists("/dev/shm");
+      path_ = (memory ? "/dev/shm" : std::filesystem::temp_directory_path().string()) + "/tessel-fuzz-XXXXXX";
+      REQUIRE(mkdtemp(path_.data()) != nullptr);
    }
 
    ~ScratchFolder()
@@ -38,18 +38,14 @@ class ScratchFolder {
 
 inline void WriteFile(const std::string &path, std::string_view content)
 {
-   const OwnedDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
-   REQUIRE(write(file.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size()));
+   REQUIRE(std::ofstream(path, std::ios::binary) << content << std::flush);
 }
 
 inline std::string ReadFile(const std::string &path)
 {
-   const OwnedDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-   struct stat status;
-   REQUIRE(fstat(file.get(), &status) == 0);
-   std::string content(static_cast<size_t>(status.st_size), '\0');
-   REQUIRE(read(file.get(), content.data(), content.size()) == status.st_size);
-   return content;
+   std::ostringstream content;
+   content << std::ifstream(path, std::ios::binary).rdbuf();
+   return content.str();
 }
 
 #endif

@@ -15,12 +15,15 @@
 
    Safe to call from several threads, each for its own tokens; but the file mode creation mask of the process
    is cleared for moments while an entry is made, so that other threads which create files then must not count
-   on it. */
+   on it.
+
+   A process that has a lock and asks for it once more waits for itself, unless both are shared. */
 
 constexpr uint32_t FILE_LOCK_TRY_ONCE = 0;
 constexpr uint32_t FILE_LOCK_WAIT_FOREVER = UINT32_MAX;
 
-/* A lock that is held, or counts as held. */
+/* A lock that is held, or counts as held. It has a descriptor of its directory open, which a child of fork(2) that is to
+   give it back must keep, too. */
 struct FileLockToken;
 
 struct MsgList;
@@ -44,7 +47,7 @@ struct FileLockHooks {
    behind that another process of this machine does not clear away.
 
    A shared lock where this process can create nothing (EROFS, EACCES) is granted without a trace: it keeps
-   nobody out, and is kept out by nobody. */
+   nobody out, and is kept out by nobody. A lock directory that is there and cannot be opened is an error. */
 [[nodiscard]] FileLockToken *FileLock_Lock(const char *path, bool exclusive, uint32_t maxWaitMs,
                                            const FileLockHooks &hooks, int *error);
 
@@ -84,7 +87,8 @@ struct FileLockParty {
 
 /* Who holds, waits for or leaves a trace of the lock of the file at path, in the order of the tickets, choosers last; *parties
    is the caller's to free, null if there is nobody. Changes nothing and logs nothing. -1 with errno set, or
-   the number of parties. What goes on meanwhile can be half seen. */
+   the number of parties. A list that changed while it was read is read again, some times; if it changes all
+   the time, what goes on meanwhile can be half seen. */
 int FileLock_List(const char *path, FileLockParty **parties);
 
 #endif

@@ -10,7 +10,8 @@
 /* Strings of the foundation library are valid, zero-terminated UTF-8; these routines make them from buffers in any
    encoding and turn them back. Every string, buffer and array returned is malloc'ed and the caller's to free.
    A length of -1 means up to the terminating zero unit; ENCODING_DEFAULT is the current encoding. Running out
-   of memory ends the process, as does an encoding that is none. */
+   of memory ends the process, as does an encoding that is none. Nothing here keeps state: any thread may call
+   it at any time. */
 
 /* A string from a buffer, or null for a null one. What the encoding has no character for is substituted where the
    conversion engine can; a buffer that cannot be converted ends the process. */

@@ -5,7 +5,8 @@
 
 /* Operations on zero-terminated UTF-8 strings in which positions and lengths count code points. A negative length, or one
    beyond the end, means up to the end; a start that is negative or beyond the end counts as the end. Strings
-   that are not valid UTF-8 end the process. Every string returned is new and the caller's to free. */
+   that are not valid UTF-8 end the process. Every string returned is new and the caller's to free. Any thread
+   may call these at any time. */
 
 /* Length code points from start on; null for a null string. */
 [[nodiscard]] char *Unicode_Substr(const char *string, ssize_t start, ssize_t length);

@@ -3,6 +3,12 @@
 
 #include <cstdint>
 
+/* Encodings by number and by name. The one header that looks both ways: the codeset layer below converts by the names of
+   this table and is asked here for the name of the current encoding. So that it stays the only one, nothing
+   but these declarations stands here, and the codeset layer includes it in one place (conversion/builtin.h).
+
+   All routines may be called on any thread at any time unless they say otherwise. */
+
 /* An encoding: 0 to 323, or one of the two special values below. */
 using EncodingId = int32_t;
 

@@ -211,6 +211,14 @@ DaemonProcess::Body DaemonImage(std::string program, std::vector<std::string> ar
    };
 }
 
+std::string OpenTerminal(OwnedDescriptor *ours)
+{
+   ours->reset(posix_openpt(O_RDWR | O_NOCTTY));
+   const bool usable = ours->get() != -1 && grantpt(ours->get()) == 0 && unlockpt(ours->get()) == 0;
+   fcntl(ours->get(), F_SETFD, FD_CLOEXEC);
+   return usable ? ptsname(ours->get()) : "";
+}
+
 bool SendMessage(int socket, const std::string &text, const std::vector<int> &descriptors)
 {
    const size_t bytes = descriptors.size() * sizeof(int);

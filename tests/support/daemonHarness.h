@@ -21,8 +21,8 @@ struct Pipe {
 };
 
 /* What the daemon knows as /Library: under Linux that of a private view (see run-in-private-library), in front of the programs
-   as they ship. Elsewhere the tests run programs that were built for them (see CMakeLists.txt) with a folder of the
-   build. */
+   as they ship. Elsewhere the tests run programs that were built for them (see CMakeLists.txt) with a folder
+   of the build. */
 inline const std::filesystem::path LIBRARY = TESSEL_LIBRARY;
 inline const std::filesystem::path SERVICE_COPY =
     LIBRARY / "Application Support/Kestra/Kestra Tessel/Services";
@@ -95,6 +95,9 @@ class DaemonProcess {
 /* For DaemonProcess: the program, with such arguments. An empty one stands for the listening socket, "-" for the launcher's
    descriptor. */
 DaemonProcess::Body DaemonImage(std::string program, std::vector<std::string> arguments = {"", "-"});
+
+/* A new terminal for a process that leads a session to take (TIOCSCTTY); "" if there can be none. */
+std::string OpenTerminal(OwnedDescriptor *ours);
 
 /* One message with this text and these descriptors. False if it cannot be sent. */
 bool SendMessage(int socket, const std::string &text, const std::vector<int> &descriptors);

@@ -81,10 +81,10 @@ bool FileLockParseExecution(std::string_view text, pid_t *pid, uint64_t *start)
 
 bool FileLockIdentity_Get(FileLockIdentity *identity)
 {
-   const pid_t pid = getpid();
    uint64_t start;
 
    if (!sKnown) {
+      const pid_t pid = getpid();
       if (!FileLockIdentityMachine(sFound.machine)) {
          return false;
       }

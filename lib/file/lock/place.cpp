@@ -90,7 +90,9 @@ Owned<char> FileLockPlace_Path(const FileLockPlace &place, const char *name)
 FileLockState FileLockPlace_Judge(const FileLockPlace &place, std::string_view machine, const char *execution,
                                   std::string_view checksum)
 {
-   if (machine == place.self.machine && !FileLockValidExecutionID(execution)) {
+   const bool isThis = machine == place.self.machine && execution == std::string_view(place.self.execution);
+
+   if (!isThis && machine == place.self.machine && !FileLockValidExecutionID(execution)) {
       return FILE_LOCK_STALE;
    }
    return checksum == place.checksum ? FILE_LOCK_WAITS : FILE_LOCK_MOVED;

@@ -89,7 +89,8 @@ const char *CodeSet_GetCurrentCodeSet();
    more ends the process. */
 [[nodiscard]] bool CodeSet_Validate(const char *buffer, size_t length, const char *encodingName);
 
-/* Whether the engine in use knows the name. */
+/* Whether the engine in use knows the name. It is not said that it can convert: the built-in one knows all names of
+   usable encodings, and converts few of them. */
 [[nodiscard]] bool CodeSet_IsEncodingSupported(const char *name);
 
 /* Valid UTF-8 as The Unicode Standard, chapter 3, table 3-7 has it: no surrogates, no overlong forms, nothing above

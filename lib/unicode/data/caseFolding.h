@@ -4,8 +4,8 @@
 #include <array>
 #include <cstdint>
 
-/* The simple case folding of UTF-16 units: a page of 256 folded units for each high byte, or null where the units of the
-   page fold to themselves. */
+/* The simple case folding of UTF-16 units (Unicode Character Database, CaseFolding.txt, status C and S): a page of 256 folded
+   units for each high byte, or null where the units of the page fold to themselves. */
 extern const std::array<const char16_t *, 256> UNICODE_CASE_FOLDING_PAGES;
 
 inline char16_t CaseFolding_Unit(char16_t unit)

@@ -1,7 +1,7 @@
 #ifndef TESSEL_LIB_MISC_CODESET_CONVERSION_BUILTIN_H
 #define TESSEL_LIB_MISC_CODESET_CONVERSION_BUILTIN_H
 
-/* Upward, the one time: see there. */
+/* Upward, the one time: its head says why. */
 #include "lib/unicode/unicodeSimpleTypes.h"
 
 #include <cstddef>
