@@ -79,11 +79,9 @@ void CheckLine(const Line &line)
    if (!line.name) {
       return;
    }
-   DynBuf buffer;
-   DynBuf_Init(&buffer);
+   OwnedDynBuf buffer;
    REQUIRE(DictLL_MarshalLine(&buffer, line.name->c_str(), line.value->c_str()));
-   const std::vector<Line> again = LinesOf(Exactly({buffer.data, buffer.size}));
-   DynBuf_Destroy(&buffer);
+   const std::vector<Line> again = LinesOf(Exactly(std::string_view(buffer.data, buffer.size)));
    REQUIRE(again.size() == 1 && again[0].name == line.name && again[0].value == line.value);
 }
 

@@ -99,10 +99,8 @@ struct Daemon {
 
    void Send(FuzzedDataProvider *input, Client *client)
    {
-      struct {
-         struct cmsghdr header;
-         int descriptors[MAX_PASSED];
-      } record = {};
+      alignas(struct cmsghdr) char control[CMSG_SPACE(MAX_PASSED * sizeof(int))] = {};
+      auto *record = reinterpret_cast<struct cmsghdr *>(control);
       char bytes[3] = {};
       struct iovec data = {.iov_base = bytes, .iov_len = input->ConsumeIntegralInRange<size_t>(1, 3)};
       struct msghdr message = {};
@@ -112,12 +110,13 @@ struct Daemon {
       const auto count = input->ConsumeIntegralInRange<size_t>(0, MAX_PASSED);
       for (size_t i = 0; i < count; i++) {
          passed.push_back(Make(input->ConsumeIntegralInRange(0, 3), client->connection.get()));
-         record.descriptors[i] = passed.back().get();
+         reinterpret_cast<int *>(CMSG_DATA(record))[i] = passed.back().get();
       }
-      record.header = {
-          .cmsg_len = CMSG_LEN(count * sizeof(int)), .cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS};
-      message.msg_control = &record;
-      message.msg_controllen = count == 0 ? 0 : record.header.cmsg_len;
+      record->cmsg_len = CMSG_LEN(count * sizeof(int));
+      record->cmsg_level = SOL_SOCKET;
+      record->cmsg_type = SCM_RIGHTS;
+      message.msg_control = control;
+      message.msg_controllen = count == 0 ? 0 : record->cmsg_len;
       client->sent |= sendmsg(client->connection.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) != -1;
    }
 
@@ -135,14 +134,13 @@ struct Daemon {
       }
       REQUIRE(status == SERVICE_KEEP_RUNNING && sStops == stops);
       char answer[4];
-      const ssize_t length = recv(clients.front().connection.get(), answer, sizeof answer, 0);
-      REQUIRE(length < 3);
-      REQUIRE(ctx.refCount == count + (length == 2 && answer[1] == SERVICE_REPLY_REGISTERED ? 1 : 0));
+      const ssize_t got = recv(clients.front().connection.get(), answer, sizeof answer, 0);
+      REQUIRE(got < 3);
+      REQUIRE(ctx.refCount == count + (got == 2 && answer[1] == SERVICE_REPLY_REGISTERED ? 1 : 0));
       REQUIRE(ctx.refCount == count || count > 0 || (sStarts == starts + 1 && sStartWorks));
-      leftOpen += length == 2 && answer[1] == SERVICE_REPLY_REFUSED && sStarts == starts ? 1 : 0;
+      leftOpen += got == 2 && answer[1] == SERVICE_REPLY_REFUSED && sStarts == starts ? 1 : 0;
       /* It is closed; with bytes unread that is a reset. */
-      REQUIRE(length <= 0 || recv(clients.front().connection.get(), answer, 1, 0) == 0 ||
-              errno == ECONNRESET);
+      REQUIRE(got <= 0 || recv(clients.front().connection.get(), answer, 1, 0) == 0 || errno == ECONNRESET);
       clients.pop_front();
    }
 

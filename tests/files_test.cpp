@@ -235,7 +235,7 @@ TEST_F(FileReplacement, SaysWhyThereIsNone)
    const int isFolder = unlink(At("d/f~").c_str()) == -1 ? errno : 0;
    EXPECT_EQ(Refusal(isFolder), failed_ + "unlink temporary file, errno: #\n");
    fs::remove(At("d/f~"));
-   for (const mode_t mode : {0555U, 0333U}) {
+   for (const mode_t mode : {mode_t(0555), mode_t(0333)}) {
       Mode(mode, "d");
       EXPECT_EQ(Refusal(EACCES), denied);
    }

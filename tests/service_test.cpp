@@ -215,7 +215,7 @@ TEST_F(ServiceHandshake, TakesExactlyOneDescriptorAndKeepsNoOther)
    int received = -2;
    const int passed = pipe.writer.get();
    const size_t before = OpenDescriptors();
-   for (const size_t count : {0, 2, 3, 9}) {
+   for (const size_t count : {0U, 2U, 3U, 9U}) {
       ASSERT_TRUE(SendMessage(client_.get(), "x", std::vector<int>(count, passed)));
       EXPECT_FALSE(ServiceImplRecvFd(daemon_.get(), &received)) << count;
    }

@@ -68,7 +68,8 @@ TEST_F(TesselDict, SaysWhatIsWrong)
                                "unset ${F%f}new a", "get ${F%f} a"}) {
       EXPECT_TRUE(Run(command).starts_with("66 ")) << command;
    }
-   for (const char *misuse : {"", "get $F", "git", "--wait x check $F", "--max-size -1 check $F", "set - a 1",
+   EXPECT_EQ("64 tessel-dict: standard input cannot be edited\n", Run("set - a 1"));
+   for (const char *misuse : {"", "get $F", "git", "--wait x check $F", "--max-size -1 check $F",
                               "set ${F%f}new '' 1", "set ${F%f}new Config.Encoding 1"}) {
       EXPECT_TRUE(Run(misuse).starts_with("64 ")) << misuse;
    }
@@ -90,6 +91,7 @@ TEST_F(TesselDict, ChangesNothingButWhatWasAsked)
                 {mark, "set $F b 2", mark + "b = \"2\"\n"},
                 {"# a=1\na=1\nb=2", "unset $F A", "# a=1\nb=2"},
                 {"b=1\na=2", "unset $F a", "b=1\n"},
+                {"a=1\n", "unset $F A", ""},
                 {"a=1\n", "unset $F b", "a=1\n", 1},
                 {".encoding=ASCII\na=1\n", "set $F a \xC3\xA9", ".encoding=ASCII\na=1\n", 65},
                 {"a=1\n", "set $F a \xFF", "a=1\n", 65},

@@ -28,13 +28,13 @@ constexpr const char *NO_DIRECTORY = "/dev/null/Non-existing DEFAULT_LIBDIRECTOR
 constexpr const char *DISABLE_USER = "disableUserPreferences";
 
 /* In the order of lookups. */
-enum LayerIndex : uint8_t { GLOBAL, NON_PERSISTENT, USER, USER_DEFAULTS, HOST, SITE, LAYERS };
+enum PreferenceIndex : uint8_t { GLOBAL, NON_PERSISTENT, USER, USER_DEFAULTS, HOST, SITE, LAYERS };
 
 constexpr std::array<const char *, LAYERS> HEADINGS = {"GLOBAL SETTINGS",  "NON PERSISTENT",
                                                        "USER PREFERENCES", "USER DEFAULTS",
                                                        "HOST DEFAULTS",    "SITE DEFAULTS"};
 
-struct Layer {
+struct PreferenceFile {
    Dictionary *dictionary;
    char *path; /* Null: none. */
    bool read;
@@ -43,13 +43,13 @@ struct Layer {
 struct PreferenceState {
    RankedLock *lock;
    MsgList *messages; /* What the dictionaries say of values that are not of the type asked for. */
-   std::array<Layer, LAYERS> layers;
+   std::array<PreferenceFile, LAYERS> layers;
 };
 
 /* Null before the initialisation. */
 std::atomic<PreferenceState *> sState;
 
-void PreferenceRead(Layer *layer)
+void PreferenceRead(PreferenceFile *layer)
 {
    if (layer->path == nullptr) {
       return;
@@ -61,7 +61,7 @@ void PreferenceRead(Layer *layer)
 }
 
 /* A value that does not convert would otherwise leave no trace of why the setting has no effect. */
-void PreferenceWarn(PreferenceState *state, const Layer &layer, const char *name)
+void PreferenceWarn(PreferenceState *state, const PreferenceFile &layer, const char *name)
 {
    for (size_t i = 0; i < MsgList_Count(state->messages); i++) {
       Warning("PREF %s line %d: %s", layer.path != nullptr ? layer.path : "(no file)",
@@ -106,11 +106,11 @@ PreferenceState *PreferenceBuild(bool wantsUser)
    auto *state = static_cast<PreferenceState *>(Util_SafeCalloc(1, sizeof(PreferenceState)));
    state->lock = RankedLock_Create("preferenceLock", LOCK_RANK);
    state->messages = MsgList_Create();
-   for (Layer &layer : state->layers) {
+   for (PreferenceFile &layer : state->layers) {
       layer.dictionary = Dictionary_Create();
       Dictionary_SetMessageList(layer.dictionary, state->messages);
    }
-   Layer *const host = &state->layers[HOST];
+   PreferenceFile *const host = &state->layers[HOST];
    host->path = Util_SafeStrdup(HOST_DEFAULTS_PATH);
    PreferenceRead(host);
    const bool disabled = Dictionary_GetBool(host->dictionary, false, DISABLE_USER);
@@ -123,7 +123,7 @@ PreferenceState *PreferenceBuild(bool wantsUser)
    if (wantsUser) {
       PreferenceSetUserPaths(state);
    }
-   for (const LayerIndex index : {GLOBAL, SITE, USER_DEFAULTS, USER}) {
+   for (const PreferenceIndex index : {GLOBAL, SITE, USER_DEFAULTS, USER}) {
       PreferenceRead(&state->layers[index]);
    }
    return state;
@@ -132,7 +132,7 @@ PreferenceState *PreferenceBuild(bool wantsUser)
 void PreferenceFree(PreferenceState *state)
 {
    const Owned<PreferenceState> owned(state);
-   for (const Layer &layer : state->layers) {
+   for (const PreferenceFile &layer : state->layers) {
       const Owned<char> path(layer.path);
       Dictionary_Free(layer.dictionary);
    }
@@ -170,7 +170,7 @@ Result PreferenceGet(PreferenceState *state, Fallback fallback, const char *name
 {
    const RankedLockHold hold(state->lock);
    const size_t found = PreferenceFind(state, name);
-   const Layer &layer = state->layers[found != LAYERS ? found : size_t{USER}];
+   const PreferenceFile &layer = state->layers[found != LAYERS ? found : size_t{USER}];
    const Result value = get(layer.dictionary, fallback, "%s", name);
    PreferenceWarn(state, layer, name);
    return value;
@@ -280,7 +280,7 @@ void Preference_Log()
    }
    const RankedLockHold hold(state->lock);
    for (size_t index = 0; index < LAYERS; index++) {
-      const Layer &layer = state->layers[index];
+      const PreferenceFile &layer = state->layers[index];
       if (layer.path != nullptr || (index != USER && index != USER_DEFAULTS)) {
          Log("DICT --- %s %s\n", HEADINGS[index], layer.path);
          Dictionary_Dump(layer.dictionary);
@@ -298,7 +298,7 @@ void Preference_Explain(const char *name, void (*visit)(const PreferenceLayer *l
    const RankedLockHold hold(state->lock);
    const size_t deciding = PreferenceFind(state, name);
    for (size_t index = 0; index < LAYERS; index++) {
-      const Layer &layer = state->layers[index];
+      const PreferenceFile &layer = state->layers[index];
       const SecretString value(Dictionary_GetText(layer.dictionary, name));
       const PreferenceLayer view = {.heading = HEADINGS[index],
                                     .path = layer.path,

@@ -21,9 +21,9 @@ constexpr size_t USUAL_LINE = 256;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
 /* The classes of bytes, each a bit. */
-enum ByteClass : uint8_t { BLANK = 1, BARE = 2, NAME = 4 };
+enum DictLLClass : uint8_t { BLANK = 1, BARE = 2, NAME = 4 };
 
-constexpr std::array<uint8_t, 256> MakeClasses()
+constexpr std::array<uint8_t, 256> DictLLMakeClasses()
 {
    std::array<uint8_t, 256> classes{};
    classes.fill(BARE | NAME);
@@ -33,9 +33,9 @@ constexpr std::array<uint8_t, 256> MakeClasses()
    return classes;
 }
 
-constexpr std::array<uint8_t, 256> classes = MakeClasses();
+constexpr std::array<uint8_t, 256> CLASSES = DictLLMakeClasses();
 
-constexpr EscapeTable MakeEscaped()
+constexpr EscapeTable DictLLMakeEscaped()
 {
    EscapeTable table{};
    for (size_t byte = 0; byte < 0x20; byte++) {
@@ -45,13 +45,13 @@ constexpr EscapeTable MakeEscaped()
    return table;
 }
 
-constexpr EscapeTable escaped = MakeEscaped();
+constexpr EscapeTable ESCAPED = DictLLMakeEscaped();
 
 /* Takes the longest run of bytes of a class off the front of the text. */
-std::string_view DictLLTake(std::string_view *text, ByteClass wanted)
+std::string_view DictLLTake(std::string_view *text, DictLLClass wanted)
 {
    size_t length = 0;
-   while (length < text->size() && (classes[static_cast<unsigned char>((*text)[length])] & wanted) != 0) {
+   while (length < text->size() && (CLASSES[static_cast<unsigned char>((*text)[length])] & wanted) != 0) {
       length++;
    }
    const std::string_view run = text->substr(0, length);
@@ -118,11 +118,11 @@ bool DictLLAppend(DynBuf *output, std::string_view bytes)
 
 bool DictLLAppendEscaped(DynBuf *output, std::string_view value)
 {
-   const auto mustEscape = [](char byte) { return escaped[static_cast<unsigned char>(byte)] != 0; };
+   const auto mustEscape = [](char byte) { return ESCAPED[static_cast<unsigned char>(byte)] != 0; };
    if (std::none_of(value.begin(), value.end(), mustEscape)) {
       return DictLLAppend(output, value);
    }
-   const SecretString text(Escape_BytesWithChar(ESCAPE, escaped, value.data(), value.size(), nullptr));
+   const SecretString text(Escape_BytesWithChar(ESCAPE, ESCAPED, value.data(), value.size(), nullptr));
    return text != nullptr && DictLLAppend(output, text.get());
 }
 

@@ -61,7 +61,7 @@ int File_Unlink(const char *path);
 
 /* Removes an entry that is not a directory. With handleLink, the text of a link is first unlinked as
    a path (a relative one from the current directory, not the link's). If that fails, other than for lack of
-   such an entry, the link is kept. */
+   such an entry, the link is kept. Not for folders of others, who say with a link what is unlinked. */
 int FileDeletion(const char *path, bool handleLink);
 
 /* Removes an empty directory. */

@@ -31,9 +31,9 @@ constexpr size_t BLOCK_SIZE = size_t{64} * 1024;
 std::atomic<int> sCopies;
 
 /* A stream to read secrets from, through a buffer that is zeroed. Null: none, and errno says why. */
-class InputStream {
+class DictionaryInput {
  public:
-   explicit InputStream(FILE *stream) : stream_(stream)
+   explicit DictionaryInput(FILE *stream) : stream_(stream)
    {
       if (stream != nullptr && Secret_Reserve(buffer_.get(), BLOCK_SIZE)) {
          static_cast<void>(setvbuf(stream, buffer_.get()->data, _IOFBF, BLOCK_SIZE));
@@ -88,7 +88,7 @@ bool DictionaryLoadFile(Dictionary *dictionary, const char *path, EncodingId def
                         MsgList *messages)
 {
    struct stat attributes;
-   const InputStream stream(DictionaryOpenStream(path));
+   const DictionaryInput stream(DictionaryOpenStream(path));
 
    if (stream.get() == nullptr) {
       return DictionaryReportLoadOpen(path, messages);
@@ -116,7 +116,7 @@ bool DictionarySeekStart(const FileIOHandle *handle, MsgList *messages)
 bool DictionaryReadHandle(Dictionary *dictionary, const FileIOHandle *handle, MsgList *messages)
 {
    OwnedDescriptor copy(fcntl(handle->fd, F_DUPFD_CLOEXEC, 0));
-   const InputStream stream(copy.get() != -1 ? fdopen(copy.get(), "r") : nullptr);
+   const DictionaryInput stream(copy.get() != -1 ? fdopen(copy.get(), "r") : nullptr);
 
    if (stream.get() == nullptr) {
       MsgList_Append(messages,

@@ -24,7 +24,7 @@ constexpr uint32_t TYPE_MASK = 0xFFF;
 constexpr size_t NAME_SIZE = 1024;
 
 /* What a getter falls back on and a setter is given: the text, which is borrowed, or the bits. */
-struct GivenValue {
+struct DictionaryGiven {
    const char *text;
    uint64_t bits;
 };
@@ -64,7 +64,7 @@ bool DictionaryConvertEntry(Dictionary *dictionary, DictionaryEntry *entry, uint
 }
 
 /* A new entry that no file has. */
-DictionaryEntry *DictionaryMakeEntry(Dictionary *dictionary, GivenValue value, uint32_t type,
+DictionaryEntry *DictionaryMakeEntry(Dictionary *dictionary, DictionaryGiven value, uint32_t type,
                                      bool isProtected, const char *name)
 {
    DictionaryEntry *const entry = DictionaryAddEntry(dictionary, name);
@@ -79,7 +79,7 @@ DictionaryEntry *DictionaryMakeEntry(Dictionary *dictionary, GivenValue value, u
 }
 
 /* Whether a fallback counts as no value, so that nothing is stored for it. */
-bool DictionaryIsEmptyFallback(uint32_t type, GivenValue fallback)
+bool DictionaryIsEmptyFallback(uint32_t type, DictionaryGiven fallback)
 {
    switch (type) {
    case DICTIONARY_UNTYPED:
@@ -103,7 +103,8 @@ void DictionaryCheckType(uint32_t type)
 }
 
 /* The value for a request; text is the entry's or the fallback's own. */
-GivenValue DictionaryGet(Dictionary *dictionary, GivenValue fallback, uint32_t request, const char *name)
+DictionaryGiven DictionaryGet(Dictionary *dictionary, DictionaryGiven fallback, uint32_t request,
+                              const char *name)
 {
    const uint32_t type = request & TYPE_MASK;
    const bool wantsProtected = DictionaryWantsProtected(dictionary, request);
@@ -129,11 +130,11 @@ GivenValue DictionaryGet(Dictionary *dictionary, GivenValue fallback, uint32_t r
    return {.text = entry->text, .bits = entry->bits};
 }
 
-using NameBuffer = std::array<char, NAME_SIZE>;
+using DictionaryName = std::array<char, NAME_SIZE>;
 
-void DictionaryFormatName(NameBuffer *name, const char *format, va_list args) FORMAT_ARGUMENTS(2, 0);
+void DictionaryFormatName(DictionaryName *name, const char *format, va_list args) FORMAT_ARGUMENTS(2, 0);
 
-void DictionaryFormatName(NameBuffer *name, const char *format, va_list args)
+void DictionaryFormatName(DictionaryName *name, const char *format, va_list args)
 {
    Str_Vsnprintf(name->data(), name->size(), format, args);
 }
@@ -144,7 +145,7 @@ uint64_t DictionaryGetBits(Dictionary *dictionary, uint64_t fallback, uint32_t t
 uint64_t DictionaryGetBits(Dictionary *dictionary, uint64_t fallback, uint32_t type, const char *format,
                            va_list args)
 {
-   NameBuffer name;
+   DictionaryName name;
 
    DictionaryFormatName(&name, format, args);
    return DictionaryGet(dictionary, {.text = nullptr, .bits = fallback}, type, name.data()).bits;
@@ -156,7 +157,7 @@ char *DictionaryCopyString(Dictionary *dictionary, const char *fallback, uint32_
 char *DictionaryCopyString(Dictionary *dictionary, const char *fallback, uint32_t request, const char *format,
                            va_list args)
 {
-   NameBuffer name;
+   DictionaryName name;
 
    DictionaryFormatName(&name, format, args);
    return Util_SafeStrdup(
@@ -182,7 +183,8 @@ bool DictionaryReplaceBits(DictionaryEntry *entry, uint64_t bits)
 }
 
 /* Puts a value into an entry that exists; whether that made a difference. */
-bool DictionaryReplaceValue(Dictionary *dictionary, DictionaryEntry *entry, uint32_t type, GivenValue value)
+bool DictionaryReplaceValue(Dictionary *dictionary, DictionaryEntry *entry, uint32_t type,
+                            DictionaryGiven value)
 {
    bool differs = false;
    uint64_t bits;
@@ -207,7 +209,7 @@ bool DictionaryReplaceValue(Dictionary *dictionary, DictionaryEntry *entry, uint
    return DictionaryReplaceBits(entry, value.bits) || differs;
 }
 
-void DictionarySet(Dictionary *dictionary, GivenValue value, uint32_t request, const char *name)
+void DictionarySet(Dictionary *dictionary, DictionaryGiven value, uint32_t request, const char *name)
 {
    const uint32_t type = request & TYPE_MASK;
    const bool wantsProtected = DictionaryWantsProtected(dictionary, request);
@@ -430,7 +432,7 @@ void Dictionary_SetString(Dictionary *dictionary, const char *value, uint32_t fl
 void Dictionary_SetStringFormat(Dictionary *dictionary, const char *value, uint32_t flags, const char *format,
                                 ...)
 {
-   NameBuffer name;
+   DictionaryName name;
    va_list args;
 
    va_start(args, format);

@@ -16,7 +16,7 @@ constexpr const char *MODULE = "lib/user/msgList";
 constexpr std::string_view OPENING = "@&!*@*@(";
 
 /* One conversion of a format: what its argument is, and how wide an integer was passed. */
-struct Conversion {
+struct MsgListConversion {
    char letter;
    int longs;
 };
@@ -31,7 +31,7 @@ struct MsgList {
 namespace {
 
 /* The next conversion from *at on, which moves behind it; letter NUL: there is none. */
-Conversion MsgListNextConversion(const char **at)
+MsgListConversion MsgListNextConversion(const char **at)
 {
    while (const char *percent = strchr(*at, '%')) {
       const char *letter = percent + 1 + strspn(percent + 1, "-+ #0123456789.'");
@@ -56,11 +56,11 @@ size_t MsgListCountConversions(const char *text)
 }
 
 /* A list of arguments that moves on through calls: as a bare parameter it would be a copy on some systems. */
-struct Arguments {
+struct MsgListArguments {
    va_list list;
 };
 
-int64_t MsgListTakeInteger(Conversion conversion, Arguments *arguments)
+int64_t MsgListTakeInteger(MsgListConversion conversion, MsgListArguments *arguments)
 {
    if (conversion.longs != 0) {
       return va_arg(arguments->list, long long);
@@ -71,7 +71,7 @@ int64_t MsgListTakeInteger(Conversion conversion, Arguments *arguments)
    return va_arg(arguments->list, unsigned);
 }
 
-MsgArgument MsgListTakeArgument(Conversion conversion, Arguments *arguments)
+MsgArgument MsgListTakeArgument(MsgListConversion conversion, MsgListArguments *arguments)
 {
    switch (conversion.letter) {
    case 's':
@@ -122,7 +122,7 @@ void MsgListEndMessage(const MsgListMessage *message)
 }
 
 /* The arguments of a text, as an array of count. */
-MsgArgument *MsgListTakeArguments(const char *text, size_t count, Arguments *arguments)
+MsgArgument *MsgListTakeArguments(const char *text, size_t count, MsgListArguments *arguments)
 {
    auto *array = static_cast<MsgArgument *>(Util_SafeCalloc(count, sizeof(MsgArgument)));
    for (size_t i = 0; i < count; i++) {
@@ -151,13 +151,13 @@ void MsgList_Free(MsgList *list)
 void MsgList_Append(MsgList *list, const char *format, ...)
 {
    std::string_view identifier;
-   Arguments arguments;
+   MsgListArguments arguments;
    va_list forText;
 
    if (list == nullptr) {
       return;
    }
-   const int savedErrno = errno;
+   const KeptErrno kept;
    const char *defaultText = MsgListDefaultText(format, &identifier);
    const size_t count = MsgListCountConversions(defaultText);
    list->messages = static_cast<MsgListMessage *>(
@@ -172,7 +172,6 @@ void MsgList_Append(MsgList *list, const char *format, ...)
        .argumentCount = count};
    va_end(forText);
    va_end(arguments.list);
-   errno = savedErrno;
 }
 
 size_t MsgList_Count(const MsgList *list)

@@ -17,10 +17,10 @@ constexpr gid_t GROUP = 65533;
 
 /* All that is called raised and can fail: to open the log; in the helper's child; to connect to a control; to delete the
    service copy. */
-const std::set<std::string> RAISED = {
-    "open",    "fork",     "waitpid", "setitimer", "sigaction", "close_range", "getrlimit", "setrlimit",
-    "execvp",  "connect",  "openat",  "fcntl",     "fdopendir", "readdir",     "stat",      "fstat",
-    "fstatat", "unlinkat", "rmdir",   "seteuid",   "close",     "malloc",      "calloc",    "realloc"};
+const std::set<std::string> RAISED = {"open",        "fork",      "waitpid",   "setitimer", "sigaction",
+                                      "close_range", "getrlimit", "setrlimit", "execvp",    "connect",
+                                      "openat",      "fdopendir", "readdir",   "stat",      "fstat",
+                                      "fstatat",     "unlinkat",  "rmdir",     "seteuid"};
 
 /* What the helper finds, besides its arguments; the shell itself opens 3 and 255. */
 constexpr char INHERITED[] =
@@ -73,7 +73,11 @@ TEST_F(Privilege, IsUsedForWhatIsListedAndTheHelperInheritsWhatIsDocumented)
    DaemonProcess daemon([&watch](int listener, int launcher) { RunDaemon(listener, launcher, &watch); });
    Client(daemon).LetGo();
    EXPECT_EQ(daemon.ExitStatus(), 0);
-   EXPECT_EQ(watch.CalledRaised(), RAISED);
+   std::set<std::string> raised = watch.CalledRaised();
+   for (const char *memory : {"malloc", "calloc", "realloc"}) {
+      raised.erase(memory);
+   }
+   EXPECT_EQ(raised, RAISED);
    EXPECT_EQ(ReadFile("/Library/seen"), INHERITED);
 
    struct stat log;

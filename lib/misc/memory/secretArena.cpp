@@ -33,7 +33,8 @@ size_t SecretArenaRound(size_t size)
 void **SecretArenaChain(SecretArena *arena, size_t rounded)
 {
    const size_t fine = LARGEST_FINE / GRANULE;
-   return &arena->given[rounded <= LARGEST_FINE ? rounded / GRANULE : fine + std::countr_zero(rounded)];
+   const auto power = static_cast<size_t>(std::countr_zero(rounded));
+   return &arena->given[rounded <= LARGEST_FINE ? rounded / GRANULE : fine + power];
 }
 
 /* A new block with room for size bytes, whatever is left of the last one. */

@@ -18,29 +18,30 @@ namespace {
 
 constexpr const char *MODULE = "lib/user/dictionary_core";
 
-struct Word {
+struct DictionaryWord {
    const char *word;
    int32_t value;
 };
 
 constexpr std::array BOOL_WORDS = {
-    Word{"", 1},   Word{"true", 1}, Word{"t", 1},     Word{"yes", 1}, Word{"y", 1},
-    Word{"on", 1}, Word{"1", 1},    Word{"false", 0}, Word{"f", 0},   Word{"no", 0},
-    Word{"n", 0},  Word{"off", 0},  Word{"0", 0},
+    DictionaryWord{"", 1},  DictionaryWord{"true", 1}, DictionaryWord{"t", 1}, DictionaryWord{"yes", 1},
+    DictionaryWord{"y", 1}, DictionaryWord{"on", 1},   DictionaryWord{"1", 1}, DictionaryWord{"false", 0},
+    DictionaryWord{"f", 0}, DictionaryWord{"no", 0},   DictionaryWord{"n", 0}, DictionaryWord{"off", 0},
+    DictionaryWord{"0", 0},
 };
 
 constexpr std::array DEFAULT_WORDS = {
-    Word{"default", DICTIONARY_TRISTATE_DEFAULT},
-    Word{"dontcare", DICTIONARY_TRISTATE_DEFAULT},
-    Word{"auto", DICTIONARY_TRISTATE_DEFAULT},
+    DictionaryWord{"default", DICTIONARY_TRISTATE_DEFAULT},
+    DictionaryWord{"dontcare", DICTIONARY_TRISTATE_DEFAULT},
+    DictionaryWord{"auto", DICTIONARY_TRISTATE_DEFAULT},
 };
 
-enum class Outcome : uint8_t { VALID, INVALID, OUT_OF_RANGE };
+enum class DictionaryOutcome : uint8_t { VALID, INVALID, OUT_OF_RANGE };
 
 template <size_t N>
-bool DictionaryFindWord(const std::array<Word, N> &words, const char *text, int32_t *value)
+bool DictionaryFindWord(const std::array<DictionaryWord, N> &words, const char *text, int32_t *value)
 {
-   for (const Word &word : words) {
+   for (const DictionaryWord &word : words) {
       if (strcasecmp(word.word, text) == 0) {
          *value = word.value;
          return true;
@@ -55,7 +56,7 @@ bool DictionaryIsWhole(const char *text, const char *end)
    return end != text && *end == '\0';
 }
 
-Outcome DictionaryParseInt32(const char *text, uint64_t *bits)
+DictionaryOutcome DictionaryParseInt32(const char *text, uint64_t *bits)
 {
    char *end;
 
@@ -66,27 +67,27 @@ Outcome DictionaryParseInt32(const char *text, uint64_t *bits)
       value = static_cast<long>(strtoul(text, &end, 0));
    }
    if (errno == ERANGE) {
-      return Outcome::OUT_OF_RANGE;
+      return DictionaryOutcome::OUT_OF_RANGE;
    }
    /* What does not fit in 32 bits loses its upper ones, as it always has. */
    *bits = static_cast<uint64_t>(int64_t{static_cast<int32_t>(value)});
-   return DictionaryIsWhole(text, end) ? Outcome::VALID : Outcome::INVALID;
+   return DictionaryIsWhole(text, end) ? DictionaryOutcome::VALID : DictionaryOutcome::INVALID;
 }
 
-Outcome DictionaryParseInt64(const char *text, uint64_t *bits)
+DictionaryOutcome DictionaryParseInt64(const char *text, uint64_t *bits)
 {
    char *end;
 
    errno = 0;
    *bits = strtoull(text, &end, 0);
    if (errno == ERANGE) {
-      return Outcome::OUT_OF_RANGE;
+      return DictionaryOutcome::OUT_OF_RANGE;
    }
-   return DictionaryIsWhole(text, end) ? Outcome::VALID : Outcome::INVALID;
+   return DictionaryIsWhole(text, end) ? DictionaryOutcome::VALID : DictionaryOutcome::INVALID;
 }
 
 /* Files are written with a decimal point, whatever the process's locale has. */
-Outcome DictionaryParseDouble(const char *text, uint64_t *bits)
+DictionaryOutcome DictionaryParseDouble(const char *text, uint64_t *bits)
 {
    char *end;
 
@@ -95,13 +96,13 @@ Outcome DictionaryParseDouble(const char *text, uint64_t *bits)
    /* Systems differ on whether a number below the normal ones, which is there all the same, is out of range. */
    const bool tooLarge = value == HUGE_VAL || value == -HUGE_VAL;
    if (errno == ERANGE && (tooLarge || value == 0)) {
-      return Outcome::OUT_OF_RANGE;
+      return DictionaryOutcome::OUT_OF_RANGE;
    }
    *bits = std::bit_cast<uint64_t>(value);
-   return *end == '\0' ? Outcome::VALID : Outcome::INVALID;
+   return *end == '\0' ? DictionaryOutcome::VALID : DictionaryOutcome::INVALID;
 }
 
-Outcome DictionaryParse(const char *text, uint32_t type, uint64_t *bits)
+DictionaryOutcome DictionaryParse(const char *text, uint32_t type, uint64_t *bits)
 {
    bool invalid = false;
 
@@ -121,7 +122,7 @@ Outcome DictionaryParse(const char *text, uint32_t type, uint64_t *bits)
    default:
       Panic("NOT_REACHED %s:%d\n", MODULE, __LINE__);
    }
-   return invalid ? Outcome::INVALID : Outcome::VALID;
+   return invalid ? DictionaryOutcome::INVALID : DictionaryOutcome::VALID;
 }
 
 const char *DictionaryTriStateWord(uint64_t bits, const char *defaultWord)
@@ -204,12 +205,12 @@ bool DictionaryConvertText(const char *text, uint32_t type, uint64_t fallback, c
                            MsgList *messages, uint64_t *bits)
 {
    switch (DictionaryParse(text, type, bits)) {
-   case Outcome::VALID:
+   case DictionaryOutcome::VALID:
       return true;
-   case Outcome::INVALID:
+   case DictionaryOutcome::INVALID:
       DictionaryReportInvalid(messages, text, name, type, fallback);
       break;
-   case Outcome::OUT_OF_RANGE:
+   case DictionaryOutcome::OUT_OF_RANGE:
       DictionaryReportOutOfRange(messages, text, name, type, fallback);
       break;
    }

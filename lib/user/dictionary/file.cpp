@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,28 +18,17 @@ namespace {
 /* Deliberately executable: dictionary files may carry an interpreter line. */
 constexpr mode_t NEW_FILE_MODE = 0754;
 
-struct StreamClose {
-   void operator()(FILE *stream) const
-   {
-      const int savedErrno = errno;
-      /* All that was written is on the medium by now, or its failure is known. */
-      static_cast<void>(fclose(stream));
-      errno = savedErrno;
-   }
-};
-
-using Stream = std::unique_ptr<FILE, StreamClose>;
-
 /* A stream on a descriptor that stays the caller's. It buffers nothing: the text is in one piece already, and no
-   second copy of its secrets is to lie about. */
-Stream DictionaryFileStream(int fd)
+   second copy of its secrets is to lie about; so all is written, or its failure known, before it is closed.
+ */
+OwnedStream DictionaryFileStream(int fd)
 {
    OwnedDescriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
    if (copy.get() == -1) {
       return nullptr;
    }
    /* "w" empties nothing here, and takes a descriptor that cannot be read. */
-   Stream stream(fdopen(copy.get(), "w"));
+   OwnedStream stream(fdopen(copy.get(), "w"));
    if (stream == nullptr) {
       return nullptr;
    }
@@ -53,32 +41,26 @@ Stream DictionaryFileStream(int fd)
 
 bool DictionaryFileWrite(FILE *stream, std::string_view text)
 {
-   while (true) {
+   while (!text.empty()) {
       errno = 0;
       text.remove_prefix(fwrite(text.data(), 1, text.size(), stream));
-      if (text.empty()) {
-         return true;
-      }
-      if (errno != EINTR) {
+      if (!text.empty() && errno != EINTR) {
          return false;
       }
       clearerr(stream);
    }
+   return true;
 }
 
 bool DictionaryFileTruncate(int fd, size_t size)
 {
-   int result;
-   do {
-      result = ftruncate(fd, static_cast<off_t>(size));
-   } while (result == -1 && errno == EINTR);
-   return result == 0;
+   return Uninterrupted([&] { return ftruncate(fd, static_cast<off_t>(size)); }) == 0;
 }
 
 /* The whole of writing one open file, to the medium. */
 bool DictionaryFileFill(const FileIOHandle &file, std::string_view text, MsgList *messages)
 {
-   const Stream stream = DictionaryFileStream(file.fd);
+   const OwnedStream stream = DictionaryFileStream(file.fd);
    if (stream == nullptr) {
       MsgList_Append(messages,
                      MSGLIST_ID("dictionary.writefile.descToStream") "An error occurred while converting "
@@ -167,15 +149,6 @@ void DictionaryFileReportOpen(const char *path, int error, MsgList *messages)
    }
 }
 
-bool DictionaryFileOpen(FileIOHandle *file, const char *path, int flags, mode_t mode, MsgList *messages)
-{
-   if (!FileIO_Open(file, path, O_RDWR | flags, mode)) {
-      DictionaryFileReportOpen(path, errno, messages);
-      return false;
-   }
-   return true;
-}
-
 } // namespace
 
 bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages)
@@ -183,12 +156,11 @@ bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages
    struct stat old;
    const mode_t mode = stat(path, &old) == 0 ? old.st_mode & 07777 : NEW_FILE_MODE;
 
-   return DictionaryFileOpen(file, path, O_CREAT, mode, messages);
-}
-
-bool DictionaryFile_OpenOld(FileIOHandle *file, const char *path, MsgList *messages)
-{
-   return DictionaryFileOpen(file, path, 0, 0, messages);
+   if (!FileIO_Open(file, path, O_RDWR | O_CREAT, mode)) {
+      DictionaryFileReportOpen(path, errno, messages);
+      return false;
+   }
+   return true;
 }
 
 bool DictionaryFile_Store(FileIOHandle *file, FileIOHandle *temporary, std::string_view text,

@@ -12,9 +12,6 @@ struct MsgList;
 /* Opens a file that is to be written, with its old content, or makes it. */
 [[nodiscard]] bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages);
 
-/* The same for a file that must be there. */
-[[nodiscard]] bool DictionaryFile_OpenOld(FileIOHandle *file, const char *path, MsgList *messages);
-
 /* Makes the text the content of the open file: by way of temporary, from FileIO_AtomicTempFile, which is then used
    up, or, for null and where the one cannot take the other's place, by rewriting the file as it stands. */
 [[nodiscard]] bool DictionaryFile_Store(FileIOHandle *file, FileIOHandle *temporary, std::string_view text,

@@ -23,7 +23,7 @@ constexpr const char *KEY_SAFE = "encryption.keySafe";
 constexpr const char *INTEGRITY_PROTECTED = "encryption.integrityProtected";
 constexpr const char *INTEGRITY_HASH = "encryption.integrityHash";
 
-struct Writer {
+struct DictionaryWriter {
    Dictionary *dictionary;
    EncodingId encoding;
    MsgList *messages;
@@ -58,7 +58,7 @@ void DictionaryAppendLine(DynBuf *output, std::string_view line)
 }
 
 /* Appends a new line for an entry. False, reported: a file cannot hold the name, or the encoding not the value. */
-bool DictionaryMarshalEntry(Writer *writer, const DictionaryEntry *entry, DynBuf *output)
+bool DictionaryMarshalEntry(DictionaryWriter *writer, const DictionaryEntry *entry, DynBuf *output)
 {
    SecretString value(DictionaryFormatValue(entry));
 
@@ -81,7 +81,7 @@ bool DictionaryMarshalEntry(Writer *writer, const DictionaryEntry *entry, DynBuf
    return true;
 }
 
-bool DictionaryWriteEntry(Writer *writer, DictionaryEntry *entry, DynBuf *output)
+bool DictionaryWriteEntry(DictionaryWriter *writer, DictionaryEntry *entry, DynBuf *output)
 {
    const size_t start = output->size;
 
@@ -100,7 +100,7 @@ bool DictionaryWriteEntry(Writer *writer, DictionaryEntry *entry, DynBuf *output
 }
 
 /* Copies the leading lines that begin with "#" and gives the first line behind them. */
-DictionaryLink *DictionaryWriteHead(const Writer &writer)
+DictionaryLink *DictionaryWriteHead(const DictionaryWriter &writer)
 {
    DictionaryLink *const head = &writer.dictionary->lines;
    DictionaryLink *link = head->next;
@@ -110,7 +110,7 @@ DictionaryLink *DictionaryWriteHead(const Writer &writer)
    return link;
 }
 
-bool DictionaryWriteLines(Writer *writer, DictionaryLink *link)
+bool DictionaryWriteLines(DictionaryWriter *writer, DictionaryLink *link)
 {
    for (DictionaryLink *next; link != &writer->dictionary->lines; link = next) {
       const auto *line = static_cast<DictionaryLine *>(link);
@@ -125,7 +125,7 @@ bool DictionaryWriteLines(Writer *writer, DictionaryLink *link)
    return true;
 }
 
-bool DictionaryWriteRest(Writer *writer)
+bool DictionaryWriteRest(DictionaryWriter *writer)
 {
    for (DictionaryEntry *entry : DictionaryRing<DictionaryEntry>(writer->dictionary->entries)) {
       DynBuf *const output = entry->isProtected ? writer->protectedSection : writer->text;
@@ -136,7 +136,7 @@ bool DictionaryWriteRest(Writer *writer)
    return true;
 }
 
-bool DictionaryWriteProtected(const Writer &writer, bool protect)
+bool DictionaryWriteProtected(const DictionaryWriter &writer, bool protect)
 {
    const DictionaryHooks &hooks = writer.dictionary->hooks;
    DynBuf *const section = writer.protectedSection;
@@ -157,7 +157,7 @@ bool DictionaryWriteProtected(const Writer &writer, bool protect)
    return true;
 }
 
-bool DictionaryWriteIntegrity(const Writer &writer)
+bool DictionaryWriteIntegrity(const DictionaryWriter &writer)
 {
    const DictionaryHooks &hooks = writer.dictionary->hooks;
 
@@ -187,7 +187,7 @@ void DictionaryClearMarks(Dictionary *dictionary)
 }
 
 /* False: an entry cannot be written. */
-bool DictionaryWriteEntries(Writer *writer)
+bool DictionaryWriteEntries(DictionaryWriter *writer)
 {
    DictionaryLink *const behindHead = DictionaryWriteHead(*writer);
    DictionaryMarshal(writer->text, ".encoding", Unicode_EncodingEnumToName(writer->encoding));
@@ -249,7 +249,7 @@ bool DictionaryRender(Dictionary *dictionary, bool protect, MsgList *messages, D
                                       ? dictionary->encoding
                                       : Unicode_ResolveEncoding(ENCODING_DEFAULT);
       SecretBuffer protectedSection;
-      Writer writer = {dictionary, encoding, messages, text, protectedSection.get(), false};
+      DictionaryWriter writer = {dictionary, encoding, messages, text, protectedSection.get(), false};
       if (DictionaryWriteEntries(&writer)) {
          return DictionaryWriteProtected(writer, protect) && DictionaryWriteIntegrity(writer);
       }
