@@ -198,7 +198,8 @@ class DaemonFaults : public testing::TestWithParam<size_t> {
       EXPECT_EQ(expected->clients, life.clients);
       const std::string added = Added(life.log, usual.log);
       EXPECT_EQ(WithError(expected->logged, fault.error), added);
-      if (ranItsCourse && life.clients == "11" && !life.log.empty()) {
+      const bool stopRefused = added.find("Missing components") != std::string::npos;
+      if (ranItsCourse && life.clients == "11" && !life.log.empty() && !stopRefused) {
          /* A line that is missing has another one in its place, unless it could not be written. */
          const std::string lost = Added(usual.log, life.log);
          const bool unwritten = fault.call == "write" || fault.call == "localtime_r";
