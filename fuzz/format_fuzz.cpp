@@ -112,11 +112,11 @@ class Builder {
 
    void AddDirective()
    {
-      using Add = void (Builder::*)();
       directive_ = {};
       TakeFlags();
-      (this->*input_.PickValueInArray<Add>({&Builder::AddText, &Builder::AddCount, &Builder::AddReal,
-                                            &Builder::AddInteger, &Builder::AddCharacter}))();
+      (this->*input_.PickValueInArray<void (Builder::*)()>({&Builder::AddText, &Builder::AddCount,
+                                                            &Builder::AddReal, &Builder::AddInteger,
+                                                            &Builder::AddCharacter}))();
    }
 
    void AddLiteral()

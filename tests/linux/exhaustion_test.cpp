@@ -67,7 +67,7 @@ TEST(Exhaustion, EndsTheProcessInRoutinesThatCannotFailUnlessNothingIsAskedFor)
       EXPECT_PANIC(c.call(), +std::string("Unrecoverable memory allocation failure") + c.where + "\n");
    }
    /* So many numbered arguments take memory of their own. */
-   const char *const numbered = "%8$d"; /* Means something here, which the compiler does not know. */
+   const char *volatile numbered = "%8$d"; /* Means something here that the compiler would warn of. */
    EXPECT_EXIT(free(Str_SafeAsprintf(nullptr, numbered, 1, 2, 3, 4, 5, 6, 7, 8)),
                testing::KilledBySignal(SIGABRT), "");
 }
