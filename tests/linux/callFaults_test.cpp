@@ -274,8 +274,7 @@ const Operation OPERATIONS[] = {
     {"Load", "failed", 0,
      [](const Scene &scene) {
         const OwnedDictionary dictionary;
-        return Named(Dictionary_Load(dictionary.get(), scene.Path("file").c_str()) &&
-                     Dictionary_Append(dictionary.get(), scene.Path("file").c_str()));
+        return Named(Dictionary_Load(dictionary.get(), scene.Path("file").c_str()));
      }},
     {"LoadFromFileHandle", "failed", 0,
      [](const Scene &scene) {

@@ -25,6 +25,9 @@ constexpr uid_t NOBODY = 65534;
 /* The lives are dealt out among as many tests, which run side by side. */
 constexpr size_t SHARES = 4;
 
+/* For what depends on the order in which the file system has the entries of a folder. */
+constexpr int EITHER = -1;
+
 struct Expectation {
    const char *call;
    int first;
@@ -150,7 +153,7 @@ std::string Added(const std::string &log, const std::string &usual)
       known.insert(line);
    }
    for (std::string line; std::getline(now, line);) {
-      for (const std::string before : {" close ", " at lib/file/file:"}) {
+      for (const std::string before : {" close ", " at lib/file/file:", " at lib/file/fileWalk:"}) {
          if (const size_t found = line.find(before); found != std::string::npos) {
             const size_t number = found + before.size();
             line.replace(number, line.find_first_not_of("0123456789", number) - number, "#");
@@ -194,7 +197,9 @@ class DaemonFaults : public testing::TestWithParam<size_t> {
       const bool leftOpen = life.clients.find('0') != std::string::npos && fault.call == "epoll_ctl";
 
       EXPECT_TRUE(life.struck);
-      EXPECT_EQ(expected->status, life.status);
+      if (expected->status != EITHER) {
+         EXPECT_EQ(expected->status, life.status);
+      }
       EXPECT_EQ(expected->clients, life.clients);
       const std::string added = Added(life.log, usual.log);
       EXPECT_EQ(WithError(expected->logged, fault.error), added);
@@ -218,7 +223,8 @@ class DaemonFaults : public testing::TestWithParam<size_t> {
          for (const std::string &call : life.calledRaised) {
             const bool reports = call == "write" || call == "localtime_r";
             const bool fallsBack = fault.call == "close_range" && (call == "close" || call == "sysconf");
-            EXPECT_TRUE(usual.calledRaised.count(call) != 0 || reports || fallsBack) << call;
+            const bool givesUp = fault.call == "fdopendir" && call == "close";
+            EXPECT_TRUE(usual.calledRaised.count(call) != 0 || reports || fallsBack || givesUp) << call;
          }
       }
    }
