@@ -1,4 +1,4 @@
-/* The file locking protocol of lib/file/fileLock*.cpp, one call on the file system a step. docs/locks.md says what is
+/* The file locking protocol of lib/file/lock/, one call on the file system a step. docs/locks.md says what is
    shown with it; verification/run has the sizes and runs it.
 
    PROCESSES, NUMBERS   how many processes take the lock, and how many numbers they draw from
