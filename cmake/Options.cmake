@@ -47,3 +47,11 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT TESSEL_SANITIZE)
 elseif(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
   target_link_options(tessel-program-options INTERFACE -Wl,-dead_strip_dylibs)
 endif()
+
+# What is tested is built as it ships; what tests is built once, and run once. The cross compiler takes -O0 for a wish for
+# its own checks.
+if(CMAKE_CROSSCOMPILING)
+  set(TESSEL_TEST_OPTIMISATION -O1)
+else()
+  set(TESSEL_TEST_OPTIMISATION -O0)
+endif()

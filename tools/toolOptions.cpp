@@ -8,23 +8,21 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <getopt.h>
 #include <string_view>
 
 namespace {
 
-/* A whole number of seconds, above 0. */
-bool ToolOptionsReadSeconds(const char *text, int *milliseconds)
+/* The limit of a registration, where 0 stands for none. */
+bool ToolOptionsReadLimit(const char *text, int *milliseconds)
 {
-   char *end;
-   const long seconds = strtol(text, &end, 10);
+   uint32_t limit;
 
-   if (end == text || *end != '\0' || seconds < 1 || seconds > INT_MAX / 1000) {
+   if (!ToolOptions_ParseSeconds(text, &limit) || limit == 0 || limit > INT_MAX) {
       return false;
    }
-   *milliseconds = static_cast<int>(seconds * 1000);
+   *milliseconds = static_cast<int>(limit);
    return true;
 }
 
@@ -39,7 +37,7 @@ std::optional<int> ToolOptionsTake(int letter, const char *word, const ToolUsage
       options->socket = optarg;
       return std::nullopt;
    case 'w':
-      if (!ToolOptionsReadSeconds(optarg, &options->waitMs)) {
+      if (!ToolOptionsReadLimit(optarg, &options->waitMs)) {
          Warning("%s: not a number of seconds above 0\n", optarg);
          return TOOL_EXIT_USAGE;
       }

@@ -365,7 +365,7 @@ HashTable *HashTable_Alloc(uint32_t bucketCount, uint32_t flags, HashTableFreeVa
        .atomic = (flags & HASH_FLAG_ATOMIC) != 0,
        .copyKeys = (flags & HASH_FLAG_COPYKEY) != 0 && keyType < HASH_INT_KEY,
        .freeValue = freeValue,
-       .buckets = static_cast<HashTableEntry **>(Util_SafeCalloc(bucketCount, sizeof(HashTableEntry *))),
+       .buckets = static_cast<HashTableEntry **>(Util_SafeCalloc(bucketCount, sizeof(void *))),
        .count = 0,
    };
    return table;

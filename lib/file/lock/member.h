@@ -38,18 +38,18 @@ struct FileLockMember {
    uint32_t number;  /* From that. */
 
    /* Once read. */
-   FileLockState state; /* FILE_LOCK_GONE, _UNREADABLE or _WAITS; see FileLockMember_Judge. */
-   char line[FILE_LOCK_RECORD_SIZE + 1]; /* The record's line, cut at its blanks. */
-   const char *fields[FILE_LOCK_FIELDS_KEPT];
-   size_t fieldCount; /* Of all; the first ones are kept. */
+   FileLockState state{}; /* FILE_LOCK_GONE, _UNREADABLE or _WAITS; see FileLockMember_Judge. */
+   char line[FILE_LOCK_RECORD_SIZE + 1]{}; /* The record's line, cut at its blanks. */
+   const char *fields[FILE_LOCK_FIELDS_KEPT]{};
+   size_t fieldCount = 0; /* Of all; the first ones are kept. */
 
    /* Where that says who the owner is. */
-   const char *machine;
-   const char *execution;
-   const char *checksum;
-   uint32_t ticket;
-   bool exclusive;
-   uint64_t microseconds; /* 0 if the field is no number. */
+   const char *machine = nullptr;
+   const char *execution = nullptr;
+   const char *checksum = nullptr;
+   uint32_t ticket = 0;
+   bool exclusive = false;
+   uint64_t microseconds = 0; /* 0 if the field is no number. */
 
    FileLockMember(const char *itsName, uint32_t itsNumber) : name(itsName), number(itsNumber)
    {

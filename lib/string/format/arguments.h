@@ -61,17 +61,18 @@ class FormatArguments {
       switch (type) {
       case FormatType::INT:
          return {.integer = va_arg(*list, int)};
-      case FormatType::WIDE:
-         return {.integer = va_arg(*list, int64_t)};
       case FormatType::POINTER:
          return {.pointer = va_arg(*list, void *)};
+      case FormatType::WIDE:
+         return {.integer = va_arg(*list, int64_t)};
       case FormatType::REAL:
          return {.real = va_arg(*list, double)};
       case FormatType::LONG_REAL:
          return {.real = static_cast<double>(va_arg(*list, long double))};
-      default:
-         return {.integer = 0};
+      case FormatType::NONE:
+         break;
       }
+      return {.integer = 0};
    }
 
    void FetchAll();
