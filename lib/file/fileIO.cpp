@@ -6,6 +6,7 @@
 #include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 #include "lib/unicode/unicodeSimpleOperations.h"
+#include "platform/accessList.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -18,6 +19,7 @@
 namespace {
 
 constexpr mode_t PERMISSIONS = 07777;
+constexpr mode_t OWNERS = 0700;
 constexpr const char *SUFFIX = "~";
 constexpr const char *TEMP_FILE = "FileIO_AtomicTempFile";
 
@@ -57,10 +59,12 @@ int FileIORefusal(int fd, uint64_t maxBytes)
    return static_cast<uint64_t>(attributes.st_size) > maxBytes ? EFBIG : 0;
 }
 
-/* The last component of a full path. */
+/* The last component of a path. */
 const char *FileIOName(const char *path)
 {
-   return strrchr(path, '/') + 1;
+   const char *const slash = strrchr(path, '/');
+
+   return slash != nullptr ? slash + 1 : path;
 }
 
 /* The path of the target that a temporary file was made for, as a new string. */
@@ -107,22 +111,24 @@ OwnedDescriptor FileIOOpenFolder(const char *temporaryPath, const struct stat &t
    return folder;
 }
 
-/* Mode first: once the file is someone else's, an ordinary user could not set it. The change of owner may take set-id
-   bits away again, which is as it should be. */
-bool FileIOCopyIdentity(int fd, const struct stat &attributes)
+/* The owner first: only the maker is let in until the file is whose it is to be. Which takes set-id bits away, and so the
+   mode comes last. */
+bool FileIOCopyIdentity(int target, int fd, const struct stat &attributes)
 {
-   if (fchmod(fd, attributes.st_mode & PERMISSIONS) == -1) {
-      Log("%s: Failed to chmod temporary file, errno: %d\n", TEMP_FILE, errno);
-      return false;
-   }
    if (fchown(fd, attributes.st_uid, attributes.st_gid) == -1) {
       Log("%s: Failed to chown temporary file, errno: %d\n", TEMP_FILE, errno);
+      return false;
+   }
+   /* The folder may have handed down a list, which the mode would put into force. */
+   if (!AccessList_Copy(target, fd) || fchmod(fd, attributes.st_mode & PERMISSIONS) == -1) {
+      Log("%s: Failed to chmod temporary file, errno: %d\n", TEMP_FILE, errno);
       return false;
    }
    return true;
 }
 
-/* New and empty, in the place of any other entry of that name but a folder. -1, logged, with errno set. */
+/* New and empty, in the place of any other entry of that name but a folder, and for its maker alone, whatever group the
+   folder gives it. -1, logged, with errno set. */
 OwnedDescriptor FileIOMakeTemp(int folder, const char *name, mode_t mode)
 {
    /* Which removes a link and not what it leads to: anyone may have put one there. */
@@ -131,7 +137,7 @@ OwnedDescriptor FileIOMakeTemp(int folder, const char *name, mode_t mode)
       return OwnedDescriptor();
    }
    OwnedDescriptor file(Uninterrupted([&] {
-      return openat(folder, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & PERMISSIONS);
+      return openat(folder, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & OWNERS);
    }));
    if (file.get() == -1) {
       FileIOReportCreate();
@@ -215,7 +221,7 @@ bool FileIO_AtomicTempFile(const FileIOHandle *target, FileIOHandle *temporary)
       return false;
    }
    *temporary = {.fd = file.release(), .path = path.release(), .folder = folder.release()};
-   if (!FileIOCopyIdentity(temporary->fd, attributes)) {
+   if (!FileIOCopyIdentity(target->fd, temporary->fd, attributes)) {
       FileIO_AtomicDiscard(temporary);
       return false;
    }

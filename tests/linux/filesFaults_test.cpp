@@ -6,6 +6,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/xattr.h>
 
 namespace {
 
@@ -186,12 +187,55 @@ TEST_F(ReplacementFaults, ARefusalLeavesNothingBehindAndLeadsNowhereElse)
    EXPECT_EQ(Refusal("fstatat", EIO, Failing({1}, EIO)), failed + io);
    EXPECT_EQ(Refusal("openat", EIO, Failing({1}, EIO)), failed + io);
    EXPECT_EQ(Refusal("fchmod", EPERM, Failing({1}, EPERM)), failed + "chmod temporary file, errno: #\n");
+   EXPECT_EQ(Refusal("fgetxattr", EIO, Failing({1}, EIO)), failed + "chmod temporary file, errno: #\n");
    EXPECT_EQ(Refusal("fchown", EPERM, Failing({1}, EPERM)), failed + "chown temporary file, errno: #\n");
    EXPECT_EQ(List(At("top")), Names{"f"});
    EXPECT_EQ(Refusal("openat", EEXIST, [this](Call &) { Make({"top/f~>../outside/f"}); }),
              failed + "create temporary file, File exists (#). errno: #\n");
    EXPECT_EQ(Refusal("open", ESTALE, [this](Call &) { Swap("top"); }),
              failed + "create temporary file, Stale file handle (#). errno: #\n");
+}
+
+TEST_F(ReplacementFaults, LetNobodyInBeforeTheFileIsItsOwners)
+{
+   Make({"top/f"});
+   fs::permissions(At("top/f"), fs::perms(04666));
+   FileIOHandle target;
+   FileIOHandle temporary;
+   fs::perms before{};
+   ASSERT_TRUE(FileIO_Open(&target, At("top/f").c_str(), O_RDWR, 0));
+   {
+      const CallWatch watch({"fchown"}, [&](Call &) { before = fs::status(At("top/f~")).permissions(); });
+      ASSERT_TRUE(FileIO_AtomicTempFile(&target, &temporary));
+   }
+   EXPECT_EQ(before, fs::perms(0600));
+   EXPECT_EQ(fs::status(At("top/f~")).permissions(), fs::perms(04666));
+   FileIO_AtomicDiscard(&temporary);
+   EXPECT_TRUE(FileIO_Close(&target));
+}
+
+TEST_F(ReplacementFaults, TakeOverWhoIsLetInAndNotWhatTheFolderHandsDown)
+{
+   /* Version 2: the owner all, user 65534 all, group and mask and others nothing but the mask's all. */
+   const char list[] = "\2\0\0\0"
+                       "\1\0\7\0\377\377\377\377"
+                       "\2\0\7\0\376\377\0\0"
+                       "\4\0\0\0\377\377\377\377"
+                       "\20\0\7\0\377\377\377\377"
+                       "\40\0\0\0\377\377\377\377";
+   Make({"top/f"});
+   fs::permissions(At("top/f"), fs::perms(0640));
+   if (setxattr(At("top").c_str(), "system.posix_acl_default", list, sizeof list - 1, 0) == -1) {
+      GTEST_SKIP() << "the file system of the scratch folder has no access lists";
+   }
+   FileIOHandle target;
+   FileIOHandle temporary;
+   ASSERT_TRUE(FileIO_Open(&target, At("top/f").c_str(), O_RDWR, 0));
+   ASSERT_TRUE(FileIO_AtomicTempFile(&target, &temporary));
+   EXPECT_EQ(getxattr(At("top/f~").c_str(), "system.posix_acl_access", nullptr, 0), -1);
+   EXPECT_EQ(fs::status(At("top/f~")).permissions(), fs::perms(0640));
+   FileIO_AtomicDiscard(&temporary);
+   EXPECT_TRUE(FileIO_Close(&target));
 }
 
 } // namespace
