@@ -526,13 +526,20 @@ bool IsForeign(const std::string &symbol)
    });
 }
 
+/* The call that the compiler has checked the room for, as "__memcpy_chk". */
+std::string Unfortified(const std::string &symbol)
+{
+   const bool fortified = symbol.starts_with("__") && symbol.ends_with("_chk");
+   return fortified ? symbol.substr(2, symbol.size() - 6) : symbol;
+}
+
 TEST(CallTable, NamesEveryCallOfTheProducts)
 {
    const std::set<std::string> defined = Symbols("--defined-only --format=posix");
    std::set<std::string> called;
    for (const std::string &symbol : Symbols("--undefined-only --format=just-symbols")) {
       if (defined.count(symbol) == 0 && !IsForeign(symbol)) {
-         called.insert(symbol);
+         called.insert(Unfortified(symbol));
       }
    }
    ASSERT_LT(100U, called.size()) << "nm was not of help";
