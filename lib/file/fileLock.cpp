@@ -1,6 +1,5 @@
 #include "lib/file/fileLock.h"
 
-#include "lib/file/file.h"
 #include "lib/file/lock/number.h"
 #include "lib/file/lock/scan.h"
 #include "lib/file/lock/wait.h"
@@ -51,7 +50,7 @@ int FileLockCreationFailure(int error, bool *refused)
 int FileLockRemoveObstacle(const FileLockPlace &place)
 {
    static constexpr const char *tag = "FileLockCreateEntryDirectory";
-   const int error = FileDeletion(place.directory.get(), false);
+   const int error = FileLockPlace_Clear(place, false);
    struct stat status;
 
    if (error == 0 || error == ENOENT) {
@@ -93,6 +92,16 @@ int FileLockFindDirectory(FileLockPlace *place, bool *refused)
    const int openingError = FileLockPlace_Open(place);
 
    return openingError == 0 ? 0 : FileLockNoDirectory(*place, makingError, openingError, refused);
+}
+
+/* In a folder that may not be read nothing is created. But the lock directory may be there already, with those in it
+   who have the lock: that is only asked for, so by its path. */
+bool FileLockFolderRefuses(const FileLockPlace &place, int error)
+{
+   struct stat status;
+
+   return error == EACCES && place.directory != nullptr && lstat(place.directory.get(), &status) == -1 &&
+          errno == ENOENT;
 }
 
 int FileLockTakeNumber(FileLockAttempt *attempt, OwnedDescriptor *writing, bool *refused)
@@ -271,7 +280,7 @@ void FileLockLeave(const FileLockPlace &place)
    if (place.stream != nullptr) {
       FileLockPlace_RemoveSelf(place.stream, place.directory.get());
    } else {
-      rmdir(place.directory.get());
+      static_cast<void>(FileLockPlace_Clear(place, true));
    }
 }
 
@@ -291,10 +300,10 @@ FileLockToken *FileLockIntrinsicPortable(const char *path, bool exclusive, uint3
 {
    FileLockAttempt attempt;
    OwnedDescriptor writing;
-   bool refused = false;
 
    *error = FileLockPlace_Find(&attempt.place, path);
-   if (*error != 0) {
+   bool refused = FileLockFolderRefuses(attempt.place, *error);
+   if (*error != 0 && !refused) {
       Log("FILE: %s stat failure on '%s': %s\n", "FileLockIntrinsicPortable", path, strerror(*error));
       return nullptr;
    }
@@ -302,7 +311,9 @@ FileLockToken *FileLockIntrinsicPortable(const char *path, bool exclusive, uint3
    attempt.maxWaitMs = maxWaitMs;
    attempt.hooks = &hooks;
    attempt.startMs = FileLockWait_NowMs();
-   *error = FileLockCreateEntryDirectory(&attempt, &writing, &refused);
+   if (*error == 0) {
+      *error = FileLockCreateEntryDirectory(&attempt, &writing, &refused);
+   }
    if (refused && !exclusive) {
       *error = 0;
       Log("FILE: %s implicit %s lock succeeded on '%s'.\n", "FileLockIntrinsicPortable", "S",

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
+#include <fnmatch.h>
 #include <random>
 #include <sched.h>
 #include <sys/mman.h>
@@ -28,9 +29,9 @@ namespace {
 constexpr size_t WORKERS = 8;
 constexpr int STEPS_AT_LEAST = 30;
 
-const std::set<std::string> FILE_CALLS = {
-    "close",  "fdopendir", "fstat",   "fstatat",  "lstat", "mkdir",  "mkdirat",  "open",
-    "openat", "read",      "readdir", "renameat", "rmdir", "unlink", "unlinkat", "write"};
+const std::set<std::string> FILE_CALLS = {"close",    "fdopendir", "fstat",  "fstatat", "lstat",
+                                          "mkdirat",  "open",      "openat", "read",    "readdir",
+                                          "renameat", "unlinkat",  "write"};
 
 /* The path that a call is about. */
 std::string Path(const Call &call)
@@ -145,7 +146,7 @@ TEST_F(LockFaults, AnswersEachInItsWay)
    enum Instead : uint8_t { NOTHING, DONE_FIRST, LINK, DIRECTORY, SHORT };
    const struct {
       std::string call;
-      const char *path; /* That it ends with. */
+      const char *path; /* A pattern; empty: none. */
       int fault;        /* The first time; EAGAIN: always. */
       bool held;        /* By another token. */
       bool taken;
@@ -156,14 +157,14 @@ TEST_F(LockFaults, AnswersEachInItsWay)
        {"openat", "M00007.lck", EIO, true, false, 0},
        {"openat", "M00007.lck", EMFILE, true, false, EMFILE},
        {"fstatat", "M00007.lck", EIO, true, false, EIO},
-       {"open", "file.lck", ESTALE, false, true, 0},
-       {"open", "file.lck", EACCES, false, false, EACCES},
-       {"mkdirat", ".lck", ESTALE, false, true, 0},
-       {"renameat", ".lck", EIO, false, false, EIO, DONE_FIRST},
+       {"openat", "file.lck", ESTALE, false, true, 0},
+       {"openat", "file.lck", EACCES, false, false, EACCES},
+       {"mkdirat", "D*.lck", ESTALE, false, true, 0},
+       {"renameat", "E*.lck", EIO, false, false, EIO, DONE_FIRST},
        {"write", "", 0, false, false, EIO, SHORT},
        /* A link in the place of the directory that was just made, and a directory in that of what is no such. */
-       {"open", "file.lck", 0, false, true, 0, LINK},
-       {"unlink", "file.lck", 0, false, true, 0, DIRECTORY},
+       {"openat", "file.lck", 0, false, true, 0, LINK},
+       {"unlinkat", "file.lck", 0, false, true, 0, DIRECTORY},
    };
    fs::create_directory(ours_);
    for (const auto &c : cases) {
@@ -176,7 +177,8 @@ TEST_F(LockFaults, AnswersEachInItsWay)
       }
       bool struck = false;
       const CallWatch watch({c.call}, [&](Call &call) {
-         if ((struck && c.fault != EAGAIN) || (*c.path != '\0' && !Path(call).ends_with(c.path))) {
+         if ((struck && c.fault != EAGAIN) ||
+             (*c.path != '\0' && fnmatch(c.path, Path(call).c_str(), 0) != 0)) {
             return;
          }
          struck = true;
@@ -198,6 +200,40 @@ TEST_F(LockFaults, AnswersEachInItsWay)
       EXPECT_EQ(fs::exists(directory_ + "/M00007.lck"), c.held);
       EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, {}) == 0);
       EXPECT_TRUE(!fs::exists(directory_) && fs::is_empty(ours_));
+   }
+}
+
+/* The folder of the file is exchanged for a link to another one before, or after, it is opened. */
+TEST_F(LockFaults, TouchNoOtherFolderThanTheOneThatWasOpened)
+{
+   const std::string place = folder_.Path("place");
+   const std::string moved = folder_.Path("moved");
+   path_ = place + "/f";
+   for (const std::string theirs : {"/f.lck", "/f.lck/M00001.lck"}) {
+      fs::remove_all(ours_);
+      fs::create_directories(fs::path(ours_ + theirs).parent_path());
+      WriteFile(ours_ + theirs, "theirs");
+      for (const auto &[name, about] :
+           {std::pair("open", place), std::pair("mkdirat", std::string("f.lck"))}) {
+         SCOPED_TRACE(name + theirs);
+         fs::create_directory(place);
+         bool struck = false;
+         const CallWatch watch({name}, [&, about = about](Call &call) {
+            if (!struck && Path(call) == about) {
+               struck = true;
+               fs::rename(place, moved);
+               fs::create_directory_symlink(ours_, place);
+            }
+         });
+         FileLockToken *const token = Take();
+         CallWatch::Disarm();
+         EXPECT_TRUE(struck && (token != nullptr) == (about != place));
+         EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, {}) == 0);
+         EXPECT_EQ(ReadFile(ours_ + theirs), "theirs");
+         EXPECT_TRUE(fs::is_empty(moved));
+         fs::remove(place);
+         fs::remove(moved);
+      }
    }
 }
 

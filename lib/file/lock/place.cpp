@@ -6,7 +6,9 @@
 #include "lib/string/str.h"
 #include "lib/unicode/unicodeSimpleOperations.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -46,6 +48,20 @@ Owned<char> FileLockCanonical(std::string_view path)
                                        static_cast<int>(name.size()), name.data()));
 }
 
+const char *FileLockDirectoryName(const FileLockPlace &place)
+{
+   return strrchr(place.directory.get(), '/') + 1;
+}
+
+/* The path is free of links: one that is there now was put there since. A slash at the end would have it followed. */
+int FileLockOpenFolder(const FileLockPlace &place)
+{
+   const char *const path = place.directory.get();
+   const ptrdiff_t length = std::max<ptrdiff_t>(strrchr(path, '/') - path, 1);
+   const Owned<char> folder(Util_SafeStrndup(path, static_cast<size_t>(length)));
+   return open(folder.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
 /* Of a call that gives -1 with errno. */
 int FileLockResult(int result)
 {
@@ -62,24 +78,32 @@ int FileLockPlace_Find(FileLockPlace *place, const char *path)
    }
    place->directory.reset(Unicode_Join(place->path.get(), FILE_LOCK_SUFFIX, nullptr));
    FileLockIdentity_Checksum(place->directory.get(), place->checksum);
-   return 0;
+   place->folder.reset(FileLockOpenFolder(*place));
+   return FileLockResult(place->folder.get());
 }
 
 int FileLockPlace_Make(const FileLockPlace &place)
 {
-   return FileLockResult(mkdir(place.directory.get(), 0777));
+   return FileLockResult(mkdirat(place.folder.get(), FileLockDirectoryName(place), 0777));
 }
 
 int FileLockPlace_Look(const FileLockPlace &place, struct stat *status)
 {
-   return FileLockResult(lstat(place.directory.get(), status));
+   return FileLockResult(
+       fstatat(place.folder.get(), FileLockDirectoryName(place), status, AT_SYMLINK_NOFOLLOW));
 }
 
 int FileLockPlace_Open(FileLockPlace *place)
 {
-   place->stream = FileOpenStream(
-       OwnedDescriptor(open(place->directory.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+   place->stream = FileOpenStream(OwnedDescriptor(openat(place->folder.get(), FileLockDirectoryName(*place),
+                                                         O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
    return FileLockResult(place->stream != nullptr ? 0 : -1);
+}
+
+int FileLockPlace_Clear(const FileLockPlace &place, bool isDirectory)
+{
+   return FileLockResult(
+       unlinkat(place.folder.get(), FileLockDirectoryName(place), isDirectory ? AT_REMOVEDIR : 0));
 }
 
 Owned<char> FileLockPlace_Path(const FileLockPlace &place, const char *name)

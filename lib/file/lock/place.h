@@ -8,9 +8,9 @@
 
 #include <sys/stat.h>
 
-/* The lock directory of a file, and what is done to the entries in it. It may lie in a folder of somebody else's: it is
-   made and opened without following a link in its place, and from then on only reached from its descriptor,
-   whatever its path leads to by now.
+/* The lock directory of a file, and what is done to the entries in it. It may lie in a folder of somebody else's: that
+   folder is opened once, the lock directory is made, opened and removed from its descriptor without following
+   a link in its place, and what is in it is only reached from its own, whatever the paths lead to by now.
 
    The routines give 0 or the error's number, and leave errno undefined, unless they say otherwise. That a
    file, or its directory, has gone on another machine (ESTALE) is ENOENT, too. */
@@ -20,10 +20,12 @@ struct FileLockPlace {
    Owned<char> directory;
    char checksum[FILE_LOCK_CHECKSUM_SIZE]; /* Of directory. */
    FileLockIdentity self;
-   OwnedDirectory stream; /* The lock directory, once it is open; everything in it is reached from there. */
+   OwnedDescriptor folder; /* That the lock directory is made in. */
+   OwnedDirectory stream;  /* The lock directory, once it is open; everything in it is reached from there. */
 };
 
-/* ENOENT etc. where the folder of the file is not to be found. */
+/* ENOENT etc. where the folder of the file is not to be found, or cannot be opened; then the paths are set all the
+   same. */
 [[nodiscard]] int FileLockPlace_Find(FileLockPlace *place, const char *path);
 
 /* Makes the lock directory, with mode 0777. */
@@ -34,6 +36,9 @@ struct FileLockPlace {
 
 /* Opens the lock directory; a link to one is none. */
 [[nodiscard]] int FileLockPlace_Open(FileLockPlace *place);
+
+/* Removes what stands there: the directory, if it is empty, or whatever else it may be. */
+[[nodiscard]] int FileLockPlace_Clear(const FileLockPlace &place, bool isDirectory);
 
 /* The path of a name in the lock directory, for reports: a new string. */
 [[nodiscard]] Owned<char> FileLockPlace_Path(const FileLockPlace &place, const char *name);
