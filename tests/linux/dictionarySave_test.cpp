@@ -108,6 +108,15 @@ TEST_F(DictionarySave, AnswersEveryFailedCallAsItShould)
    EXPECT_EQ(NEW, ReadFile(path_));
 }
 
+TEST_F(DictionarySave, FailsWhereTheFileVanished)
+{
+   for (const char *call : {"realpath", "fstatat"}) {
+      CallWatch watch({call}, [this](Call & /* call */) { unlink(path_.c_str()); });
+      EXPECT_EQ("failed writefile.atomicUpdate", Save(&watch)) << call;
+      EXPECT_NE(0, access(path_.c_str(), F_OK)) << call;
+   }
+}
+
 /* No block that is released still holds it. */
 TEST(DictionarySecrets, AreZeroedBeforeTheyAreReleased)
 {

@@ -192,8 +192,8 @@ bool DictionaryFile_Replace(FileIOHandle *file, std::string_view text, MsgList *
    FileIOHandle temporary;
    const bool made = FileIO_AtomicTempFile(file, &temporary);
 
-   /* Another file is in its place by now: rewriting the open one would save nothing. */
-   if (!made && errno == ESTALE) {
+   /* Another file is in its place by now, or none: rewriting the open one would save nothing. */
+   if (!made && (errno == ESTALE || errno == ENOENT)) {
       DictionaryFileReportUpdate(file->path, messages);
       return false;
    }
