@@ -15,6 +15,7 @@
 #include "lib/user/dictionary/write.h"
 #include "lib/user/msgList.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -202,31 +203,77 @@ DictEditResult DictEditReplace(FileIOHandle *file, const DictEdit &edit, MsgList
    return DictionaryFile_Close(file, messages) && replaced ? DictEditResult::DONE : DictEditResult::FAILED;
 }
 
+/* The file that a path leads to. */
+struct DictEditTarget {
+   Owned<char> path;       /* Free of links; as it was given if its folder is not to be found. */
+   OwnedDescriptor folder; /* That the file is in, or is to be; -1: none that can be opened. */
+};
+
+/* The path of a file that is not there yet: null if its folder is not either, or it has no name. */
+char *DictEditNewPath(const char *given)
+{
+   const char *const slash = strrchr(given, '/');
+   const char *const name = slash != nullptr ? slash + 1 : given;
+   const Owned<char> folder(slash != nullptr ? Util_SafeStrndup(given, static_cast<size_t>(name - given))
+                                             : Util_SafeStrdup("."));
+   const Owned<char> real(*name != '\0' ? Posix_RealPath(folder.get()) : nullptr);
+   if (real == nullptr) {
+      return nullptr;
+   }
+   return Str_SafeAsprintf(nullptr, "%s%s%s", real.get(), strcmp(real.get(), "/") == 0 ? "" : "/", name);
+}
+
+/* Once and before the lock is waited for, while others may exchange what the path leads through. */
+DictEditTarget DictEditResolve(const char *given)
+{
+   DictEditTarget target;
+
+   target.path.reset(Posix_RealPath(given));
+   if (target.path == nullptr) {
+      target.path.reset(DictEditNewPath(given));
+   }
+   if (target.path == nullptr) {
+      target.path.reset(Util_SafeStrdup(given));
+      return target;
+   }
+   /* Without the slash, behind which a link would be followed. */
+   const std::string_view path(target.path.get());
+   const size_t size = std::max<size_t>(path.rfind('/'), 1);
+   const Owned<char> folder(Util_SafeStrndup(path.data(), size));
+   target.folder.reset(
+       Uninterrupted([&] { return open(folder.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+   return target;
+}
+
+const char *DictEditName(const char *path)
+{
+   const char *const slash = strrchr(path, '/');
+   return slash != nullptr ? slash + 1 : path;
+}
+
 /* Opens a new file under the temporary name, in the folder where it is to stand. */
-bool DictEditOpenNew(FileIOHandle *temporary, const char *path)
+bool DictEditOpenNew(FileIOHandle *temporary, const DictEditTarget &target)
 {
    static constexpr mode_t mode = 0754;
-   const std::string_view whole(path);
-   const size_t slash = whole.rfind('/') + 1; /* 0 where there is none. */
-   const Owned<char> folder(slash != 0 ? Util_SafeStrndup(path, slash) : Util_SafeStrdup("."));
 
-   temporary->path = Str_SafeAsprintf(nullptr, "%s~", path);
-   temporary->folder = open(folder.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+   temporary->path = Str_SafeAsprintf(nullptr, "%s~", target.path.get());
+   temporary->folder = fcntl(target.folder.get(), F_DUPFD_CLOEXEC, 0);
    if (temporary->folder == -1) {
       return false;
    }
-   const char *const name = temporary->path + slash;
+   const char *const name = DictEditName(temporary->path);
    if (unlinkat(temporary->folder, name, 0) == -1 && errno != ENOENT) {
       return false;
    }
-   temporary->fd = openat(temporary->folder, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+   temporary->fd = Uninterrupted([&] {
+      return openat(temporary->folder, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+   });
    return temporary->fd != -1;
 }
 
 /* The file comes to be with its content, so that nobody ever sees it empty. */
-DictEditResult DictEditMake(const DictEdit &edit, MsgList *messages)
+DictEditResult DictEditMake(const DictEdit &edit, const DictEditTarget &target, MsgList *messages)
 {
-   DictEditFile file;
    DictEditFile temporary;
    SecretBuffer content;
    SecretBuffer result;
@@ -237,27 +284,29 @@ DictEditResult DictEditMake(const DictEdit &edit, MsgList *messages)
    if (outcome.has_value()) {
       return *outcome;
    }
-   file.path = Util_SafeStrdup(edit.path);
-   if (!DictEditOpenNew(&temporary, edit.path)) {
+   if (!DictEditOpenNew(&temporary, target)) {
       MsgList_Append(messages, MSGLIST_ID("dictionary.open") "Cannot open configuration file \"%s\": %s.\n",
                      edit.path, strerror(errno));
       return DictEditResult::FAILED;
    }
-   return DictionaryFile_Store(&file, &temporary, DictEditView(result.get()), messages)
+   return DictionaryFile_StoreNew(&temporary, edit.path, DictEditView(result.get()), messages)
               ? DictEditResult::DONE
               : DictEditResult::FAILED;
 }
 
-DictEditResult DictEditLocked(const DictEdit &edit, MsgList *messages)
+DictEditResult DictEditLocked(const DictEdit &edit, const DictEditTarget &target, MsgList *messages)
 {
    struct stat attributes;
    DictEditFile file;
 
    /* Of a link that leads nowhere it is not known whose file it would make. */
-   if (edit.value != nullptr && lstat(edit.path, &attributes) == -1 && errno == ENOENT) {
-      return DictEditMake(edit, messages);
+   if (edit.value != nullptr && target.folder.get() != -1 &&
+       fstatat(target.folder.get(), DictEditName(edit.path), &attributes, AT_SYMLINK_NOFOLLOW) == -1 &&
+       errno == ENOENT) {
+      return DictEditMake(edit, target, messages);
    }
-   if (!DictEdit_OpenFile(&file, edit.path, O_RDWR, edit.maxBytes, messages)) {
+   /* Whose lock is held is the file at this path, and not what a link there leads to. */
+   if (!DictEdit_OpenFile(&file, edit.path, O_RDWR | O_NOFOLLOW, edit.maxBytes, messages)) {
       return DictEditResult::FAILED;
    }
    return DictEditReplace(&file, edit, messages);
@@ -310,9 +359,9 @@ DictEditResult DictEdit_Run(const DictEdit &edit, MsgList *messages)
    int error;
 
    /* Every road to the file leads to one lock. */
-   const Owned<char> real(Posix_RealPath(edit.path));
+   const DictEditTarget target = DictEditResolve(edit.path);
    DictEdit there = edit;
-   there.path = real != nullptr ? real.get() : edit.path;
+   there.path = target.path.get();
    hooks.message = MsgList_Append;
    hooks.list = messages;
    FileLockToken *const token = FileLock_Lock(there.path, true, there.maxWaitMs, hooks, &error);
@@ -326,6 +375,6 @@ DictEditResult DictEdit_Run(const DictEdit &edit, MsgList *messages)
                      there.path, strerror(error));
       return DictEditResult::FAILED;
    }
-   const DictEditResult result = DictEditLocked(there, messages);
+   const DictEditResult result = DictEditLocked(there, target, messages);
    return FileLock_Unlock(token, hooks) == 0 ? result : DictEditResult::FAILED;
 }

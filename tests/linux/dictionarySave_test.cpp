@@ -3,6 +3,7 @@
 #include "lib/user/msgList.h"
 #include "tests/support/callFaults.h"
 #include "tests/support/testSupport.h"
+#include "tools/dictEdit.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -106,6 +107,61 @@ TEST_F(DictionarySave, AnswersEveryFailedCallAsItShould)
    CallWatch last({"fsync", 2, EIO});
    EXPECT_EQ("failed writefile.sync", Save(&last));
    EXPECT_EQ(NEW, ReadFile(path_));
+}
+
+TEST_F(DictionarySave, FailsWhereTheFileVanished)
+{
+   for (const char *call : {"realpath", "fstatat"}) {
+      CallWatch watch({call}, [this](Call & /* call */) { unlink(path_.c_str()); });
+      EXPECT_EQ("failed writefile.atomicUpdate", Save(&watch)) << call;
+      EXPECT_NE(0, access(path_.c_str(), F_OK)) << call;
+   }
+}
+
+/* What others do to the file and its folder while the lock is held, right before a call for the file. */
+TEST_F(DictionarySave, EditsWhatWasThereBeforeTheLockOrNothing)
+{
+   const std::string made = ".encoding = \"UTF-8\"\na = \"2\"\n";
+   const struct {
+      const char *call;
+      size_t argument;
+      std::string prepare, change, after, told;
+   } cases[] = {
+       {"fstatat", 1, ":", "mv d e; ln -s o d", "a=o\n" + made + "a=o\nt\n", ""},
+       {"linkat", 3, ":", "echo new >d/f", "new\na=o\nt\n", "msg.dictionary.writefile.atomicUpdate"},
+       {"open", 0, "echo a=1 >d/f", "ln -sf ../o/f d/f", "a=o\na=o\nt\n", "msg.dictionary.load.openFailed"},
+       /* No hard links there. */
+       {"linkat", 3, ":", "", made + "a=o\nt\n", ""}};
+   for (const auto &[call, argument, prepare, change, after, told] : cases) {
+      const ScratchFolder folder;
+      const auto shell = [&folder](const std::string &words) {
+         setenv("WORDS", ("cd " + folder.Path("") + "; exec 2>&-; " + words).c_str(), 1);
+         Program program("sh -c \"$WORDS\"");
+         program.Status();
+         return program.Output();
+      };
+      shell("mkdir d o; echo a=o >o/f; echo t >o/f~; " + prepare);
+      CallWatch watch({call}, [&, done = false, place = argument](Call &bent) mutable {
+         const auto *const path = reinterpret_cast<const char *>(bent.arguments[place]);
+         if (done || !std::string_view(path).ends_with('f')) {
+            return;
+         }
+         done = true;
+         if (change.empty()) {
+            bent.Fail(EPERM);
+         }
+         shell(change);
+      });
+      const std::string path = folder.Path("d/f");
+      MsgList *const messages = MsgList_Create();
+      const DictEditResult result = DictEdit_Run({path.c_str(), "a", "2", 100, 0}, messages);
+      CallWatch::Disarm();
+      /* Whether the lock was found again in the exchanged folder is no matter here. */
+      EXPECT_TRUE(told.empty() || result == DictEditResult::FAILED) << change;
+      EXPECT_EQ(told, MsgList_Count(messages) != 0 ? MsgList_Get(messages, 0)->identifier : "") << change;
+      EXPECT_EQ(after, shell("cat d/f e/f o/f o/f~; ls e/f~; [ -L d ] || ls d/f~")) << change;
+      MsgList_Free(messages);
+   }
 }
 
 /* No block that is released still holds it. */

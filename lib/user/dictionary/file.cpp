@@ -149,6 +149,32 @@ void DictionaryFileReportOpen(const char *path, int error, MsgList *messages)
    }
 }
 
+/* The last component of a full path. */
+const char *DictionaryFileName(const char *path)
+{
+   return strrchr(path, '/') + 1;
+}
+
+/* Gives the temporary file another name, which nothing must have. False with errno set. */
+bool DictionaryFileLink(const FileIOHandle &temporary, const char *name)
+{
+   const int folder = temporary.folder;
+   const char *const old = DictionaryFileName(temporary.path);
+
+   if (linkat(folder, old, folder, name, 0) == 0) {
+      /* A name too many does no harm: who writes next removes it. */
+      static_cast<void>(unlinkat(folder, old, 0));
+      return true;
+   }
+   if (errno != EPERM && errno != ENOTSUP && errno != EOPNOTSUPP) {
+      return false;
+   }
+   /* A file system without hard links: the name is taken first, by an empty file. */
+   const OwnedDescriptor made(Uninterrupted(
+       [&] { return openat(folder, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, NEW_FILE_MODE); }));
+   return made.get() != -1 && renameat(folder, old, folder, name) == 0;
+}
+
 } // namespace
 
 bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages)
@@ -192,12 +218,32 @@ bool DictionaryFile_Replace(FileIOHandle *file, std::string_view text, MsgList *
    FileIOHandle temporary;
    const bool made = FileIO_AtomicTempFile(file, &temporary);
 
-   /* Another file is in its place by now: rewriting the open one would save nothing. */
-   if (!made && errno == ESTALE) {
+   /* Another file is in its place by now, or none: rewriting the open one would save nothing. */
+   if (!made && (errno == ESTALE || errno == ENOENT)) {
       DictionaryFileReportUpdate(file->path, messages);
       return false;
    }
    return DictionaryFile_Store(file, made ? &temporary : nullptr, text, messages);
+}
+
+bool DictionaryFile_StoreNew(FileIOHandle *temporary, const char *path, std::string_view text,
+                             MsgList *messages)
+{
+   bool stored = DictionaryFileWriteThrough(*temporary, text, messages);
+   if (stored && !DictionaryFileLink(*temporary, DictionaryFileName(path))) {
+      DictionaryFileReportUpdate(path, messages);
+      stored = false;
+   }
+   if (!stored) {
+      FileIO_AtomicDiscard(temporary);
+      return false;
+   }
+   const bool durable = Durable_File(temporary->folder);
+   if (!durable) {
+      DictionaryFileReportSync(path, messages);
+   }
+   FileIO_Close(temporary);
+   return durable;
 }
 
 bool DictionaryFile_Close(FileIOHandle *file, MsgList *messages)

@@ -20,6 +20,11 @@ struct MsgList;
 /* The same by way of a temporary file of its own, if one can be made. */
 [[nodiscard]] bool DictionaryFile_Replace(FileIOHandle *file, std::string_view text, MsgList *messages);
 
+/* Makes temporary, which is used up, with the text in it the new file at path in temporary's folder. A file that is
+   there by now stays as it is, and that is a failure. */
+[[nodiscard]] bool DictionaryFile_StoreNew(FileIOHandle *temporary, const char *path, std::string_view text,
+                                           MsgList *messages);
+
 [[nodiscard]] bool DictionaryFile_Close(FileIOHandle *file, MsgList *messages);
 
 #endif
