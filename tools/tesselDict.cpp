@@ -212,7 +212,7 @@ int DictDump(const DictTask &task)
 /* Its only argument is a name. */
 int DictExplain(const DictTask &task)
 {
-   return DictExplain_Print(task.file) ? TOOL_EXIT_OK : TOOL_EXIT_ABSENT;
+   return DictExplain_Print(task.file, task.options.maxBytes) ? TOOL_EXIT_OK : TOOL_EXIT_ABSENT;
 }
 
 constexpr std::array COMMANDS = {
