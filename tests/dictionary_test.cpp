@@ -10,6 +10,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -334,6 +335,22 @@ TEST_F(Dictionaries, SayWhereReadingFails)
    EXPECT_EQ("<null>", Text("z"));
    EXPECT_EQ("DictionaryReadLines: \"@/f\" line 102: too many duplicate entries in dictionary, quitting.\n",
              Log());
+}
+
+/* Neither many lines behind a long one nor a long one for the log take time as the square of their size. */
+TEST_F(Dictionaries, ReadsInTimeThatGrowsWithTheFile)
+{
+   std::string lines;
+   for (int i = 0; i < 100000; i++) {
+      lines += "#\n";
+   }
+   for (const std::string &file :
+        {"#" + std::string(4 << 20, 'x') + "\n" + lines, std::string(4 << 20, '\0')}) {
+      WriteFile(Path(), file);
+      const clock_t start = clock();
+      EXPECT_EQ(file.starts_with('#'), Dictionary_Load(dictionary_, Path().c_str()));
+      EXPECT_GT(10 * CLOCKS_PER_SEC, clock() - start);
+   }
 }
 
 TEST_F(Dictionaries, TakeABufferWithoutAFileName)

@@ -191,6 +191,10 @@ TEST_F(TesselDict, ExplainsWhatDecidesAPreference)
        "  SITE DEFAULTS     @/elsewhere/Contents/Library/config (cannot be read)\n";
    EXPECT_EQ(elsewhere, Run("explain a"));
    EXPECT_TRUE(Run("explain none").starts_with("1 "));
+   /* What is too large or no file is not waited for, nor read. */
+   ASSERT_EQ(0, mkfifo(Path("home/" + folder + "config").c_str(), 0600));
+   EXPECT_EQ(elsewhere, Run("explain a"));
+   EXPECT_TRUE(Run("-m 11 explain a").starts_with("0 decided by HOST DEFAULTS, "));
    setenv("D", (bundle + "tessel-dict").c_str(), 1);
    EXPECT_TRUE(Run("explain b").starts_with("0 decided by GLOBAL SETTINGS, ")) << Run("explain b");
 }

@@ -70,22 +70,6 @@ void DictEditAppend(DynBuf *buffer, std::string_view bytes)
    Secret_SafeAppend(buffer, bytes.data(), bytes.size(), MODULE, __LINE__);
 }
 
-bool DictEditRead(const FileIOHandle &file, DynBuf *content, MsgList *messages)
-{
-   std::array<char, 16384> block;
-   ssize_t count;
-
-   while ((count = Uninterrupted([&] { return read(file.fd, block.data(), block.size()); })) > 0) {
-      DictEditAppend(content, {block.data(), static_cast<size_t>(count)});
-   }
-   Secret_Zero(block.data(), block.size());
-   if (count == -1) {
-      MsgList_Append(messages, MSGLIST_ID("dictionary.load.openFailed") "Cannot open file \"%s\": %s.\n",
-                     file.path, strerror(errno));
-   }
-   return count == 0;
-}
-
 bool DictEditFind(std::string_view content, std::string_view name, DictEditPlace *place)
 {
    DictLLParts parts;
@@ -186,16 +170,12 @@ std::optional<DictEditResult> DictEditChange(const DictEdit &edit, std::string_v
    return std::nullopt;
 }
 
-DictEditResult DictEditReplace(FileIOHandle *file, const DictEdit &edit, MsgList *messages)
+DictEditResult DictEditReplace(FileIOHandle *file, const DictEdit &edit, std::string_view content,
+                               MsgList *messages)
 {
-   SecretBuffer content;
    SecretBuffer result;
 
-   if (!DictEditRead(*file, content.get(), messages)) {
-      return DictEditResult::FAILED;
-   }
-   const std::optional<DictEditResult> outcome =
-       DictEditChange(edit, DictEditView(content.get()), result.get(), messages);
+   const std::optional<DictEditResult> outcome = DictEditChange(edit, content, result.get(), messages);
    if (outcome.has_value()) {
       return *outcome;
    }
@@ -297,6 +277,7 @@ DictEditResult DictEditMake(const DictEdit &edit, const DictEditTarget &target, 
 DictEditResult DictEditLocked(const DictEdit &edit, const DictEditTarget &target, MsgList *messages)
 {
    struct stat attributes;
+   SecretBuffer content;
    DictEditFile file;
 
    /* Of a link that leads nowhere it is not known whose file it would make. */
@@ -306,10 +287,10 @@ DictEditResult DictEditLocked(const DictEdit &edit, const DictEditTarget &target
       return DictEditMake(edit, target, messages);
    }
    /* Whose lock is held is the file at this path, and not what a link there leads to. */
-   if (!DictEdit_OpenFile(&file, edit.path, O_RDWR | O_NOFOLLOW, edit.maxBytes, messages)) {
+   if (!DictEdit_ReadFile(&file, edit.path, O_RDWR | O_NOFOLLOW, edit.maxBytes, content.get(), messages)) {
       return DictEditResult::FAILED;
    }
-   return DictEditReplace(&file, edit, messages);
+   return DictEditReplace(&file, edit, DictEditView(content.get()), messages);
 }
 
 void DictEditReportBusy(const DictEdit &edit, MsgList *messages)
@@ -331,9 +312,10 @@ void DictEditReportBusy(const DictEdit &edit, MsgList *messages)
 
 } // namespace
 
-bool DictEdit_OpenFile(FileIOHandle *file, const char *path, int flags, uint64_t maxBytes, MsgList *messages)
+bool DictEdit_ReadFile(FileIOHandle *file, const char *path, int flags, uint64_t maxBytes, DynBuf *content,
+                       MsgList *messages)
 {
-   if (FileIO_OpenRegular(file, path, flags, 0, maxBytes)) {
+   if (FileIO_OpenRegular(file, path, flags, 0, maxBytes) && DictionaryFile_Read(*file, maxBytes, content)) {
       return true;
    }
    if (errno == EISDIR) {

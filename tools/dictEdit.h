@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+struct DynBuf;
 struct FileIOHandle;
 struct MsgList;
 
@@ -28,8 +29,9 @@ struct DictEdit {
    that is not there comes to be with all its content, but not through a link. */
 [[nodiscard]] DictEditResult DictEdit_Run(const DictEdit &edit, MsgList *messages);
 
-/* Opens a dictionary file, regular and not too large, without a wait. False, with a message. */
-[[nodiscard]] bool DictEdit_OpenFile(FileIOHandle *file, const char *path, int flags, uint64_t maxBytes,
-                                     MsgList *messages);
+/* Opens a dictionary file, regular and not too large, without a wait, and reads it into content. False, with a message;
+   the file is closed or to be closed. */
+[[nodiscard]] bool DictEdit_ReadFile(FileIOHandle *file, const char *path, int flags, uint64_t maxBytes,
+                                     DynBuf *content, MsgList *messages);
 
 #endif

@@ -6,6 +6,7 @@
 #include "lib/misc/host/hostinfo.h"
 #include "lib/misc/host/posixInt.h"
 #include "lib/string/str.h"
+#include "lib/user/dictionary.h"
 #include "location/location.h"
 
 #include <cstdio>
@@ -70,10 +71,11 @@ void DictExplainLayer(const PreferenceLayer *layer, void *context)
 
 } // namespace
 
-bool DictExplain_Print(const char *name)
+bool DictExplain_Print(const char *name, uint64_t maxBytes)
 {
    Explanation explanation = {.name = name, .decided = false};
 
+   DictionaryLoadOnlyRegular(maxBytes);
    DictExplainLocate();
    Preference_Init();
    Preference_Explain(name, DictExplainVerdict, &explanation);

@@ -113,16 +113,16 @@ int DictStatusFor(const MsgList *messages, int otherwise)
 bool DictLoadFile(const DictTask &task)
 {
    FileIOHandle file;
+   SecretBuffer content;
 
    if (strcmp(task.file, "-") == 0) {
       return Dictionary_Load(task.dictionary, task.file);
    }
-   if (!DictEdit_OpenFile(&file, task.file, O_RDONLY, task.options.maxBytes, task.messages)) {
-      return false;
-   }
-   const bool loaded = Dictionary_LoadFromFileHandle(task.dictionary, &file, task.messages);
+   const bool read =
+       DictEdit_ReadFile(&file, task.file, O_RDONLY, task.options.maxBytes, content.get(), task.messages);
    FileIO_Close(&file);
-   return loaded;
+   return read && Dictionary_LoadFromContent(task.dictionary, {content.get()->data, content.get()->size},
+                                             task.file, task.messages);
 }
 
 /* 0, or an exit status with everything reported. */
@@ -212,7 +212,7 @@ int DictDump(const DictTask &task)
 /* Its only argument is a name. */
 int DictExplain(const DictTask &task)
 {
-   return DictExplain_Print(task.file) ? TOOL_EXIT_OK : TOOL_EXIT_ABSENT;
+   return DictExplain_Print(task.file, task.options.maxBytes) ? TOOL_EXIT_OK : TOOL_EXIT_ABSENT;
 }
 
 constexpr std::array COMMANDS = {

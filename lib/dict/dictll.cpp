@@ -191,7 +191,9 @@ int DictLL_ReadText(FILE *stream, DynBuf *text)
    text->size = 0;
    while (true) {
       Secret_SafeReserve(text, USUAL_LINE, MODULE, __LINE__);
-      const size_t room = std::min<size_t>(text->allocated - text->size, INT_MAX);
+      /* Of what an earlier line left, which may be much, no more is filled than was read of this one. */
+      const size_t room =
+          std::min<size_t>({text->allocated - text->size, std::max<size_t>(USUAL_LINE, text->size), INT_MAX});
       const DictLLChunk chunk = DictLLReadChunk(stream, text->data + text->size, room);
       text->size += chunk.size;
       if (chunk.ended) {

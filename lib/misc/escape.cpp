@@ -21,9 +21,13 @@ constexpr std::string_view HEX_DIGITS = "0123456789ABCDEF";
    gathered is freed unless Finish hands it out. */
 class EscapeOutput {
  public:
+   /* Makes room for twice as much: left to itself, the buffer grows by steps, too slowly for long texts. */
    void Append(std::string_view bytes)
    {
-      complete_ = complete_ && DynBuf_Append(&buffer_, bytes.data(), bytes.size());
+      const uint64_t wanted = buffer_.size + bytes.size();
+      complete_ = complete_ &&
+                  (wanted <= buffer_.allocated || DynBuf_Enlarge(&buffer_, buffer_.allocated + wanted)) &&
+                  DynBuf_Append(&buffer_, bytes.data(), bytes.size());
    }
 
    void AppendByte(char byte)

@@ -11,6 +11,7 @@
 #include "lib/user/dictionary/write.h"
 #include "lib/user/msgList.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -29,6 +30,9 @@ constexpr const char *MAKE_EXECUTABLE = "Dictionary_MakeExecutable";
 constexpr size_t BLOCK_SIZE = size_t{64} * 1024;
 
 std::atomic<int> sCopies;
+
+constexpr uint64_t ANY_FILE = UINT64_MAX;
+std::atomic<uint64_t> sMaxBytes = ANY_FILE; /* Otherwise regular files only. */
 
 /* A stream to read secrets from, through a buffer that is zeroed. Null: none, and errno says why. */
 class DictionaryInput {
@@ -49,6 +53,18 @@ class DictionaryInput {
    SecretBuffer buffer_;
    OwnedStream stream_; /* Closed before its buffer goes. */
 };
+
+/* The file's content in a stream's stead. False with errno set. */
+bool DictionaryReadRegular(const char *path, uint64_t maxBytes, DynBuf *content)
+{
+   FileIOHandle file;
+
+   const bool read =
+       FileIO_OpenRegular(&file, path, O_RDONLY, 0, maxBytes) && DictionaryFile_Read(file, maxBytes, content);
+   const KeptErrno kept;
+   FileIO_Close(&file);
+   return read;
+}
 
 FILE *DictionaryOpenStream(const char *path)
 {
@@ -82,6 +98,18 @@ bool DictionaryReportLoadDirectory(const char *path, MsgList *messages)
    Log("%s: \"%s\" is a directory.\n", LOAD, path);
    MsgList_Append(messages, MSGLIST_ID("dictionary.load.isDirectory") "\"%s\" is a directory.\n", path);
    return false;
+}
+
+bool DictionaryLoadRegular(Dictionary *dictionary, const char *path, uint64_t maxBytes,
+                           EncodingId defaultEncoding, MsgList *messages)
+{
+   SecretBuffer content;
+
+   if (!DictionaryReadRegular(path, maxBytes, content.get())) {
+      return DictionaryReportLoadOpen(path, messages);
+   }
+   return DictionaryReadContent(dictionary, {content.get()->data, content.get()->size}, path, defaultEncoding,
+                                messages);
 }
 
 bool DictionaryLoadFile(Dictionary *dictionary, const char *path, EncodingId defaultEncoding,
@@ -217,7 +245,14 @@ bool DictionaryLoad(Dictionary *dictionary, const char *path, bool clear, Encodi
    if (strcmp(path, "-") == 0) {
       return DictionaryReadStream(dictionary, stdin, "<stdin>", defaultEncoding, messages);
    }
-   return DictionaryLoadFile(dictionary, path, defaultEncoding, messages);
+   const uint64_t maxBytes = sMaxBytes;
+   return maxBytes == ANY_FILE ? DictionaryLoadFile(dictionary, path, defaultEncoding, messages)
+                               : DictionaryLoadRegular(dictionary, path, maxBytes, defaultEncoding, messages);
+}
+
+void DictionaryLoadOnlyRegular(uint64_t maxBytes)
+{
+   sMaxBytes = std::min(maxBytes, ANY_FILE - 1);
 }
 
 bool Dictionary_Load(Dictionary *dictionary, const char *path)

@@ -5,6 +5,7 @@
 #include "lib/user/dictionary_core.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 struct FileIOHandle;
@@ -25,6 +26,10 @@ struct MsgList;
 [[nodiscard]] bool Dictionary_Append(Dictionary *dictionary, const char *path);
 [[nodiscard]] bool DictionaryLoad(Dictionary *dictionary, const char *path, bool clear,
                                   EncodingId defaultEncoding, MsgList *messages);
+
+/* Has the process load only regular files of at most so many bytes by their path from now on, without a wait for another
+   process; others cannot be opened. */
+void DictionaryLoadOnlyRegular(uint64_t maxBytes);
 
 /* Reads an open file from its start into the emptied dictionary and leaves it at its start. */
 [[nodiscard]] bool Dictionary_LoadFromFileHandle(Dictionary *dictionary, FileIOHandle *handle,

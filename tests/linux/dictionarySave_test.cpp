@@ -1,3 +1,5 @@
+#include "lib/file/fileIO.h"
+#include "lib/misc/memory/secret.h"
 #include "lib/public/program.h"
 #include "lib/user/dictionary.h"
 #include "lib/user/msgList.h"
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <malloc.h>
 #include <map>
 #include <string_view>
@@ -162,6 +165,16 @@ TEST_F(DictionarySave, EditsWhatWasThereBeforeTheLockOrNothing)
       EXPECT_EQ(after, shell("cat d/f e/f o/f o/f~; ls e/f~; [ -L d ] || ls d/f~")) << change;
       MsgList_Free(messages);
    }
+}
+
+/* A file that is longer than its size. */
+TEST(DictionaryFile, IsReadNoFurtherThanAllowed)
+{
+   SecretBuffer content;
+   FileIOHandle file;
+   EXPECT_FALSE(DictEdit_ReadFile(&file, "/proc/self/status", O_RDONLY, 10, content.get(), nullptr));
+   EXPECT_EQ(EFBIG, errno);
+   FileIO_Close(&file);
 }
 
 /* No block that is released still holds it. */

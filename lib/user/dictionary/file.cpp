@@ -1,11 +1,13 @@
 #include "lib/user/dictionary/file.h"
 
 #include "base/owned.h"
+#include "lib/misc/memory/secret.h"
 #include "lib/misc/memory/util.h"
 #include "lib/public/program.h"
 #include "lib/user/msgList.h"
 #include "platform/durable.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +16,8 @@
 #include <unistd.h>
 
 namespace {
+
+constexpr const char *MODULE = "lib/user/dictionary/file";
 
 /* Deliberately executable: dictionary files may carry an interpreter line. */
 constexpr mode_t NEW_FILE_MODE = 0754;
@@ -187,6 +191,26 @@ bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages
       return false;
    }
    return true;
+}
+
+bool DictionaryFile_Read(const FileIOHandle &file, uint64_t maxBytes, DynBuf *content)
+{
+   std::array<char, 16384> block;
+   uint64_t left = maxBytes;
+   ssize_t count;
+
+   while ((count = Uninterrupted([&] { return read(file.fd, block.data(), block.size()); })) > 0) {
+      const auto size = static_cast<size_t>(count);
+      if (size > left) {
+         errno = EFBIG;
+         count = -1;
+         break;
+      }
+      left -= size;
+      Secret_SafeAppend(content, block.data(), size, MODULE, __LINE__);
+   }
+   Secret_Zero(block.data(), block.size());
+   return count == 0;
 }
 
 bool DictionaryFile_Store(FileIOHandle *file, FileIOHandle *temporary, std::string_view text,

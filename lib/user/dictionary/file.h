@@ -3,14 +3,21 @@
 
 #include "lib/file/fileIO.h"
 
+#include <cstdint>
 #include <string_view>
 
+struct DynBuf;
 struct MsgList;
 
-/* A finished text put into a dictionary file. Each routine gives false with a message for the user. */
+/* The content of a dictionary file as a whole. Each routine that takes a message list gives false with a message for the
+   user. */
 
 /* Opens a file that is to be written, with its old content, or makes it. */
 [[nodiscard]] bool DictionaryFile_Open(FileIOHandle *file, const char *path, MsgList *messages);
+
+/* Appends what is left of the open file, which is secret, to content. False with errno set: EFBIG for more than so many
+   bytes, however few it had when it was opened. */
+[[nodiscard]] bool DictionaryFile_Read(const FileIOHandle &file, uint64_t maxBytes, DynBuf *content);
 
 /* Makes the text the content of the open file: by way of temporary, from FileIO_AtomicTempFile, which is then used
    up, or, for null and where the one cannot take the other's place, by rewriting the file as it stands. */

@@ -253,12 +253,18 @@ bool DictionaryReadStream(Dictionary *dictionary, FILE *stream, const char *file
 bool Dictionary_LoadFromContent(Dictionary *dictionary, std::string_view content, const char *fileName,
                                 MsgList *messages)
 {
+   Dictionary_Clear(dictionary);
+   return DictionaryReadContent(dictionary, content, fileName, ENCODING_DEFAULT, messages);
+}
+
+bool DictionaryReadContent(Dictionary *dictionary, std::string_view content, const char *fileName,
+                           EncodingId defaultEncoding, MsgList *messages)
+{
    const bool marked = content.starts_with(BYTE_ORDER_MARK);
 
    content.remove_prefix(marked ? BYTE_ORDER_MARK.size() : 0);
-   Dictionary_Clear(dictionary);
    return DictionaryReadFile(
-       dictionary, fileName, marked, ENCODING_DEFAULT, messages,
+       dictionary, fileName, marked, defaultEncoding, messages,
        [content](DictionaryReader *reader) { return DictionaryTakeText(reader, content); });
 }
 

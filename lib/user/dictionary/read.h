@@ -14,6 +14,10 @@ struct MsgList;
 bool DictionaryReadStream(Dictionary *dictionary, FILE *stream, const char *fileName,
                           EncodingId defaultEncoding, MsgList *messages);
 
+/* The same from the content of a file. */
+bool DictionaryReadContent(Dictionary *dictionary, std::string_view content, const char *fileName,
+                           EncodingId defaultEncoding, MsgList *messages);
+
 /* Whether the name is ".encoding" or one of its older spellings. */
 bool DictionaryIsEncodingName(std::string_view name);
 
