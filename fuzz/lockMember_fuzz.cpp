@@ -24,12 +24,11 @@ const ScratchFolder &Folder()
 FileLockPlace Place()
 {
    FileLockPlace place;
-   place.directory.reset(strdup(Folder().Path("lock.lck").c_str()));
-   static const bool made = mkdir(place.directory.get(), 0700) == 0 &&
+   REQUIRE(FileLockPlace_Find(&place, Folder().Path("lock").c_str()) == 0);
+   static const bool made = FileLockPlace_Make(place) == 0 &&
                             mkdir(Folder().Path("lock.lck/D00007.lck").c_str(), 0700) == 0;
    REQUIRE(made && FileLockPlace_Open(&place) == 0);
    REQUIRE(FileLockIdentity_Get(&place.self));
-   FileLockIdentity_Checksum(place.directory.get(), place.checksum);
    return place;
 }
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <unistd.h>
 
 /* A folder of the process's own, removed at its end: in memory, where there is a place for that, since writing a file
    through to the disk costs nothing there. */
