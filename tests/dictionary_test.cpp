@@ -337,22 +337,6 @@ TEST_F(Dictionaries, SayWhereReadingFails)
              Log());
 }
 
-/* Neither many lines behind a long one nor a long one for the log take time as the square of their size. */
-TEST_F(Dictionaries, ReadsInTimeThatGrowsWithTheFile)
-{
-   std::string lines;
-   for (int i = 0; i < 100000; i++) {
-      lines += "#\n";
-   }
-   for (const std::string &file :
-        {"#" + std::string(4 << 20, 'x') + "\n" + lines, std::string(4 << 20, '\0')}) {
-      WriteFile(Path(), file);
-      const clock_t start = clock();
-      EXPECT_EQ(file.starts_with('#'), Dictionary_Load(dictionary_, Path().c_str()));
-      EXPECT_GT(10 * CLOCKS_PER_SEC, clock() - start);
-   }
-}
-
 TEST_F(Dictionaries, TakeABufferWithoutAFileName)
 {
    EXPECT_TRUE(Unmarshal("a = \"x\"\r\nb = \"y\ry\"\r\n#\r\n"));
