@@ -170,7 +170,7 @@ bool DictionaryFileLink(const FileIOHandle &temporary, const char *name)
       static_cast<void>(unlinkat(folder, old, 0));
       return true;
    }
-   if (errno != EPERM && errno != ENOTSUP && errno != EOPNOTSUPP) {
+   if (errno != EPERM && errno != ENOTSUP) {
       return false;
    }
    /* A file system without hard links: the name is taken first, by an empty file. */
