@@ -25,8 +25,8 @@ FileLockPlace Place()
 {
    FileLockPlace place;
    REQUIRE(FileLockPlace_Find(&place, Folder().Path("lock").c_str()) == 0);
-   static const bool made = FileLockPlace_Make(place) == 0 &&
-                            mkdir(Folder().Path("lock.lck/D00007.lck").c_str(), 0700) == 0;
+   static const bool made =
+       FileLockPlace_Make(place) == 0 && mkdir(Folder().Path("lock.lck/D00007.lck").c_str(), 0700) == 0;
    REQUIRE(made && FileLockPlace_Open(&place) == 0);
    REQUIRE(FileLockIdentity_Get(&place.self));
    return place;

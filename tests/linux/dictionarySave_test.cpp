@@ -144,16 +144,16 @@ TEST_F(DictionarySave, EditsWhatWasThereBeforeTheLockOrNothing)
          return program.Output();
       };
       shell("mkdir d o; echo a=o >o/f; echo t >o/f~; " + prepare);
-      CallWatch watch({call}, [&, done = false, place = argument](Call &bent) mutable {
+      CallWatch watch({call}, [&, done = false, place = argument, made = change](Call &bent) mutable {
          const auto *const path = reinterpret_cast<const char *>(bent.arguments[place]);
          if (done || !std::string_view(path).ends_with('f')) {
             return;
          }
          done = true;
-         if (change.empty()) {
+         if (made.empty()) {
             bent.Fail(EPERM);
          }
-         shell(change);
+         shell(made);
       });
       const std::string path = folder.Path("d/f");
       MsgList *const messages = MsgList_Create();
